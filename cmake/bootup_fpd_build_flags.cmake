@@ -1,0 +1,22 @@
+# Warnings, hardening and sanitizers, the same for everything that is built here.
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(bootup_fpd_build_flags INTERFACE)
+target_compile_options(bootup_fpd_build_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -fstack-protector-strong -fstack-clash-protection)
+target_link_options(bootup_fpd_build_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  target_compile_options(bootup_fpd_build_flags INTERFACE -fcf-protection)
+endif()
+
+if(BOOTUP_FPD_SANITIZE)
+  # Fortified wrappers hide from the sanitizers what the plain functions do.
+  target_compile_options(bootup_fpd_build_flags INTERFACE
+    -fsanitize=${BOOTUP_FPD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -U_FORTIFY_SOURCE)
+  target_link_options(bootup_fpd_build_flags INTERFACE -fsanitize=${BOOTUP_FPD_SANITIZE})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_options(bootup_fpd_build_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()

@@ -1,0 +1,20 @@
+/// The compact version of an FPD's firmware, shared with the FPD description library.
+#ifndef FPD_VERSION_H
+#define FPD_VERSION_H
+
+#include <stdint.h>
+
+/// Kinds of a version. What this program makes is FPD_VERSION_NORMAL; the description library may return the others.
+#define FPD_VERSION_NORMAL 0U
+#define FPD_VERSION_NO_DEBUG 253U /* printed "%d.%d" */
+#define FPD_VERSION_UNKNOWN 255U  /* printed "Unknown" */
+
+/// 6 bytes, natural alignment; the last byte is padding and zero.
+typedef struct FpdVersion {
+    uint8_t kind;
+    uint8_t major;
+    uint16_t minor;
+    uint8_t debug;
+} FpdVersion;
+
+#endif
