@@ -1,0 +1,374 @@
+#include "sandbox.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "sandbox_root.h"
+
+namespace fs = std::filesystem;
+
+namespace cardsim {
+namespace {
+
+constexpr int power_off_signal = SIGUSR2;  // to the supervisor
+constexpr const char *command_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+// What the sandbox tells the caller while it starts: one byte a step, text behind `refused`.
+constexpr char unshared = 'u';
+constexpr char ready = 'r';
+constexpr char refused = 'e';
+
+class Descriptor {
+  public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Descriptor &operator=(Descriptor &&other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~Descriptor() { reset(); }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+struct Pipe {
+    Descriptor reader;
+    Descriptor writer;
+};
+
+Pipe make_pipe() {
+    std::array<int, 2> ends;
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+/// Blocks every signal for its lifetime and knows the mask of before.
+class SignalsBlocked {
+  public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    const sigset_t &before() const { return before_; }
+
+  private:
+    sigset_t before_;
+};
+
+/// What the sandbox's processes work with; `before` is the caller's signal mask.
+struct Start {
+    const SandboxLayout &layout;
+    const std::function<int()> &body;
+    const sigset_t &before;
+    struct sigaction child_action;
+    mode_t mask;
+    Pipe report = make_pipe();     // sandbox to caller
+    Pipe maps_done = make_pipe();  // caller to supervisor
+    Pipe alive = make_pipe();      // supervisor to init: closed when the supervisor is gone
+};
+
+void send(const Descriptor &pipe, const std::string &text) {
+    // The reader is either there or killed together with us; a short text never blocks.
+    [[maybe_unused]] const ssize_t written = write(pipe.get(), text.data(), text.size());
+}
+
+char receive(const Descriptor &pipe) {
+    char byte = 0;
+    while (read(pipe.get(), &byte, 1) < 0 && errno == EINTR) continue;
+    return byte;
+}
+
+std::string receive_rest(const Descriptor &pipe) {
+    std::string text;
+    while (const char byte = receive(pipe)) text += byte;
+    return text;
+}
+
+int exit_status(int wait_status) {
+    return WIFSIGNALED(wait_status) ? 128 + WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
+}
+
+// ---- inside: the body and the init
+
+[[noreturn]] void run_body(Start &start) {
+    start.report.writer.reset();
+    start.alive.reader.reset();
+    sigaction(SIGCHLD, &start.child_action, nullptr);
+    umask(start.mask);
+    std::string path;
+    for (const fs::path &directory : start.layout.path_first) path += directory.string() + ":";
+    setenv("PATH", (path + command_path).c_str(), 1);
+    pthread_sigmask(SIG_SETMASK, &start.before, nullptr);
+    const int status = start.body();
+    std::cout.flush();
+    std::fflush(nullptr);
+    _exit(status);
+}
+
+/// Signals of the terminal reach the body by themselves, as one of its foreground processes.
+bool sent_by_a_process(const siginfo_t &signal) {
+    return signal.si_code <= 0;
+}
+
+bool is_forwarded(int signal_number) {
+    return signal_number == SIGTERM || signal_number == SIGINT || signal_number == SIGHUP;
+}
+
+/// Waits for the next signal; all are blocked.
+siginfo_t next_signal() {
+    sigset_t all;
+    sigfillset(&all);
+    siginfo_t signal = {};
+    while (sigwaitinfo(&all, &signal) < 0) continue;
+    return signal;
+}
+
+/// Collects whoever ended; the exit status when `child` was among them.
+std::optional<int> reap(pid_t child) {
+    int status = 0;
+    std::optional<int> result;
+    while (const pid_t pid = waitpid(-1, &status, WNOHANG)) {
+        if (pid < 0) break;
+        if (pid == child) result = exit_status(status);
+    }
+    return result;
+}
+
+/// Forwards signals to `child` until it ends; a power-off kills it.
+int supervise(pid_t child) {
+    while (true) {
+        const siginfo_t signal = next_signal();
+        if (signal.si_signo == SIGCHLD) {
+            if (const std::optional<int> status = reap(child)) return *status;
+        } else if (signal.si_signo == power_off_signal) {
+            kill(child, SIGKILL);
+        } else if (is_forwarded(signal.si_signo) && sent_by_a_process(signal)) {
+            kill(child, signal.si_signo);
+        }
+    }
+}
+
+/// Dies with the supervisor; also when that ended before the kernel was asked for it.
+void die_with_supervisor(Start &start) {
+    start.alive.writer.reset();
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    pollfd supervisor = {start.alive.reader.get(), 0, 0};
+    if (poll(&supervisor, 1, 0) != 0) _exit(1);
+}
+
+/// Process 1 of the sandbox: its end ends everything in the PID namespace.
+[[noreturn]] void run_init(Start &start) {
+    die_with_supervisor(start);
+    try {
+        sandbox_root_enter(start.layout);
+    } catch (const std::exception &reason) {
+        send(start.report.writer, refused + std::string(reason.what()));
+        _exit(1);
+    }
+    const pid_t body = fork();
+    if (body == 0) run_body(start);
+    if (body < 0) {
+        send(start.report.writer, refused + std::string("fork: ") + std::strerror(errno));
+        _exit(1);
+    }
+    send(start.report.writer, std::string(1, ready));
+    start.report.writer.reset();
+    _exit(supervise(body));
+}
+
+// ---- outside: the supervisor, child of the caller
+
+/// The kernel frees dead IPC namespaces late: with many sandboxes in a row its limit may be met for a moment.
+bool unshare_namespaces() {
+    const int flags = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        if (unshare(flags) == 0) return true;
+        if (errno != ENOSPC) return false;
+        usleep(10'000);
+    }
+    return false;
+}
+
+[[noreturn]] void run_supervisor(Start &start, pid_t caller) {
+    start.report.reader.reset();
+    start.maps_done.writer.reset();
+    struct sigaction ordinary = {};
+    ordinary.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &ordinary, &start.child_action);
+    start.mask = umask(022);
+    if (!unshare_namespaces()) {
+        const int error_number = errno;
+        send(start.report.writer, refused + std::string("new user, mount, IPC and PID namespaces: ") +
+                                      std::strerror(error_number) + sandbox_refusal_hint(error_number));
+        _exit(1);
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != caller) _exit(1);
+    send(start.report.writer, std::string(1, unshared));
+    if (receive(start.maps_done.reader) != ready) _exit(1);
+    start.maps_done.reader.reset();
+    const pid_t init = fork();
+    if (init == 0) run_init(start);
+    if (init < 0) {
+        send(start.report.writer, refused + std::string("fork: ") + std::strerror(errno));
+        _exit(1);
+    }
+    start.report.writer.reset();
+    start.alive.reader.reset();
+    _exit(supervise(init));
+}
+
+// ---- the caller
+
+bool write_file(const std::string &path, const std::string &text) {
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return file.get() >= 0 && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+/// Every id of our own namespace under its own number.
+std::string identity_map(const char *own_map) {
+    std::ifstream extents(own_map);
+    std::ostringstream map;
+    unsigned long inside = 0;
+    unsigned long outside = 0;
+    unsigned long count = 0;
+    while (extents >> inside >> outside >> count) map << inside << ' ' << inside << ' ' << count << '\n';
+    return map.str();
+}
+
+/// Root keeps all ids; anybody else, and a root that lacks the capabilities, is only root inside.
+void write_id_maps(pid_t supervisor) {
+    const std::string process = "/proc/" + std::to_string(supervisor);
+    if (geteuid() == 0 && write_file(process + "/uid_map", identity_map("/proc/self/uid_map"))) {
+        if (write_file(process + "/gid_map", identity_map("/proc/self/gid_map"))) return;
+    } else if (write_file(process + "/uid_map", "0 " + std::to_string(geteuid()) + " 1") &&
+               write_file(process + "/setgroups", "deny") &&
+               write_file(process + "/gid_map", "0 " + std::to_string(getegid()) + " 1")) {
+        return;
+    }
+    const int error_number = errno;
+    throw std::runtime_error(std::string("map the user into the namespace: ") + std::strerror(error_number) +
+                             sandbox_refusal_hint(error_number));
+}
+
+void expect(const Descriptor &report, char step) {
+    const char byte = receive(report);
+    if (byte == step) return;
+    if (byte == refused) throw std::runtime_error(receive_rest(report));
+    throw std::runtime_error("its first process was killed while it started");
+}
+
+/// Lets the supervisor go on to the running body. Throws with the reason when something refused.
+void bring_up(Start &start, pid_t supervisor) {
+    start.report.writer.reset();
+    start.alive = {};
+    expect(start.report.reader, unshared);
+    write_id_maps(supervisor);
+    send(start.maps_done.writer, std::string(1, ready));
+    expect(start.report.reader, ready);
+}
+
+int pidfd_open(pid_t pid) {
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+}  // namespace
+
+Sandbox::Sandbox(Sandbox &&other) noexcept
+    : supervisor_(std::exchange(other.supervisor_, -1)), supervisor_fd_(std::exchange(other.supervisor_fd_, -1)) {}
+
+Sandbox &Sandbox::operator=(Sandbox &&other) noexcept {
+    std::swap(supervisor_, other.supervisor_);
+    std::swap(supervisor_fd_, other.supervisor_fd_);
+    return *this;
+}
+
+Sandbox::~Sandbox() {
+    power_off();
+}
+
+std::optional<int> Sandbox::wait_for(std::chrono::milliseconds timeout) {
+    pollfd end = {supervisor_fd_, POLLIN, 0};
+    if (poll(&end, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
+    return wait();
+}
+
+int Sandbox::wait() {
+    int status = 0;
+    while (waitpid(supervisor_, &status, 0) < 0 && errno == EINTR) continue;
+    close(supervisor_fd_);
+    supervisor_ = supervisor_fd_ = -1;
+    return exit_status(status);
+}
+
+void Sandbox::forward(int signal_number) const {
+    if (running()) kill(supervisor_, signal_number);
+}
+
+void Sandbox::power_off() {
+    if (!running()) return;
+    kill(supervisor_, power_off_signal);
+    wait();
+}
+
+bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body, Sandbox &sandbox,
+                   std::string &error) {
+    try {
+        const SandboxLayout resolved = sandbox_layout_resolve(layout);
+        const SignalsBlocked signals;
+        Sandbox started;  // outlives the pipes: a supervisor that still waits for one of them ends when they close
+        Start start = {resolved, body, signals.before(), {}, 0};
+        const pid_t caller = getpid();
+        std::cout.flush();
+        std::fflush(nullptr);
+        const pid_t supervisor = fork();
+        if (supervisor == 0) run_supervisor(start, caller);
+        if (supervisor < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+        started.supervisor_ = supervisor;
+        started.supervisor_fd_ = pidfd_open(supervisor);
+        bring_up(start, supervisor);
+        sandbox = std::move(started);
+        return true;
+    } catch (const std::exception &reason) {
+        error = std::string("no sandbox: ") + reason.what();
+        return false;
+    }
+}
+
+int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body, std::string &error) {
+    Sandbox sandbox;
+    if (!sandbox_start(layout, body, sandbox, error)) return -1;
+    return sandbox.wait();
+}
+
+}  // namespace cardsim

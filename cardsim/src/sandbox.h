@@ -1,0 +1,92 @@
+/// A sandbox in which the absolute paths of a card are those of one simulated card.
+///
+/// A body runs in a child inside user, mount, IPC and PID namespaces of its own. It needs no privilege: an ordinary
+/// user is root inside, root keeps its identity. Nothing of it outlives the body, and the host sees nothing of its
+/// mounts, message queues and processes. Sandboxes nest.
+///
+/// Inside, the host's file system is there (/usr /etc /boot /opt /lib* /bin /sbin read-only, the rest as the caller may
+/// use it) except for what SandboxLayout names, /dev (null zero full random urandom tty pts shm mqueue, nothing else)
+/// and /proc (that of the PID namespace). POSIX message queues may hold `sandbox_message_limit` messages.
+#ifndef CARDSIM_SANDBOX_H
+#define CARDSIM_SANDBOX_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace cardsim {
+
+/// fs.mqueue.msg_max inside.
+inline constexpr int sandbox_message_limit = 1024;
+
+/// Where the content of the flash is found inside; a mount command binds it on /mnt/obfl.
+inline constexpr const char *sandbox_flash_path = "/.cardsim/flash";
+
+/// A directory of the host, shown at an absolute path inside. Writable as it is on the host.
+struct SandboxBind {
+    std::filesystem::path source;
+    std::filesystem::path target;
+};
+
+/// The card's directories on the host. An empty member is not provided: an empty directory of the sandbox's own stands
+/// there instead (no file at all for `bootstrap_file`, the host's /usr/sbin for `boot_commands`).
+struct SandboxLayout {
+    std::filesystem::path packaged_firmware;  ///< /pkg/fpd/ucode
+    std::filesystem::path log;                ///< /var/log
+    std::filesystem::path scratch;            ///< /misc/scratch
+    std::filesystem::path local_etc;          ///< /usr/local/etc
+    std::filesystem::path flash;              ///< sandbox_flash_path; /mnt/obfl itself is an empty directory
+    std::filesystem::path boot_commands;      ///< its entries stand in /usr/sbin, before the host's of the same name
+    std::filesystem::path bootstrap_file;     ///< copied to /dev/kd_bootstrap, a plain file that the body may change
+    std::vector<SandboxBind> extra;           ///< shown as they are
+    std::vector<std::filesystem::path> path_first;  ///< searched for commands before the system's directories
+};
+
+/// A running sandbox. Destroying it kills everything inside and waits until it is gone.
+/// The thread that started it must outlive it: the kernel kills the sandbox together with that thread.
+class Sandbox {
+  public:
+    Sandbox() = default;
+    Sandbox(Sandbox &&other) noexcept;
+    Sandbox &operator=(Sandbox &&other) noexcept;
+    ~Sandbox();
+
+    bool running() const { return supervisor_ > 0; }
+
+    /// Waits at most `timeout` for the body's end. Its exit status, 128 + n when signal n ended it; empty: still
+    /// running.
+    std::optional<int> wait_for(std::chrono::milliseconds timeout);
+
+    /// Waits for the body's end.
+    int wait();
+
+    /// Sends SIGTERM, SIGINT or SIGHUP to the body.
+    void forward(int signal_number) const;
+
+    /// Kills everything inside at once and returns when nothing is left.
+    void power_off();
+
+  private:
+    friend bool sandbox_start(const SandboxLayout &, const std::function<int()> &, Sandbox &, std::string &);
+
+    pid_t supervisor_ = -1;  ///< child of the caller that waits for the sandbox's init
+    int supervisor_fd_ = -1;
+};
+
+/// Starts `body` in a sandbox; its result is the exit status (low 8 bits). Stdio is flushed before and behind it; it
+/// keeps the caller's open files, environment (but PATH), signal mask and, where it exists inside, working directory.
+/// Returns false with a one-line reason in `error` when there can be no sandbox; nothing ran and nothing was written
+/// then.
+bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body, Sandbox &sandbox, std::string &error);
+
+/// Runs `body` to its end. Its exit status as Sandbox::wait gives it, or -1 with a one-line reason in `error`.
+int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body, std::string &error);
+
+}  // namespace cardsim
+
+#endif
