@@ -1,0 +1,282 @@
+#include "card_state.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <sstream>
+#include <string_view>
+
+#include "cancellation.h"
+#include "toml_reader.h"
+
+namespace cardsim {
+
+namespace {
+
+constexpr int64_t max_u32 = std::numeric_limits<uint32_t>::max();
+
+RegionState initial_region(const FpdDescription &fpd, size_t index) {
+    const RegionDescription &region = fpd.regions[index];
+    return {fpd.id, static_cast<uint8_t>(index), region.name, region.running, region.programmed, std::nullopt, 0};
+}
+
+toml::array version_array(const FirmwareVersion &version) {
+    return toml::array{version.major, version.minor, version.debug};
+}
+
+std::optional<FirmwareVersion> version_key(TableReader &reader, const char *key) {
+    const toml::node *node = reader.node(key);
+    if (node == nullptr) {
+        return std::nullopt;
+    }
+    uint16_t parts[3] = {};
+    const toml::array *array = node->as_array();
+    bool is_version = array != nullptr && array->size() == 3;
+    for (size_t index = 0; is_version && index < 3; ++index) {
+        const auto part = array->get(index)->value_exact<int64_t>();
+        is_version = part && *part >= 0 && *part <= std::numeric_limits<uint16_t>::max();
+        parts[index] = static_cast<uint16_t>(part.value_or(0));
+    }
+    if (!is_version) {
+        reader.fail(key, "expected [major, minor, debug], each from 0 to 65535");
+    }
+    return FirmwareVersion{parts[0], parts[1], parts[2]};
+}
+
+RegionState read_region(const toml::table &table) {
+    TableReader reader(table, "[[region]]");
+    RegionState region;
+    region.fpd = static_cast<uint32_t>(reader.need("fpd", reader.whole("fpd", 0, max_u32)));
+    region.index = static_cast<uint8_t>(reader.need("region", reader.whole("region", 0, 255)));
+    region.name = reader.need("name", reader.text("name"));
+    region.running = reader.need("running", version_key(reader, "running"));
+    region.programmed = reader.need("programmed", version_key(reader, "programmed"));
+    region.falls_back = version_key(reader, "falls_back");
+    region.attempts = static_cast<uint32_t>(reader.need("attempts", reader.whole("attempts", 0, max_u32)));
+    reader.finish();
+    return region;
+}
+
+LedState read_led(const toml::table &table) {
+    TableReader reader(table, "[[led]]");
+    LedState led;
+    led.id = static_cast<uint32_t>(reader.need("id", reader.whole("id", 0, max_u32)));
+    led.state = static_cast<uint32_t>(reader.need("state", reader.whole("state", 0, max_u32)));
+    led.color = static_cast<uint32_t>(reader.need("color", reader.whole("color", 0, max_u32)));
+    reader.finish();
+    return led;
+}
+
+CardState read_state(const toml::table &root) {
+    constexpr int64_t min_int = std::numeric_limits<int>::min();
+    constexpr int64_t max_int = std::numeric_limits<int>::max();
+    TableReader reader(root, "the state");
+    CardState state;
+    state.boot = static_cast<uint32_t>(reader.need("boot", reader.whole("boot", 1, max_u32)));
+    state.auto_upgrade = static_cast<int>(reader.need("auto_upgrade", reader.whole("auto_upgrade", min_int, max_int)));
+    state.upgrade_mode = static_cast<int>(reader.need("upgrade_mode", reader.whole("upgrade_mode", min_int, max_int)));
+    for (const toml::table *region : reader.tables("region")) {
+        state.regions.push_back(read_region(*region));
+    }
+    for (const toml::table *led : reader.tables("led")) {
+        state.leds.push_back(read_led(*led));
+    }
+    reader.finish();
+    return state;
+}
+
+/// The saved state of the parts that the card has, in the description's order; what was never saved as described.
+CardState fitted_to(const CardDescription &card, const CardState &saved) {
+    CardState state = initial_state(card);
+    state.boot = saved.boot;
+    state.auto_upgrade = saved.auto_upgrade;
+    state.upgrade_mode = saved.upgrade_mode;
+    for (RegionState &region : state.regions) {
+        const RegionState *known = find_region(saved, region.fpd, region.index);
+        if (known != nullptr && known->name == region.name) {
+            region = *known;
+        }
+    }
+    for (LedState &led : state.leds) {
+        const auto known = std::find_if(saved.leds.begin(), saved.leds.end(),
+                                        [&](const LedState &other) { return other.id == led.id; });
+        led = known == saved.leds.end() ? led : *known;
+    }
+    return state;
+}
+
+toml::table region_table(const RegionState &region) {
+    toml::table table{{"fpd", static_cast<int64_t>(region.fpd)},
+                      {"region", static_cast<int64_t>(region.index)},
+                      {"name", region.name},
+                      {"running", version_array(region.running)},
+                      {"programmed", version_array(region.programmed)},
+                      {"attempts", static_cast<int64_t>(region.attempts)}};
+    if (region.falls_back) {
+        table.insert("falls_back", version_array(*region.falls_back));
+    }
+    return table;
+}
+
+std::string state_text(const CardState &state) {
+    toml::array regions;
+    for (const RegionState &region : state.regions) {
+        regions.push_back(region_table(region));
+    }
+    toml::array leds;
+    for (const LedState &led : state.leds) {
+        leds.push_back(toml::table{{"id", static_cast<int64_t>(led.id)},
+                                   {"state", static_cast<int64_t>(led.state)},
+                                   {"color", static_cast<int64_t>(led.color)}});
+    }
+    std::ostringstream text;
+    text << toml::table{{"boot", static_cast<int64_t>(state.boot)},
+                        {"auto_upgrade", static_cast<int64_t>(state.auto_upgrade)},
+                        {"upgrade_mode", static_cast<int64_t>(state.upgrade_mode)},
+                        {"region", regions},
+                        {"led", leds}}
+         << "\n";
+    return text.str();
+}
+
+bool write_all(int file, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(file, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+    }
+    return true;
+}
+
+/// Writes, syncs and closes; false with errno set when one of them fails.
+bool fill_and_close(int file, std::string_view text) {
+    const bool is_written = write_all(file, text) && fchmod(file, 0644) == 0 && fsync(file) == 0;
+    const int reason = errno;
+    const bool is_closed = close(file) == 0;
+    errno = is_written ? errno : reason;
+    return is_written && is_closed;
+}
+
+/// Makes a rename in the directory outlast a loss of power; a file system that cannot do that is no failure.
+void sync_directory(const std::filesystem::path &directory) {
+    const int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle >= 0) {
+        fsync(handle);
+        close(handle);
+    }
+}
+
+int open_locked(const std::filesystem::path &directory) {
+    const CancellationDisabled uncancelled;
+    const int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle < 0) {
+        return -1;
+    }
+    while (flock(handle, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            close(handle);
+            return -1;
+        }
+    }
+    return handle;
+}
+
+}  // namespace
+
+CardState initial_state(const CardDescription &card) {
+    CardState state;
+    state.auto_upgrade = card.auto_upgrade;
+    state.upgrade_mode = card.upgrade_mode;
+    for (const FpdDescription &fpd : card.fpds) {
+        for (size_t index = 0; index < fpd.regions.size(); ++index) {
+            state.regions.push_back(initial_region(fpd, index));
+        }
+    }
+    for (const LedDescription &led : card.leds) {
+        state.leds.push_back({led.id, led.state, led.color});
+    }
+    return state;
+}
+
+int load_state(const std::filesystem::path &directory, const CardDescription &card, CardState &state,
+               std::string &error) {
+    const std::filesystem::path file = state_file(directory);
+    std::error_code ignored;
+    if (std::filesystem::is_directory(directory, ignored) && !std::filesystem::exists(file, ignored)) {
+        state = initial_state(card);
+        return 0;
+    }
+    try {
+        state = fitted_to(card, read_state(parse_toml_file(file)));
+        return 0;
+    } catch (const TomlError &wrong) {
+        error = error_text(file, wrong);
+        return -1;
+    }
+}
+
+int save_state(const std::filesystem::path &directory, const CardState &state, std::string &error) {
+    const CancellationDisabled uncancelled;
+    const std::filesystem::path file = state_file(directory);
+    std::string temporary = file.string() + ".XXXXXX";
+    const std::string text = state_text(state);
+    const int handle = mkostemp(temporary.data(), O_CLOEXEC);
+    if (handle < 0) {
+        error = file.string() + ": cannot be written: " + std::strerror(errno);
+        return -1;
+    }
+    if (!fill_and_close(handle, text) || std::rename(temporary.c_str(), file.c_str()) != 0) {
+        error = file.string() + ": cannot be written: " + std::strerror(errno);
+        unlink(temporary.c_str());
+        return -1;
+    }
+    sync_directory(directory);
+    return 0;
+}
+
+void reload(CardState &state) {
+    for (RegionState &region : state.regions) {
+        region.programmed = region.falls_back.value_or(region.programmed);
+        region.falls_back.reset();
+        region.running = region.programmed;
+        region.attempts = 0;
+    }
+    ++state.boot;
+}
+
+const RegionState *find_region(const CardState &state, uint32_t fpd, uint8_t index) {
+    const auto found = std::find_if(state.regions.begin(), state.regions.end(), [&](const RegionState &region) {
+        return region.fpd == fpd && region.index == index;
+    });
+    return found == state.regions.end() ? nullptr : &*found;
+}
+
+RegionState *find_region(CardState &state, uint32_t fpd, uint8_t index) {
+    return const_cast<RegionState *>(find_region(std::as_const(state), fpd, index));
+}
+
+LedState *find_led(CardState &state, uint32_t id) {
+    const auto found =
+        std::find_if(state.leds.begin(), state.leds.end(), [&](const LedState &led) { return led.id == id; });
+    return found == state.leds.end() ? nullptr : &*found;
+}
+
+StateLock::StateLock(const std::filesystem::path &directory) : directory_(open_locked(directory)) {}
+
+StateLock::~StateLock() {
+    const CancellationDisabled uncancelled;
+    if (directory_ >= 0) {
+        close(directory_);
+    }
+}
+
+}  // namespace cardsim

@@ -1,0 +1,196 @@
+#include "toml_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+namespace cardsim {
+
+namespace {
+
+std::string type_name(const toml::node &node) {
+    switch (node.type()) {
+        case toml::node_type::table:
+            return "a table";
+        case toml::node_type::array:
+            return "an array";
+        case toml::node_type::string:
+            return "a text";
+        case toml::node_type::integer:
+            return "a whole number";
+        case toml::node_type::floating_point:
+            return "a number";
+        case toml::node_type::boolean:
+            return "true or false";
+        default:
+            return "a date or a time";
+    }
+}
+
+bool is_control_character(char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return value < 0x20 || value == 0x7f;
+}
+
+}  // namespace
+
+uint32_t line_of(const toml::node &node) {
+    return static_cast<uint32_t>(node.source().begin.line);
+}
+
+toml::table parse_toml_file(const std::filesystem::path &file) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(file, ignored)) {
+        throw TomlError{0, std::string("cannot be read: ") + std::strerror(EISDIR)};
+    }
+    errno = 0;
+    std::ifstream stream(file, std::ios::binary);
+    std::ostringstream content;
+    if (stream && stream.peek() != std::ifstream::traits_type::eof()) {
+        content << stream.rdbuf();
+    }
+    if (!stream.is_open() || stream.bad()) {
+        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
+    }
+    try {
+        return toml::parse(content.str(), file.string());
+    } catch (const toml::parse_error &error) {
+        throw TomlError{static_cast<uint32_t>(error.source().begin.line), std::string(error.description())};
+    }
+}
+
+std::string error_text(const std::filesystem::path &file, const TomlError &error) {
+    std::string text = file.string() + ":" + (error.line == 0 ? "" : std::to_string(error.line) + ":") + " ";
+    text += error.reason;
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text;
+}
+
+TableReader::TableReader(const toml::table &table, std::string where) : table_(table), where_(std::move(where)) {}
+
+const toml::node *TableReader::node(const char *key) {
+    asked_.emplace(key);
+    return table_.get(key);
+}
+
+std::optional<int64_t> TableReader::whole(const char *key, int64_t least, int64_t most) {
+    const toml::node *found = node(key);
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    const auto *number = found->as_integer();
+    if (number == nullptr) {
+        fail(key, "expected a whole number, found " + type_name(*found));
+    }
+    if (number->get() < least || number->get() > most) {
+        fail(key, "expected a whole number from " + std::to_string(least) + " to " + std::to_string(most) + ", found " +
+                      std::to_string(number->get()));
+    }
+    return number->get();
+}
+
+std::optional<double> TableReader::seconds(const char *key) {
+    // A month: more is a slip of the pen, and it keeps sums of times far from the clock's range.
+    constexpr double most = 31.0 * 24 * 3600;
+    const toml::node *found = node(key);
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    if (!found->is_number()) {
+        fail(key, "expected a number of seconds, found " + type_name(*found));
+    }
+    const double value = *found->value<double>();
+    if (!std::isfinite(value) || value < 0 || value > most) {
+        fail(key, "expected seconds from 0 to 2678400");
+    }
+    return value;
+}
+
+std::optional<bool> TableReader::flag(const char *key) {
+    const toml::node *found = node(key);
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    if (!found->is_boolean()) {
+        fail(key, "expected true or false, found " + type_name(*found));
+    }
+    return found->as_boolean()->get();
+}
+
+std::optional<std::string> TableReader::text(const char *key) {
+    const toml::node *found = node(key);
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    if (!found->is_string()) {
+        fail(key, "expected a text, found " + type_name(*found));
+    }
+    return found->as_string()->get();
+}
+
+std::optional<std::string> TableReader::line(const char *key, size_t most) {
+    std::optional<std::string> value = text(key);
+    if (value && value->size() > most) {
+        fail(key, "longer than " + std::to_string(most) + " characters");
+    }
+    if (value && std::any_of(value->begin(), value->end(), is_control_character)) {
+        fail(key, "holds a control character");
+    }
+    return value;
+}
+
+const toml::table *TableReader::table(const char *key) {
+    const toml::node *found = node(key);
+    if (found != nullptr && !found->is_table()) {
+        fail(key, "expected a table, found " + type_name(*found));
+    }
+    return found == nullptr ? nullptr : found->as_table();
+}
+
+std::vector<const toml::table *> TableReader::tables(const char *key) {
+    const toml::node *found = node(key);
+    if (found == nullptr) {
+        return {};
+    }
+    if (!found->is_array()) {
+        fail(key, "expected tables, each with a heading of its own in double brackets, found " + type_name(*found));
+    }
+    std::vector<const toml::table *> result;
+    for (const toml::node &element : *found->as_array()) {
+        if (!element.is_table()) {
+            throw TomlError{line_of(element), where_ + ": " + key + ": expected a table, found " + type_name(element)};
+        }
+        result.push_back(element.as_table());
+    }
+    return result;
+}
+
+void TableReader::finish() const {
+    const toml::key *unknown = nullptr;
+    for (const auto &[key, value] : table_) {
+        const bool is_first = unknown == nullptr || key.source().begin.line < unknown->source().begin.line;
+        if (!asked_.contains(key.str()) && is_first) {
+            unknown = &key;
+        }
+    }
+    if (unknown != nullptr) {
+        throw TomlError{static_cast<uint32_t>(unknown->source().begin.line),
+                        where_ + ": unknown key '" + std::string(unknown->str()) + "'"};
+    }
+}
+
+void TableReader::fail(const char *key, const std::string &reason) const {
+    const toml::node *found = table_.get(key);
+    throw TomlError{line_of(found == nullptr ? static_cast<const toml::node &>(table_) : *found),
+                    where_ + ": " + key + ": " + reason};
+}
+
+void TableReader::fail(const std::string &reason) const {
+    throw TomlError{line_of(table_), where_ + " " + reason};
+}
+
+}  // namespace cardsim
