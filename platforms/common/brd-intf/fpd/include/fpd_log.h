@@ -1,0 +1,88 @@
+/// The diagnostic log "/var/log/fpd.log", and the error texts that go with its lines. Callable from every thread.
+///
+/// A module says once who it is and names the place of each call by its tag:
+///
+///     constexpr LogModule here{"FPD", __FILE__};
+///     log_error({here, "InitMQFail"}, "Initializing Auto FPD Upgrade msg queue failed err_msg %s", err_msg);
+#ifndef FPD_LOG_H
+#define FPD_LOG_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <string_view>
+
+#include "os_owner.h"
+
+/// A module as its log lines show it: component word and base name of its source file, without the extension.
+struct LogModule {
+    consteval LogModule(const char *component_word, std::string_view path) : component(component_word) {
+        path.remove_prefix(path.rfind('/') + 1);
+        path = path.substr(0, path.rfind('.'));
+        path.copy(file, sizeof file - 1);
+    }
+
+    const char *component;  // static text
+    char file[64]{};        // NUL-terminated
+};
+
+/// The place of one log call.
+struct LogSite {
+    constexpr LogSite(const LogModule &module, const char *site_tag, int site_line = __builtin_LINE())
+        : component(module.component), file(module.file), tag(site_tag), line(site_line) {}
+
+    const char *component;
+    const char *file;
+    const char *tag;  // CamelCase, static text
+    int line;
+};
+
+/// Writes one line to the diagnostic log, in one piece whatever its length. A null component, level, tag or file (with
+/// its line) is left out. A log that cannot be written drops the line without a word. errno is kept.
+[[gnu::format(printf, 6, 7)]] void fpd_log(const char *component, const char *level, const char *tag, const char *file,
+                                           int line, const char *format, ...);
+
+/// Writes the local time with its microseconds, "2024-03-05 14:02:11.48213 UTC"; untouched when size is below 32 bytes.
+void fpd_log_timestamp(char *buffer, std::size_t size);
+
+/// A failure.
+[[gnu::format(printf, 2, 3)]] void log_error(LogSite site, const char *format, ...);
+/// A milestone or a decision.
+[[gnu::format(printf, 2, 3)]] void log_info(LogSite site, const char *format, ...);
+/// Detail.
+[[gnu::format(printf, 2, 3)]] void log_debug(LogSite site, const char *format, ...);
+
+/// Logs a failure as ERROR, writes the same text into err_msg and returns `rc`. The arguments may point into err_msg,
+/// which is how a caller logs again what its callee reported. A null err_msg takes no text.
+[[gnu::format(printf, 5, 6)]] int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *format,
+                                       ...);
+/// The same without a log line: the caller that logs is told by err_msg.
+[[gnu::format(printf, 4, 5)]] int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...);
+/// Empties err_msg, so that a callee that writes nothing leaves nothing of an earlier call there. Null is allowed.
+void clear_error(char *err_msg, std::size_t err_len);
+
+/// A text of any length under construction. `stream` is null when there is no memory for it.
+struct TextBuilder {
+    TextBuilder() : stream(open_memstream(&text, &length)) {}
+    ~TextBuilder() {
+        stream.reset();
+        std::free(text);
+    }
+    TextBuilder(const TextBuilder &) = delete;
+    TextBuilder &operator=(const TextBuilder &) = delete;
+    /// What was written so far; valid until more is written.
+    std::string_view view() {
+        std::fflush(stream.get());
+        return {text, length};
+    }
+
+    char *text = nullptr;    // owned, NUL-terminated, kept up to date by view()
+    std::size_t length = 0;  // bytes, without the NUL
+    File stream;
+};
+
+/// Appends `text` to the file in one write, creating it if need be. Returns 0 or -errno of the failed open; a failed
+/// write is not reported.
+int append_to_file(const char *path, std::string_view text);
+
+#endif

@@ -1,0 +1,441 @@
+#include "brd_intf_auto_fpd_upgrade_handler.h"
+
+#include <mqueue.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+
+#include "brd_intf_auto_fpd_obfl.h"
+#include "brd_intf_auto_fpd_upgrade_activate.h"
+#include "brd_intf_auto_fpd_upgrade_init.h"
+#include "brd_intf_auto_fpd_upgrade_led.h"
+#include "brd_intf_auto_fpd_upgrade_marker.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
+#include "brd_intf_events_fpd.h"
+#include "fpd_log.h"
+#include "fpd_utility.h"
+
+std::uint32_t bootup_fpd_time_div = 1;
+
+// Time ----------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr LogModule here{"FPD", __FILE__};
+constexpr std::size_t error_size = 256;
+
+std::uint32_t scaled(std::uint32_t microseconds) {
+    const std::uint32_t divisor = bootup_fpd_time_div;
+    return microseconds / (divisor != 0 ? divisor : 1);
+}
+
+/// µs from `then` to `now`.
+std::int64_t elapsed(const timespec &then, const timespec &now) {
+    return (std::int64_t{now.tv_sec} - then.tv_sec) * 1'000'000 + (std::int64_t{now.tv_nsec} - then.tv_nsec) / 1000;
+}
+
+}  // namespace
+
+std::uint32_t supervision_period() {
+    return scaled(5'000'000);
+}
+std::uint32_t punch_period() {
+    return scaled(10'000'000);
+}
+std::uint32_t main_loop_sleep() {
+    return scaled(1'000'000);
+}
+std::uint32_t scheduling_limit() {
+    return scaled(3'000'000);
+}
+std::uint32_t start_limit() {
+    return scaled(60'000'000);
+}
+std::uint32_t progressing_limit() {
+    return scaled(180'000'000);
+}
+
+// Reports of the workers ----------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Receives one report without waiting; false when there is none, or what there is is malformed.
+bool receive_report(int mq, WorkerMsg &msg) {
+    std::memset(&msg, 0, sizeof msg);
+    const ssize_t size = mq_receive(mq, reinterpret_cast<char *>(&msg), sizeof msg, nullptr);
+    if (size < 0) {
+        if (errno != EAGAIN)
+            log_error({here, "FpdUpgMsgRcvErr"}, "FPD Upgrade msgqueue received error %s", std::strerror(errno));
+        return false;
+    }
+    if (size != sizeof msg) {
+        log_error({here, "FpdUpgMsgRcvInvSize"}, "FPD Upgrade msgqueue received an invalid size %ld(%ld) ",
+                  static_cast<long>(size), static_cast<long>(sizeof msg));
+        return false;
+    }
+    if (msg.magic != worker_msg_magic) {
+        log_error({here, "FpdUpgMsgRcvInvMagic"}, "FPD Upgrade msgqueue received an Invalid magic 0x%x(0x%x)",
+                  msg.magic, worker_msg_magic);
+        return false;
+    }
+    return true;
+}
+
+/// The FPD that this worker upgrades now; null for a stranger, whose pointer is only ever compared.
+Fpd *fpd_of_running_worker(const LocalCard &card, const FpdWorkerCtx *worker) {
+    if (!worker) return nullptr;
+    for (Fpd *const queue : card.queues.seq_queues)
+        for (Fpd *fpd = queue; fpd; fpd = fpd->next)
+            if (fpd->worker == worker) return fpd;
+    return nullptr;
+}
+
+void handle_started(Fpd &fpd) {
+    transition(fpd, FpdState::upgrade_started);
+    fpd.progress = 0;
+    log_info({here, "FpdUpgResponseStarted"}, "FPD %s state %s updated", fpd.info.name, state_name(fpd.state));
+    fpd_obfl_log("FPD '%s' Started to upgrade version %s", fpd.info.name, fpd.packaged_text);
+}
+
+void handle_progressing(Fpd &fpd, std::uint32_t progress) {
+    transition(fpd, FpdState::upgrade_progressing);
+    fpd.progress = static_cast<std::uint8_t>(progress);
+    log_debug({here, "FpdUpgResponseProgress"}, "FPD %s state %s updated upgrade progress %d", fpd.info.name,
+              state_name(fpd.state), fpd.progress);
+}
+
+void queue_for_retry(Fpd &fpd, LogSite site) {
+    ++fpd.retries;
+    transition(fpd, FpdState::queued_for_upgrade);
+    log_info(site, "FPD %s would be queued to upgrade upg_retry %d", fpd.info.name, fpd.retries);
+}
+
+void handle_failed(LocalCard &card, Fpd &fpd, std::uint32_t progress) {
+    fpd.progress = static_cast<std::uint8_t>(progress);
+    raise_fpd_event({here, "FpdUpgSendFpdFailedEventFail"}, AUTO_FPD_UPGRADE_EVENT_ERROR,
+                    "Auto FPD Upgrade failed for '%s'", fpd.info.name);
+    retire_worker(card, fpd, true);
+    fpd_obfl_log("FPD '%s' Failed to upgrade version %s", fpd.info.name, fpd.packaged_text);
+    if (fpd.retries == 0) {
+        queue_for_retry(fpd, {here, "FpdUpgFailRespRetry"});
+        return;
+    }
+    transition(fpd, FpdState::upgrade_failed);
+    log_info({here, "FpdUpgResponseFailed"}, "FPD %s state %s updated in the sequence queue %d", fpd.info.name,
+             state_name(fpd.state), fpd.seq);
+    leave_sequence_queue(card, fpd, {here, "FpdUpgResponseFailQMoveFail"});
+    --card.planned_count;
+}
+
+void handle_done(LocalCard &card, Fpd &fpd) {
+    transition(fpd, FpdState::upgrade_done);
+    fpd.progress = 100;
+    log_info({here, "FpdUpgResponseDone"}, "FPD %s state %s updated in the sequence queue %d", fpd.info.name,
+             state_name(fpd.state), fpd.seq);
+    leave_sequence_queue(card, fpd, {here, "FpdUpgResponseDoneQMoveFail"});
+    raise_fpd_event({here, "FpdUpgSendFpdCompletedEventFail"}, AUTO_FPD_UPGRADE_EVENT_WARNING,
+                    "Auto FPD Upgrade completed for '%s'", fpd.info.name);
+    retire_worker(card, fpd, true);
+    --card.planned_count;
+    char err_msg[error_size] = "";
+    if (fpd_info_get(card.group_id, fpd, err_msg, sizeof err_msg) != 0)
+        log_error({here, "FpdUpgDoneInfoGetFail"}, "FPD %s Info get failed, error %s", fpd.info.name, err_msg);
+    fpd_obfl_log("FPD '%s' Upgraded to version %s", fpd.info.name, fpd.programmed_text);
+}
+
+void handle_report(LocalCard &card, Fpd &fpd, const WorkerMsg &msg) {
+    log_debug({here, "FpdUpgResponse"}, "FPD %s received response state %s progress %d", fpd.info.name,
+              state_name(msg.state), static_cast<int>(msg.progress));
+    // The state comes over a queue: it may be any number.
+    if (msg.state == FpdState::upgrade_started)
+        handle_started(fpd);
+    else if (msg.state == FpdState::upgrade_progressing)
+        handle_progressing(fpd, msg.progress);
+    else if (msg.state == FpdState::upgrade_failed)
+        handle_failed(card, fpd, msg.progress);
+    else if (msg.state == FpdState::upgrade_done)
+        handle_done(card, fpd);
+    else
+        log_error({here, "FpdUpgResponseDflt"}, "FPD %s response received an invalid state %s in the sequence queue %d",
+                  fpd.info.name, state_name(msg.state), fpd.seq);
+}
+
+}  // namespace
+
+void drain_worker_messages(LocalCard &card) {
+    WorkerMsg msg;
+    while (receive_report(card.mq, msg)) {
+        Fpd *const fpd = fpd_of_running_worker(card, msg.worker);
+        if (fpd)
+            handle_report(card, *fpd, msg);
+        else
+            log_error({here, "FpdUpgMsgRcvInvWorker"}, "FPD Upgrade msgqueue received an unknown worker %p",
+                      static_cast<const void *>(msg.worker));
+    }
+}
+
+// Supervision ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// The check of one state against its time limit.
+struct ProgressCheck {
+    FpdState state;
+    std::uint32_t (*limit)();  // µs
+    const char *invalid_state_tag;
+    const char *invalid_state;
+    const char *clock_tag;
+    const char *clock;
+    const char *time_out_tag;
+    const char *cancel_tag;
+    const char *move_tag;
+    const char *retry_tag;
+    const char *event_tag;     // of a failure to send it
+    const char *event;         // takes the name; in 'FPD Upgrade Progressing' the progress before it
+    const char *cancel_event;  // OBFL text; takes name and packaged version, and the progress behind them
+    const char *failure_tag;   // of the pass
+    const char *failure;
+};
+
+constexpr auto progress_checks = std::to_array<ProgressCheck>({
+    {
+        FpdState::worker_created,
+        scheduling_limit,
+        "ChkFpdUpgScheduleInvState",
+        "Checking FPD %s Upgrade Scheduling from an invalid State %s",
+        "ChkFpdUpgScheduleClockGetFail",
+        "Checking FPD %s upgrade Scheduling Clock get failed, error %s",
+        "ChkFpdUpgScheduleMaxTransTimeOut",
+        "ChkFpdUpgScheduleMaxTransCancelThreadFail",
+        "ChkFpdUpgScheduleMaxTransQMoveFail",
+        "ChkFpdUpgScheduleTransRetry",
+        "FpdUpgSendFpdWorkerstuck",
+        "Auto FPD Upgrade worker stuck forever and killing for '%s'",
+        "FPD '%s' Canceling the upgrade to version %s since worked not scheduled within stipulated time",
+        "FpdUpgProgressCheckScheduledFail",
+        "Checking FPD %s upgrade scheduling failed error %s",
+    },
+    {
+        FpdState::upgrade_started,
+        start_limit,
+        "ChkFpdUpgStartedInvState",
+        "Checking FPD %s Upgrade Started from an invalid State %s",
+        "ChkFpdUpgStartedClockGetFail",
+        "Checking FPD %s upgrade started Clock get failed, error %s",
+        "ChkFpdUpgStartedMaxTransTimeOut",
+        "ChkFpdUpgStartedMaxTransCancelThreadFail",
+        "ChkFpdUpgStartedMaxTransQMoveFail",
+        "ChkFpdUpgStartedTransRetry",
+        "FpdUpgSendFpdWorkerStuckStarted",
+        "Auto FPD Upgrade worker started stuck forever and killing for '%s'",
+        "FPD '%s' Canceling the upgrade to version %s since worked not started within stipulated time",
+        "FpdUpgProgressCheckStartedFail",
+        "Checking FPD %s upgrade start failed error %s",
+    },
+    {
+        FpdState::upgrade_progressing,
+        progressing_limit,
+        "ChkFpdUpgProgressingInvState",
+        "Checking FPD %s Upgrade Progressing from an invalid State %s",
+        "ChkFpdUpgProgressingClockGetFail",
+        "Checking FPD %s upgrade progressing Clock get failed, error %s",
+        "ChkFpdUpgProgressingMaxTransTimeOut",
+        "ChkFpdUpgProgressingMaxTransCancelThreadFail",
+        "ChkFpdUpgProgressingMaxTransQMoveFail",
+        "ChkFpdUpgProgressingTransRetry",
+        "FpdUpgSendFpdWorkerStuckProgressing",
+        "Auto FPD Upgrade worker stuck progressing %d forever and killing for '%s'",
+        // "%d%" goes to printf as it stands: readers of existing logs expect the number with its percent sign.
+        "FPD '%s' Canceling the upgrade to version %s since no progress made after %d% within stipulated time",
+        "FpdUpgProgressCheckProgressFail",
+        "Checking FPD %s upgrade progressing failed error %s",
+    },
+});
+
+void raise_stuck_event(const ProgressCheck &check, const Fpd &fpd) {
+    const LogSite failure_site{here, check.event_tag};
+    if (check.state == FpdState::upgrade_progressing)
+        raise_fpd_event(failure_site, AUTO_FPD_UPGRADE_EVENT_ERROR, check.event, fpd.progress, fpd.info.name);
+    else
+        raise_fpd_event(failure_site, AUTO_FPD_UPGRADE_EVENT_ERROR, check.event, fpd.info.name);
+}
+
+void cancel_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
+    const int rc = pthread_cancel(fpd.worker_thread);
+    if (rc != 0)
+        log_error({here, check.cancel_tag}, "FPD %s cancelling worker thread failed Error %s", fpd.info.name,
+                  std::strerror(rc));
+    fpd.worker_thread = 0;
+    retire_worker(card, fpd, false);
+}
+
+/// Ends the stuck worker; the FPD is queued again, or given up when its retry is spent: -ESTALE.
+int end_stuck_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
+    cancel_worker(check, card, fpd);
+    raise_stuck_event(check, fpd);
+    fpd_obfl_log(check.cancel_event, fpd.info.name, fpd.packaged_text, fpd.progress);
+    if (fpd.retries == 0) {
+        queue_for_retry(fpd, {here, check.retry_tag});
+        return 0;
+    }
+    transition(fpd, FpdState::cant_be_upgraded);
+    leave_sequence_queue(card, fpd, {here, check.move_tag});
+    --card.planned_count;
+    return -ESTALE;
+}
+
+/// Ends the FPD's worker if it has been in the check's state for the limit or longer. Returns 0, -EINVAL, or -ESTALE
+/// when the FPD is given up.
+int check_progress(const ProgressCheck &check, LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len) {
+    clear_error(err_msg, err_len);
+    if (fpd.state != check.state)
+        return fail({here, check.invalid_state_tag}, -EINVAL, err_msg, err_len, check.invalid_state, fpd.info.name,
+                    state_name(fpd.state));
+    timespec now{};
+    if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) {
+        const int error = errno;
+        log_debug({here, check.clock_tag}, check.clock, fpd.info.name, std::strerror(error));
+        return fail_unlogged(-EINVAL, err_msg, err_len, check.clock, fpd.info.name, std::strerror(error));
+    }
+    const std::int64_t time_in_state = elapsed(fpd.state_time, now);
+    const std::uint32_t limit = check.limit();
+    if (time_in_state < std::int64_t{limit}) return 0;
+    fail({here, check.time_out_tag}, 0, err_msg, err_len,
+         "FPD %s Upgrade stuck in the state %s since %ld time now vs. maximum %d time", fpd.info.name,
+         state_name(fpd.state), static_cast<long>(time_in_state), static_cast<int>(limit));
+    return end_stuck_worker(check, card, fpd);
+}
+
+const ProgressCheck *check_for(FpdState state) {
+    for (const ProgressCheck &check : progress_checks)
+        if (check.state == state) return &check;
+    return nullptr;
+}
+
+void supervise_fpd(LocalCard &card, Fpd &fpd) {
+    char err_msg[error_size] = "";
+    if (fpd.state == FpdState::queued_for_upgrade) {
+        if (start_fpd_upgrade_worker(card, fpd, err_msg, sizeof err_msg) != 0)
+            log_error({here, "FpdUpgProgressCheckStartUpgFail"}, "Starting FPD %s upgrade failed error %s",
+                      fpd.info.name, err_msg);
+    } else if (const ProgressCheck *const check = check_for(fpd.state)) {
+        if (check_progress(*check, card, fpd, err_msg, sizeof err_msg) != 0)
+            log_error({here, check->failure_tag}, check->failure, fpd.info.name, err_msg);
+    } else {
+        log_error({here, "FpdUpgProgressCheckInvState"},
+                  "FPD %s is stuck in an invalid state %s while checking Upgrade progressing", fpd.info.name,
+                  state_name(fpd.state));
+    }
+}
+
+}  // namespace
+
+void supervise_fpd_upgrades(LocalCard &card) {
+    for (Fpd *const queue : card.queues.seq_queues) {
+        if (!queue) continue;
+        // A record that left the queue is the tail of another: the walk ends there and goes on in the next pass.
+        for (Fpd *fpd = queue; fpd; fpd = fpd->next) supervise_fpd(card, *fpd);
+        return;
+    }
+}
+
+// The run -------------------------------------------------------------------------------------------------------------
+
+namespace {
+
+int delete_previous_marker(char *err_msg, std::size_t err_len) {
+    const int rc = upg_marker_delete(err_msg, err_len);
+    if (rc != 0)
+        log_error({here, "DeletePreUpgMarkerFail"}, "Failed to remove previously cached Upgrade Marker file, error %s",
+                  err_msg);
+    return rc;
+}
+
+/// Whether this plan was carried out before the last reload already.
+int check_marker(bool *same, char *err_msg, std::size_t err_len) {
+    const int rc = upg_marker_check(same, err_msg, err_len);
+    if (rc != 0)
+        log_error({here, "UpgMarkerCheckFail"}, "Failed to check upgrade marker, error %s", err_msg);
+    else if (*same)
+        log_info({here, "UpgMarkerCheck"}, "Skipping Upgrade since trying to upgrade same FPDs and Versions");
+    return rc;
+}
+
+void announce_start(const LocalCard &card, char *err_msg, std::size_t err_len) {
+    raise_fpd_event({here, "FpdUpgSendFpdStartedEventFail"}, AUTO_FPD_UPGRADE_EVENT_STARTED,
+                    "Auto FPD Upgrade Operation Started");
+    if (upg_led_notify(card.group_id, card.led_obj_id, UpgLedRequest::upgrade_started, err_msg, err_len) != 0)
+        log_error({here, "AutoFpdUpgStartLedOnFail"}, "Auto FPD Upgrade Started LED notification failed %s", err_msg);
+}
+
+void announce_end(const LocalCard &card, char *err_msg, std::size_t err_len) {
+    raise_fpd_event({here, "FpdUpgEndedSendFpdEventFail"}, AUTO_FPD_UPGRADE_EVENT_ENDED,
+                    "Auto FPD Upgrade Operation Ended");
+    if (upg_led_notify(card.group_id, card.led_obj_id, UpgLedRequest::upgrade_ended, err_msg, err_len) != 0)
+        log_error({here, "FpdUpgEndedLedOffFail"}, "Auto FPD Upgrade Ended LED notification failed %s", err_msg);
+}
+
+bool read_loop_clock(timespec &time, const char *failure_tag) {
+    if (clock_gettime(CLOCK_MONOTONIC_RAW, &time) == 0) return true;
+    log_debug({here, failure_tag}, "Auto FPD Upgrade mainloop Clock get failed, error %s", std::strerror(errno));
+    return false;
+}
+
+void punch_watchdog() {
+    char output[256] = "";
+    char err_msg[256] = "";
+    std::size_t output_len = 0;
+    if (exec_shell_command(output, sizeof output, &output_len, err_msg, sizeof err_msg, "%s",
+                           "/usr/local/etc/punch-watchdog-once.sh") != 0)
+        log_error({here, "AutoFpdUpgradeProgressWDPunchFail"}, "Punching PD watchdog failed error %s", err_msg);
+    else
+        log_debug({here, "AutoFpdUpgradeProgressWDPunch"}, "Punching PD watchdog: %s", output);
+}
+
+void show_progress(LocalCard &card, const timespec &now) {
+    raise_fpd_event({here, "AutoFpdUpgMainLoopSendFpdEventFail"}, AUTO_FPD_UPGRADE_EVENT_PROGRESS,
+                    "Auto FPD Upgrade Progressing");
+    punch_watchdog();
+    card.last_punch_time = now;
+}
+
+void run_main_loop(LocalCard &card) {
+    while (card.planned_count != 0) {
+        drain_worker_messages(card);
+        timespec now{};
+        const bool now_is_known = read_loop_clock(now, "AutoFpdUpgMailLoopClockFail");
+        // Without a clock, supervising too often is better than not at all.
+        if (!now_is_known || elapsed(card.last_check_time, now) > std::int64_t{supervision_period()}) {
+            supervise_fpd_upgrades(card);
+            card.last_check_time = {};
+            read_loop_clock(card.last_check_time, "AutoFpdUpgMailLoopClockFail1");
+        }
+        if (now_is_known && elapsed(card.last_punch_time, now) > std::int64_t{punch_period()}) show_progress(card, now);
+        usleep(main_loop_sleep());
+    }
+    log_info({here, "AutoFpdUpgMainLoopDone"}, "No more FPD available in the sequence queue");
+}
+
+}  // namespace
+
+int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
+    char err_msg[error_size] = "";
+    if (card.planned_count == 0) return delete_previous_marker(err_msg, sizeof err_msg);
+    bool same = false;
+    int rc = check_marker(&same, err_msg, sizeof err_msg);
+    if (rc != 0 || same) return rc;
+    rc = delete_previous_marker(err_msg, sizeof err_msg);
+    if (rc != 0) return rc;
+
+    announce_start(card, err_msg, sizeof err_msg);
+    run_main_loop(card);
+    announce_end(card, err_msg, sizeof err_msg);
+    obfl_flash_release();
+    if (run_level == run_level_boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
+        log_error({here, "FpdUpgActivationRequestFailed"}, "Auto FPD Upgrade Activation request failed %s", err_msg);
+    return 0;
+}
