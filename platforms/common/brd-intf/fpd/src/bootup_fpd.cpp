@@ -11,6 +11,7 @@
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 #include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_platform_access.h"
+#include "fpd_log.h"
 #include "fpd_upgrade_cookie.h"
 
 namespace {
@@ -159,6 +160,7 @@ Parsed parse_options(int argc, char **argv, Run &run) {
 // Configuration commands ------------------------------------------------------------------------------------------
 
 int set_config(Run &run) {
+    clear_error(run.err_msg, sizeof run.err_msg);
     if (brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(run.config_value, run.err_msg, sizeof run.err_msg) != 0) {
         std::fprintf(stderr, "Setting Auto FPD Upgrade configuration is failed, %s\n", run.err_msg);
         return status_failed;
@@ -170,6 +172,7 @@ int set_config(Run &run) {
 
 /// Reads the stored mode, or complains and returns the store's code.
 int read_upgrade_mode(Run &run, int &mode) {
+    clear_error(run.err_msg, sizeof run.err_msg);
     const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, run.err_msg, sizeof run.err_msg);
     if (rc != 0) std::fprintf(stderr, "Getting FPD Upgrade Mode failed, %s\n", run.err_msg);
     return rc;
@@ -186,6 +189,7 @@ int set_upgrade_mode(Run &run) {
     int old_mode = 0;
     int rc = read_upgrade_mode(run, old_mode);
     if (rc != 0) return rc;
+    clear_error(run.err_msg, sizeof run.err_msg);
     rc = brd_intf_fpd_upgrade_cookie_set_upgrade_mode(run.mode_value, run.err_msg, sizeof run.err_msg);
     if (rc != 0) {
         std::fprintf(stderr, "Setting FPD Upgrade Mode is failed, %s\n", run.err_msg);

@@ -14,7 +14,9 @@ void block_reserved_signals() {
     rc = sigaddset(&signals, SIGRTMIN + 6);
     assert(rc == 0);
     rc = sigaddset(&signals, SIGRTMIN + 10);
-    assert(rc == 0);  // NOLINT: the text of the abort
+    // clang-format off
+    assert(rc ==0);
+    // clang-format on
     rc = pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     assert(rc == 0);
 }
