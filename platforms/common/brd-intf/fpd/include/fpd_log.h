@@ -82,7 +82,7 @@ struct TextBuilder {
 };
 
 /// Appends `text` to the file in one write, creating it if need be. Returns 0 or -errno of the failed open; a failed
-/// write is not reported.
+/// write is not reported. A cancellation point, before anything is done.
 int append_to_file(const char *path, std::string_view text);
 
 #endif

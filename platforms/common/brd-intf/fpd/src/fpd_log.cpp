@@ -60,6 +60,9 @@ void write_field(std::FILE *line, const char *field) {
 }  // namespace
 
 int append_to_file(const char *path, std::string_view text) {
+    // A worker is cancelled before a line or after it: within, the descriptor or half of the line could be lost.
+    pthread_testcancel();
+    const CancelHold hold;
     Descriptor file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
     if (file.fd < 0) return -errno;
     // One write keeps lines of concurrent threads apart; only a full disk makes it short, and then the rest is lost.
