@@ -6,6 +6,10 @@ add_library(bootup_fpd_build_flags INTERFACE)
 target_compile_options(bootup_fpd_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
   -fstack-protector-strong -fstack-clash-protection)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # gcc 12 sees overlapping copies in std::string's operator+ where there are none.
+  target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-restrict)
+endif()
 target_link_options(bootup_fpd_build_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
