@@ -1,0 +1,601 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "sandbox.h"
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+std::string read_file(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const fs::path &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+std::size_t count_of(const std::string &text, const std::string &part) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
+struct Result {
+    int status = -1;  ///< 128 + n for signal n
+    std::string out;
+    std::string err;
+};
+
+/// One region that is to be upgraded; `more` goes in front of the tables, so it may set keys of [card].
+std::string card_text(const std::string &startup, const std::string &more = {}) {
+    return "[card]\ngroup = 3\nboard_type = 12568\nhw_version = [1, 7]\nslot = 2\npid = \"SIM-T\"\nstartup = '''" +
+           startup + "'''\n" + more + R"toml(
+[[led]]
+id = 1
+type = 1
+name = "Status"
+state = 2
+color = 4
+
+[[fpd]]
+id = 10
+[[fpd.region]]
+name = "IoFpga"
+running = "1.0.0"
+programmed = "1.1.0"
+[[fpd.region.image]]
+type = 0
+version = "1.2.0"
+file = "io.img"
+size = 1000
+)toml";
+}
+
+class CommandTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = (fs::temp_directory_path() / "cardsim-command-XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        root_ = name;
+        card_ = root_ / "card";
+        state_ = card_ / "state";
+        fs::create_directory(card_);
+    }
+    void TearDown() override { fs::remove_all(root_); }
+
+    void describe(const std::string &startup, const std::string &more = {}) {
+        write_file(card_ / "card.toml", card_text(startup, more));
+    }
+
+    /// Starts the command with its output in files and `input` on stdin.
+    pid_t start(const std::vector<std::string> &arguments, const std::string &input = {}) {
+        write_file(root_ / "in", input);
+        const pid_t pid = fork();
+        if (pid != 0) return pid;
+        redirect(root_ / "in", O_RDONLY, STDIN_FILENO);
+        redirect(root_ / "out", O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+        redirect(root_ / "err", O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+        std::vector<char *> pointers = {const_cast<char *>(CARDSIM_COMMAND)};
+        for (const std::string &argument : arguments) pointers.push_back(const_cast<char *>(argument.c_str()));
+        pointers.push_back(nullptr);
+        execv(CARDSIM_COMMAND, pointers.data());
+        _exit(99);
+    }
+    static void redirect(const fs::path &path, int flags, int descriptor) {
+        dup2(open(path.c_str(), flags | O_CLOEXEC, 0600), descriptor);
+    }
+
+    Result end_of(pid_t pid) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status), read_file(root_ / "out"),
+                read_file(root_ / "err")};
+    }
+
+    Result run(const std::vector<std::string> &arguments, const std::string &input = {}) {
+        return end_of(start(arguments, input));
+    }
+    Result boot(const std::vector<std::string> &more = {}) {
+        std::vector<std::string> arguments = {"boot", card_.string()};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return run(arguments);
+    }
+    Result exec(const std::string &shell_command, const std::string &input = {}) {
+        return run({"exec", card_.string(), "--", "sh", "-c", shell_command}, input);
+    }
+
+    bool wait_for_file(const fs::path &path) const {
+        for (int attempt = 0; attempt < 1000 && !fs::exists(path); ++attempt) usleep(10'000);
+        return fs::exists(path);
+    }
+
+    std::vector<std::string> names_in(const fs::path &directory) const {
+        std::vector<std::string> names;
+        for (const fs::directory_entry &entry : fs::directory_iterator(directory)) {
+            names.push_back(entry.path().filename());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    fs::path root_;
+    fs::path card_;
+    fs::path state_;
+};
+
+// ---- boot
+
+TEST_F(CommandTest, BootsACardThatIsUpAtOnce) {
+    describe("echo starting");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, StartsWith("boot 1: power on: echo starting\nstarting\nboot 1: the start-up command ended "
+                                       "with status 0 after "));
+    EXPECT_THAT(result.out, EndsWith("boot 1: the card is up\n"));
+    EXPECT_THAT(result.err, IsEmpty());
+}
+
+TEST_F(CommandTest, MakesTheWholeStateDirectory) {
+    describe("true");
+    ASSERT_EQ(boot().status, 0);
+    EXPECT_THAT(names_in(state_),
+                ElementsAre("bin", "etc", "flash", "kd_bootstrap", "log", "pkg", "power", "scratch", "state.toml"));
+    EXPECT_EQ(read_file(state_ / "kd_bootstrap"),
+              "PD_CARD_TYPE=12568\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=7\nPD_SLOT_NUM=2\nMY_CARD_PID=SIM-T\n");
+    EXPECT_EQ(fs::file_size(state_ / "pkg/io.img"), 1000U);
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "state"));
+}
+
+TEST_F(CommandTest, ImagesAreTheSameWhereverTheyAreMade) {
+    describe("true");
+    ASSERT_EQ(boot({"--state", (root_ / "one").string()}).status, 0);
+    ASSERT_EQ(boot({"--state", (root_ / "two").string()}).status, 0);
+    EXPECT_EQ(read_file(root_ / "one/pkg/io.img"), read_file(root_ / "two/pkg/io.img"));
+    EXPECT_THAT(read_file(root_ / "one/pkg/io.img"), StartsWith("simulated firmware image io.img\n"));
+}
+
+TEST_F(CommandTest, TakesTheCardsOwnImages) {
+    describe("cat /pkg/fpd/ucode/io.img");
+    fs::create_directory(card_ / "images");
+    write_file(card_ / "images/io.img", "own image\n");
+    EXPECT_THAT(boot().out, HasSubstr("\nown image\n"));
+    write_file(card_ / "images/io.img", "a newer image\n");
+    EXPECT_THAT(boot().out, HasSubstr("\na newer image\n"));
+}
+
+TEST_F(CommandTest, AStartUpCommandThatFailsFailsTheBoot) {
+    describe("exit 9");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("boot 1: the start-up command ended with status 9 after "));
+    EXPECT_THAT(result.out, Not(HasSubstr("is up")));
+}
+
+TEST_F(CommandTest, ReloadsAsOftenAsTheResetScriptAsksForIt) {
+    describe(
+        "echo x >>/misc/scratch/boots; test $(wc -l </misc/scratch/boots) -gt 2 || "
+        "/usr/local/etc/reset_board.sh -a -r \"Auto FPD Upgrade activation\" -b 36");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(read_file(state_ / "scratch/boots"), "x\nx\nx\n");
+    EXPECT_THAT(result.out, HasSubstr("boot 1: reload requested: /usr/local/etc/reset_board.sh '-a' '-r' 'Auto FPD "
+                                      "Upgrade activation' '-b' '36'\nboot 2: reload: "));
+    EXPECT_THAT(result.out, EndsWith("boot 3: the card is up\n"));
+}
+
+TEST_F(CommandTest, AReloadRunsWhatIsProgrammed) {
+    describe("test -e /misc/scratch/once || /usr/local/etc/reset_board.sh; touch /misc/scratch/once");
+    EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("IoFpga  1.0.0    1.1.0       1.2.0     yes"));
+    ASSERT_EQ(boot().status, 0);
+    EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("IoFpga  1.1.0    1.1.0       1.2.0     yes"));
+}
+
+TEST_F(CommandTest, TheFirstPowerOnRunsWhatIsDescribedALaterOneWhatIsProgrammed) {
+    describe("true");
+    ASSERT_EQ(exec("true").status, 0);
+    EXPECT_THAT(boot().out, StartsWith("boot 1: power on"));
+    EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("IoFpga  1.0.0    1.1.0"));
+    EXPECT_THAT(boot().out, StartsWith("boot 2: power on"));
+    EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("IoFpga  1.1.0    1.1.0"));
+}
+
+TEST_F(CommandTest, GivesUpAfterTheAllowedBoots) {
+    describe("echo x >>/misc/scratch/boots; /usr/local/etc/reset_board.sh");
+    const Result result = boot({"--max-boots", "3"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(read_file(state_ / "scratch/boots"), "x\nx\nx\n");
+    EXPECT_THAT(result.err, HasSubstr("gave up: the card did not come up in 3 boots"));
+}
+
+TEST_F(CommandTest, FiveBootsAreAllowedByDefault) {
+    describe("echo x >>/misc/scratch/boots; /usr/local/etc/reset_board.sh");
+    EXPECT_EQ(boot().status, 3);
+    EXPECT_EQ(read_file(state_ / "scratch/boots"), "x\nx\nx\nx\nx\n");
+}
+
+TEST_F(CommandTest, TheCardGoesDownAShortWhileAfterTheResetRequest) {
+    describe(
+        "test -e /misc/scratch/once && exit 0; touch /misc/scratch/once; /usr/local/etc/reset_board.sh; "
+        "touch /misc/scratch/grace; sleep 60; touch /misc/scratch/later");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("boot 1: the card was powered off after "));
+    EXPECT_TRUE(fs::exists(state_ / "scratch/grace"));
+    EXPECT_FALSE(fs::exists(state_ / "scratch/later"));
+}
+
+TEST_F(CommandTest, AResetScriptThatFailsReloadsNothing) {
+    describe("/usr/local/etc/reset_board.sh -b 36; exit $?", "[scripts]\nreset = 6\n");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("ended with status 6"));
+    EXPECT_EQ(read_file(state_ / "scripts.log"), "/usr/local/etc/reset_board.sh '-b' '36'\n");
+}
+
+TEST_F(CommandTest, AnUnpunchedWatchdogReloadsTheCard) {
+    describe("test -e /misc/scratch/once && exit 0; touch /misc/scratch/once; sleep 60", "[watchdog]\ntimeout = 6.0\n");
+    const auto begun = std::chrono::steady_clock::now();
+    const Result result = boot({"--speed", "20"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(20));
+    EXPECT_EQ(read_file(state_ / "scripts.log"), "watchdog expired\n");
+    EXPECT_THAT(result.err, HasSubstr("boot 1: the watchdog was not punched in time"));
+    EXPECT_THAT(result.out,
+                AllOf(HasSubstr("boot 1: the card was powered off after "), EndsWith("boot 2: the card is up\n")));
+}
+
+TEST_F(CommandTest, WatchdogReloadsAreBootsThatCount) {
+    describe("sleep 60", "[watchdog]\ntimeout = 0.1\n");
+    const Result result = boot({"--max-boots", "2"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(read_file(state_ / "scripts.log"), "watchdog expired\nwatchdog expired\n");
+}
+
+TEST_F(CommandTest, APunchedWatchdogKeepsStill) {
+    describe("for i in 1 2 3 4 5 6 7 8 9 10 11 12; do sleep 0.12; /usr/local/etc/punch-watchdog-once.sh; done",
+             "[watchdog]\ntimeout = 1.0\n");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(count_of(read_file(state_ / "scripts.log"), "/usr/local/etc/punch-watchdog-once.sh\n"), 12U);
+    EXPECT_EQ(count_of(read_file(state_ / "scripts.log"), "watchdog expired"), 0U);
+}
+
+TEST_F(CommandTest, AWatchdogScriptThatFailsIsNoPunch) {
+    describe(
+        "test -e /misc/scratch/once && exit 0; touch /misc/scratch/once; "
+        "while sleep 0.1; do /usr/local/etc/punch-watchdog-once.sh; done",
+        "[watchdog]\ntimeout = 0.5\n[scripts]\nwatchdog = 1\n");
+    EXPECT_EQ(boot().status, 0);
+    EXPECT_THAT(read_file(state_ / "scripts.log"), EndsWith("watchdog expired\n"));
+}
+
+TEST_F(CommandTest, ReportsALoudEnd) {
+    describe("echo 'cardsim: brd_fpd_upgrade: dirty byte 9' >>$CARDSIM_STATE/abort.log; kill -ABRT $$");
+    const Result first = boot();
+    EXPECT_EQ(first.status, 4);
+    EXPECT_THAT(first.err, HasSubstr("boot 1: ended loudly: cardsim: brd_fpd_upgrade: dirty byte 9\n"));
+    describe("true");
+    EXPECT_EQ(boot().status, 0) << "an earlier loud end is past";
+}
+
+TEST_F(CommandTest, ALoudEndIsReportedAlsoWhenTheCardAsksForAReload) {
+    describe("echo 'cardsim: x: y' >>$CARDSIM_STATE/abort.log; /usr/local/etc/reset_board.sh");
+    EXPECT_EQ(boot().status, 4);
+}
+
+TEST_F(CommandTest, ReportsASignal) {
+    describe("kill -SEGV $$");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 4);
+    EXPECT_THAT(result.err, HasSubstr("boot 1: the start-up command was killed by signal 11 (Segmentation fault)\n"));
+}
+
+TEST_F(CommandTest, ASignalEndsTheBootAndTheCard) {
+    describe("trap 'touch /misc/scratch/term; exit 0' TERM; touch /misc/scratch/ready; while :; do sleep 0.05; done");
+    const pid_t command = start({"boot", card_.string()});
+    ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
+    kill(command, SIGTERM);
+    EXPECT_EQ(end_of(command).status, 128 + SIGTERM);
+    EXPECT_TRUE(fs::exists(state_ / "scratch/term"));
+}
+
+TEST_F(CommandTest, OneBootAtATime) {
+    describe("touch /misc/scratch/ready; while ! test -e /misc/scratch/go; do sleep 0.02; done");
+    const pid_t first = start({"boot", card_.string()});
+    ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
+    EXPECT_EQ(std::system((std::string(CARDSIM_COMMAND) + " boot " + card_.string() + " >" + (root_ / "o2").string() +
+                           " 2>" + (root_ / "e2").string())
+                              .c_str()),
+              2 << 8);
+    EXPECT_THAT(read_file(root_ / "e2"), HasSubstr("in use"));
+    write_file(state_ / "scratch/go", "");
+    EXPECT_EQ(end_of(first).status, 0);
+}
+
+// ---- what is wrong with a card
+
+TEST_F(CommandTest, ABrokenCardIsNamedByLineAndNothingIsWritten) {
+    describe("true", "bord_type = 1\n");
+    for (const char *command : {"boot", "show"}) {
+        const Result result = run({command, card_.string()});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.err, StartsWith((card_ / "card.toml").string() + ":8: "));
+        EXPECT_EQ(count_of(result.err, "\n"), 1U);
+        EXPECT_THAT(result.out, IsEmpty());
+    }
+    EXPECT_EQ(exec("true").status, 2);
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml"));
+}
+
+TEST_F(CommandTest, ACardThatIsNotThereIsNamed) {
+    const Result result = run({"boot", (root_ / "nowhere").string()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr((root_ / "nowhere").string()));
+    EXPECT_FALSE(fs::exists(root_ / "nowhere"));
+}
+
+TEST_F(CommandTest, AStateThatCannotBeMadeLeavesNothing) {
+    describe("true");
+    fs::create_directories(card_ / "images/io.img");
+    EXPECT_EQ(boot().status, 125);
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "images"));
+}
+
+TEST_F(CommandTest, ADirectoryOfOtherFilesBecomesNoState) {
+    describe("true");
+    fs::create_directory(root_ / "mine");
+    write_file(root_ / "mine/letter", "dear");
+    const Result result = boot({"--state", (root_ / "mine").string()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, StartsWith((root_ / "mine").string() + ": "));
+    EXPECT_THAT(names_in(root_ / "mine"), ElementsAre("letter"));
+}
+
+TEST_F(CommandTest, AnEmptyDirectoryMayBecomeTheState) {
+    describe("true");
+    fs::create_directory(root_ / "empty");
+    EXPECT_EQ(boot({"--state", (root_ / "empty").string()}).status, 0);
+    EXPECT_TRUE(fs::exists(root_ / "empty/state.toml"));
+    EXPECT_FALSE(fs::exists(state_));
+}
+
+TEST_F(CommandTest, WhereNamespacesAreForbiddenOneLineSaysSoAndNothingIsWritten) {
+    describe("true");
+    std::string error;
+    Result result;
+    const int status = cardsim::sandbox_run(
+        {},
+        [&] {
+            write_file("/proc/sys/user/max_user_namespaces", "0");
+            return boot().status;
+        },
+        error);
+    EXPECT_EQ(status, 125) << error;
+    EXPECT_THAT(read_file(root_ / "err"), AllOf(StartsWith("cardsim: no sandbox: "), HasSubstr("max_user_namespaces")));
+    EXPECT_EQ(count_of(read_file(root_ / "err"), "\n"), 1U);
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml"));
+}
+
+// ---- exec
+
+TEST_F(CommandTest, ExecPassesStatusAndStandardStreamsThrough) {
+    describe("true");
+    const Result result = exec("read line; echo \"got $line\"; echo oops >&2; exit 42", "some input\n");
+    EXPECT_EQ(result.status, 42);
+    EXPECT_EQ(result.out, "got some input\n");
+    EXPECT_EQ(result.err, "oops\n");
+}
+
+TEST_F(CommandTest, ExecTakesOptionsBehindTheDashes) {
+    describe("true");
+    const Result result = run({"exec", card_.string(), "--speed", "3", "--", "echo", "-b", "--state", "--", "x"});
+    EXPECT_EQ(result.out, "-b --state -- x\n");
+}
+
+TEST_F(CommandTest, ExecReportsSignalsAndCommandsThatCannotRun) {
+    describe("true");
+    EXPECT_EQ(exec("kill -KILL $$").status, 128 + SIGKILL);
+    EXPECT_EQ(run({"exec", card_.string(), "--", "no-such-command"}).status, 127);
+    const Result result = run({"exec", card_.string(), "--", "/etc/passwd"});
+    EXPECT_EQ(result.status, 126);
+    EXPECT_EQ(result.err, "cardsim: /etc/passwd: Permission denied\n");
+}
+
+TEST_F(CommandTest, ExecTellsTheLibraryItsCard) {
+    describe("true");
+    const Result result =
+        run({"exec", card_.string(), "--speed", "7", "--", "sh", "-c",
+             "echo $CARDSIM_SPEED; cmp $CARDSIM_CARD " + (card_ / "card.toml").string() +
+                 " && cmp $CARDSIM_STATE/state.toml " + (state_ / "state.toml").string() + "; command -v cardsim"});
+    EXPECT_EQ(result.out, "7\n" + std::string(CARDSIM_COMMAND) + "\n") << result.err;
+}
+
+TEST_F(CommandTest, ExecShowsTheCard) {
+    describe("true");
+    EXPECT_EQ(exec("ls /pkg/fpd/ucode; head -1 /dev/kd_bootstrap; echo line >>/var/log/fpd.log").out,
+              "io.img\nPD_CARD_TYPE=12568\n");
+    EXPECT_EQ(read_file(state_ / "log/fpd.log"), "line\n");
+}
+
+TEST_F(CommandTest, ExecCountsNoBootAndReloadsNothing) {
+    describe("true");
+    ASSERT_EQ(exec("/usr/local/etc/reset_board.sh").status, 0);
+    EXPECT_THAT(run({"show", card_.string()}).out, AllOf(HasSubstr("boot 1,"), HasSubstr("IoFpga  1.0.0    1.1.0")));
+    EXPECT_THAT(boot().out, StartsWith("boot 2: power on")) << "the request stands until the next power-on";
+}
+
+TEST_F(CommandTest, ExecTakesADescriptionAsWell) {
+    write_file(root_ / "other.toml", card_text("true"));
+    EXPECT_EQ(run({"exec", (root_ / "other.toml").string(), "--", "sh", "-c", "exit 5"}).status, 5);
+    EXPECT_TRUE(fs::exists(root_ / "state/state.toml"));
+}
+
+TEST_F(CommandTest, ASignalReachesTheCommandOnTheCard) {
+    describe("true");
+    const pid_t command = start({"exec", card_.string(), "--", "sh", "-c",
+                                 "trap 'exit 33' TERM; touch /misc/scratch/ready; while :; do sleep 0.05; done"});
+    ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
+    kill(command, SIGTERM);
+    EXPECT_EQ(end_of(command).status, 33);
+}
+
+// ---- the scripts
+
+TEST_F(CommandTest, ScriptsRecordTheirArgumentsExactly) {
+    describe("true");
+    ASSERT_EQ(exec("/usr/local/etc/send_fpd_doorbell_event.sh  -e started -m \"it's 'a' \\$x \\\\n\"\n"
+                   "/usr/local/etc/punch-watchdog-once.sh\n"
+                   "grub-reboot KALDOR-latest\n"
+                   "/usr/local/etc/reset_board.sh  -r '' -b 36\n")
+                  .status,
+              0);
+    EXPECT_THAT(
+        lines_of(read_file(state_ / "scripts.log")),
+        ElementsAre(R"(/usr/local/etc/send_fpd_doorbell_event.sh '-e' 'started' '-m' 'it'\''s '\''a'\'' $x \n')",
+                    "/usr/local/etc/punch-watchdog-once.sh", "/usr/sbin/grub-reboot 'KALDOR-latest'",
+                    "/usr/local/etc/reset_board.sh '-r' '' '-b' '36'"));
+}
+
+TEST_F(CommandTest, ScriptsEndAsDescribed) {
+    describe("true", "[scripts]\nevent = 3\nwatchdog = 4\nreset = 5\ngrub_reboot = 6\n");
+    EXPECT_EQ(exec("for s in /usr/local/etc/send_fpd_doorbell_event.sh /usr/local/etc/punch-watchdog-once.sh "
+                   "/usr/local/etc/reset_board.sh grub-reboot; do $s; echo $?; done")
+                  .out,
+              "3\n4\n5\n6\n");
+}
+
+TEST_F(CommandTest, CallsAtTheSameTimeStayLines) {
+    describe("true");
+    ASSERT_EQ(exec("for i in 1 2 3 4 5 6 7 8; do (for j in 1 2 3 4 5; do "
+                   "/usr/local/etc/send_fpd_doorbell_event.sh -m 'some text'; done) & done; wait")
+                  .status,
+              0);
+    const std::vector<std::string> lines = lines_of(read_file(state_ / "scripts.log"));
+    EXPECT_EQ(lines.size(), 40U);
+    EXPECT_THAT(lines, testing::Each("/usr/local/etc/send_fpd_doorbell_event.sh '-m' 'some text'"));
+}
+
+TEST_F(CommandTest, CheckFlashMountsTheFlashAfterItsTime) {
+    describe("true", "[obfl]\nmount_time = 10.0\n");
+    const Result result =
+        run({"exec", card_.string(), "--speed", "50", "--", "sh", "-c",
+             "mountpoint -q /mnt/obfl && echo early; a=$(date +%s%N); timeout 5m /usr/sbin/check-flash start obfl;"
+             "echo $?; b=$(date +%s%N); test $((b - a)) -ge 200000000 && echo took its time;"
+             "mountpoint -q /mnt/obfl && echo mounted; echo line >/mnt/obfl/log; /usr/sbin/check-flash start obfl;"
+             "timeout 30s /usr/sbin/check-flash stop obfl; echo $?; mountpoint -q /mnt/obfl || echo gone"});
+    EXPECT_EQ(result.out, "0\ntook its time\nmounted\n0\ngone\n") << result.err;
+    EXPECT_EQ(read_file(state_ / "flash/log"), "line\n");
+}
+
+TEST_F(CommandTest, CheckFlashFailsAsDescribed) {
+    describe("true", "[obfl]\nmount_time = 0.0\nmount_fails = true\n");
+    EXPECT_EQ(exec("/usr/sbin/check-flash start obfl; echo $?; mountpoint -q /mnt/obfl || echo none").out, "1\nnone\n");
+    describe("true", "[obfl]\nmount_time = 0.0\nunmount_fails = true\n");
+    EXPECT_EQ(exec("/usr/sbin/check-flash start obfl; /usr/sbin/check-flash stop obfl; echo $?; mountpoint -q "
+                   "/mnt/obfl && echo still")
+                  .out,
+              "1\nstill\n");
+}
+
+TEST_F(CommandTest, AFlashMayBeMountedFromTheStart) {
+    describe("mountpoint -q /mnt/obfl && echo mounted", "[obfl]\nmounted = true\n");
+    EXPECT_THAT(boot().out, HasSubstr("\nmounted\n"));
+    EXPECT_EQ(exec("mountpoint -q /mnt/obfl && echo mounted").out, "mounted\n");
+}
+
+// ---- show, new, usage
+
+TEST_F(CommandTest, ShowsTheDescribedValuesBeforeTheFirstPowerOn) {
+    describe("true", "upgrade_mode = \"mfg\"\n");
+    const Result result = run({"show", card_.string()});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out,
+              "SIM-T in slot 2, boot 1, auto-upgrade enabled, upgrade mode mfg\n\n"
+              "REGION  RUNNING  PROGRAMMED  PACKAGED  UPGRADE  DEPENDS ON\n"
+              "IoFpga  1.0.0    1.1.0       -         no\n\n"
+              "LED Status: steady amber\n");
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml"));
+}
+
+TEST_F(CommandTest, NewMakesACardThatBoots) {
+    const fs::path made = root_ / "made";
+    ASSERT_EQ(run({"new", made.string()}).status, 0);
+    EXPECT_THAT(names_in(made), ElementsAre("card.toml", "images"));
+    EXPECT_THAT(run({"show", made.string()}).out, HasSubstr("IoFpga   1.2.0    1.2.0       1.3.0     yes"));
+    EXPECT_EQ(run({"exec", made.string(), "--", "ls", "/pkg/fpd/ucode"}).out, "bootrom-4.1.0.img\niofpga-1.3.0.img\n");
+    EXPECT_EQ(read_file(made / "images/iofpga-1.3.0.img"), read_file(made / "state/pkg/iofpga-1.3.0.img"));
+}
+
+TEST_F(CommandTest, NewRefusesADirectoryThatHoldsSomething) {
+    write_file(card_ / "letter", "dear");
+    const Result result = run({"new", card_.string()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr("not empty"));
+    EXPECT_THAT(names_in(card_), ElementsAre("letter"));
+    fs::remove(card_ / "letter");
+    EXPECT_EQ(run({"new", card_.string()}).status, 0);
+}
+
+TEST_F(CommandTest, UsageErrorsAreRefused) {
+    describe("true");
+    for (const std::vector<std::string> &arguments : {std::vector<std::string>{},
+                                                      {"boot"},
+                                                      {"exec", card_.string()},
+                                                      {"boot", card_.string(), "--speed", "0"},
+                                                      {"boot", card_.string(), "--max-boots", "0"},
+                                                      {"destroy", card_.string()}}) {
+        EXPECT_GE(run(arguments).status, 100);
+    }
+    EXPECT_EQ(run({"--help"}).status, 0);
+    EXPECT_FALSE(fs::exists(state_));
+}
+
+class StoryCardTest : public CommandTest, public testing::WithParamInterface<const char *> {};
+
+TEST_P(StoryCardTest, CanBeShown) {
+    const fs::path story = fs::path(CARDSIM_CARDS) / GetParam();
+    const Result result = run({"show", story.string(), "--state", (root_ / "state").string()});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(read_file(story / "card.toml"), StartsWith("# "));
+}
+
+INSTANTIATE_TEST_SUITE_P(, StoryCardTest,
+                         testing::Values("current", "fresh", "golden-locked", "flaky", "hanging", "reload-loop",
+                                         "many"),
+                         [](const testing::TestParamInfo<const char *> &story) {
+                             std::string name = story.param;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+}  // namespace

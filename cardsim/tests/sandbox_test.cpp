@@ -1,0 +1,401 @@
+#include "sandbox.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <mqueue.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace fs = std::filesystem;
+using cardsim::Sandbox;
+using cardsim::sandbox_run;
+using cardsim::sandbox_start;
+using cardsim::SandboxLayout;
+using std::chrono::milliseconds;
+
+namespace {
+
+std::string read_file(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const fs::path &path, const std::string &text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+/// Inside: true when `path` is a mount point.
+bool is_mount_point(const fs::path &path) {
+    struct stat own = {};
+    struct stat parent = {};
+    if (stat(path.c_str(), &own) != 0 || stat(path.parent_path().c_str(), &parent) != 0) return false;
+    return own.st_dev != parent.st_dev;
+}
+
+/// A pipe whose writer is held by everything inside: its reader sees the end when nothing is left.
+struct LifeLine {
+    LifeLine() {
+        if (pipe(ends.data()) != 0) std::abort();
+    }
+    ~LifeLine() {
+        close(ends[0]);
+        drop_own();
+    }
+    void drop_own() {
+        if (ends[1] >= 0) close(ends[1]);
+        ends[1] = -1;
+    }
+    bool cut_within(milliseconds time) {
+        drop_own();
+        pollfd reader = {ends[0], POLLIN, 0};
+        char byte = 0;
+        return poll(&reader, 1, static_cast<int>(time.count())) == 1 && read(ends[0], &byte, 1) == 0;
+    }
+    std::array<int, 2> ends = {-1, -1};
+};
+
+class SandboxTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string name = (fs::temp_directory_path() / "cardsim-sandbox-XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        host_ = name;
+        ASSERT_EQ(chmod(name.c_str(), 0755), 0);
+    }
+    void TearDown() override { fs::remove_all(host_); }
+
+    fs::path directory(const std::string &name) {
+        fs::create_directory(host_ / name);
+        return host_ / name;
+    }
+
+    int run(const std::function<int()> &body) { return sandbox_run(layout_, body, error_); }
+    int run_shell(const std::string &command) {
+        return run([&] { return WEXITSTATUS(std::system(command.c_str())); });
+    }
+
+    fs::path host_;
+    SandboxLayout layout_;
+    std::string error_;
+};
+
+TEST_F(SandboxTest, GivesBackTheExitStatus) {
+    EXPECT_EQ(run([] { return 0; }), 0) << error_;
+    EXPECT_EQ(run([] { return 42; }), 42);
+    EXPECT_EQ(run([] { return raise(SIGKILL); }), 128 + SIGKILL);
+}
+
+TEST_F(SandboxTest, ShowsTheCardsDirectoriesAtTheirAbsolutePaths) {
+    layout_.packaged_firmware = directory("pkg");
+    layout_.log = directory("log");
+    layout_.scratch = directory("scratch");
+    layout_.local_etc = directory("etc");
+    layout_.flash = directory("flash");
+    layout_.extra = {{directory("extra"), "/opt/somewhere/deep"}};
+    for (const char *name : {"pkg", "log", "scratch", "etc", "flash", "extra"}) write_file(host_ / name / "mark", name);
+
+    EXPECT_EQ(run([] {
+                  const bool all = read_file("/pkg/fpd/ucode/mark") == "pkg" && read_file("/var/log/mark") == "log" &&
+                                   read_file("/misc/scratch/mark") == "scratch" &&
+                                   read_file("/usr/local/etc/mark") == "etc" &&
+                                   read_file(fs::path(cardsim::sandbox_flash_path) / "mark") == "flash" &&
+                                   read_file("/opt/somewhere/deep/mark") == "extra";
+                  write_file("/misc/scratch/marker", "written inside");
+                  return all ? 0 : 1;
+              }),
+              0)
+        << error_;
+    EXPECT_EQ(read_file(host_ / "scratch/marker"), "written inside");
+}
+
+TEST_F(SandboxTest, ShowsEmptyDirectoriesForWhatIsNotProvided) {
+    for (const char *path : {"/pkg/fpd/ucode", "/var/log", "/misc/scratch", "/usr/local/etc", "/mnt/obfl"}) {
+        EXPECT_EQ(run([path] {
+                      if (!fs::is_directory(path) || !fs::is_empty(path)) return 1;
+                      write_file(fs::path(path) / "file", "x");
+                      return read_file(fs::path(path) / "file") == "x" ? 0 : 2;
+                  }),
+                  0)
+            << path << " " << error_;
+    }
+    EXPECT_EQ(run([] { return access("/dev/kd_bootstrap", F_OK) != 0 && errno == ENOENT ? 0 : 1; }), 0);
+}
+
+TEST_F(SandboxTest, TheFlashIsMountedOnlyByAMount) {
+    layout_.flash = directory("flash");
+    write_file(host_ / "flash/log", "kept");
+    EXPECT_EQ(run([] {
+                  if (is_mount_point("/mnt/obfl") || !fs::is_empty("/mnt/obfl")) return 1;
+                  if (mount(cardsim::sandbox_flash_path, "/mnt/obfl", nullptr, MS_BIND, nullptr) != 0) return 2;
+                  if (!is_mount_point("/mnt/obfl") || read_file("/mnt/obfl/log") != "kept") return 3;
+                  return umount("/mnt/obfl") == 0 && !is_mount_point("/mnt/obfl") ? 0 : 4;
+              }),
+              0)
+        << error_;
+}
+
+TEST_F(SandboxTest, TheBootstrapFileIsAPlainFileOfItsOwn) {
+    write_file(host_ / "keys", "PD_SLOT_NUM=2\n");
+    layout_.bootstrap_file = host_ / "keys";
+    EXPECT_EQ(run([] {
+                  if (!fs::is_regular_file(fs::symlink_status("/dev/kd_bootstrap"))) return 1;
+                  if (read_file("/dev/kd_bootstrap") != "PD_SLOT_NUM=2\n") return 2;
+                  write_file("/dev/kd_bootstrap", "changed");
+                  return fs::remove("/dev/kd_bootstrap") ? 0 : 3;
+              }),
+              0)
+        << error_;
+    EXPECT_EQ(read_file(host_ / "keys"), "PD_SLOT_NUM=2\n");
+}
+
+TEST_F(SandboxTest, BootCommandsStandBesideTheHostsCommands) {
+    layout_.boot_commands = directory("bin");
+    for (const char *name : {"grub-reboot", "check-flash"}) {
+        write_file(host_ / "bin" / name, "#!/bin/sh\necho \"$0\" \"$@\"\n");
+        fs::permissions(host_ / "bin" / name, fs::perms{0755});
+    }
+    EXPECT_EQ(run_shell("test \"$(grub-reboot entry)\" = '/usr/sbin/grub-reboot entry'"), 0) << error_;
+    EXPECT_EQ(run_shell("test \"$(/usr/sbin/check-flash start)\" = '/usr/sbin/check-flash start'"), 0);
+    EXPECT_EQ(run_shell("for i in $(ls /usr/sbin); do test -e /usr/sbin/$i || echo $i; done | cmp - /dev/null"), 0);
+    EXPECT_EQ(run([] { return fs::exists("/usr/sbin/chroot") ? 0 : 1; }), fs::exists("/usr/sbin/chroot") ? 0 : 1);
+}
+
+TEST_F(SandboxTest, CommandsAreSearchedInTheGivenDirectoriesFirst) {
+    layout_.path_first = {directory("first")};
+    EXPECT_EQ(run([this] {
+                  const std::string path = getenv("PATH");
+                  return path == (host_ / "first").string() +
+                                     ":/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+                             ? 0
+                             : 1;
+              }),
+              0);
+}
+
+TEST_F(SandboxTest, MessageQueuesAreItsOwnAndLongEnough) {
+    const std::string limit = read_file("/proc/sys/fs/mqueue/msg_max");
+    const auto make_queue = [] {
+        mq_attr attributes = {};
+        attributes.mq_maxmsg = 256;
+        attributes.mq_msgsize = 24;
+        const mqd_t queue = mq_open("/cardsim_sandbox_test", O_CREAT | O_EXCL | O_RDWR, 0600, &attributes);
+        return queue == -1 ? errno : 0;
+    };
+    EXPECT_EQ(run(make_queue), 0) << error_;
+    EXPECT_EQ(run(make_queue), 0) << "the queue of the first sandbox is still there";
+    EXPECT_EQ(mq_open("/cardsim_sandbox_test", O_RDONLY), -1);
+    EXPECT_EQ(read_file("/proc/sys/fs/mqueue/msg_max"), limit);
+}
+
+TEST_F(SandboxTest, SystemDirectoriesCannotBeWritten) {
+    for (const char *path : {"/usr/x", "/etc/x", "/boot/x", "/opt/x", "/usr/lib/x", "/usr/sbin/x"}) {
+        EXPECT_EQ(run([path] { return mkdir(path, 0755) != 0 && errno == EROFS ? 0 : 1; }), 0) << path;
+    }
+}
+
+TEST_F(SandboxTest, TheRestOfTheHostIsUsable) {
+    write_file(host_ / "file", "before");
+    const fs::path here = fs::current_path();
+    EXPECT_EQ(run([&] {
+                  write_file(host_ / "file", "after");
+                  return fs::current_path() == here ? 0 : 1;
+              }),
+              0)
+        << error_;
+    EXPECT_EQ(read_file(host_ / "file"), "after");
+}
+
+TEST_F(SandboxTest, HasOnlyTheDevicesOfACard) {
+    EXPECT_EQ(run([] {
+                  for (const char *name : {"null", "zero", "full", "random", "urandom"}) {
+                      if (!fs::is_character_file(fs::path("/dev") / name)) return 1;
+                  }
+                  for (const fs::directory_entry &entry : fs::directory_iterator("/dev")) {
+                      if (entry.is_block_file()) return 2;
+                  }
+                  write_file("/dev/null", "gone");
+                  write_file("/dev/shm/file", "kept");
+                  return read_file("/dev/shm/file") == "kept" && fs::exists("/dev/fd/0") ? 0 : 3;
+              }),
+              0)
+        << error_;
+    EXPECT_FALSE(fs::exists("/dev/shm/file"));
+}
+
+TEST_F(SandboxTest, LeavesTheHostUntouched) {
+    const std::string mounts = read_file("/proc/self/mountinfo");
+    const auto top = [] {
+        std::size_t count = 0;
+        for ([[maybe_unused]] const fs::directory_entry &entry : fs::directory_iterator("/")) ++count;
+        return count;
+    };
+    const std::size_t entries = top();
+    layout_.log = directory("log");
+    EXPECT_EQ(run([] { return mount("x", "/tmp", "tmpfs", 0, nullptr) == 0 ? 0 : 1; }), 0) << error_;
+    EXPECT_EQ(read_file("/proc/self/mountinfo"), mounts);
+    EXPECT_EQ(top(), entries);
+}
+
+TEST_F(SandboxTest, SeesItsOwnProcessesOnly) {
+    EXPECT_EQ(run([] { return getpid() == 2 && fs::exists("/proc/2") ? 0 : 1; }), 0) << error_;
+    EXPECT_EQ(run([pid = getpid()] { return pid > 10 && fs::exists("/proc/" + std::to_string(pid)) ? 1 : 0; }), 0);
+}
+
+TEST_F(SandboxTest, ReapsOrphans) {
+    EXPECT_EQ(run([] {
+                  int orphan_pid[2];
+                  if (pipe(orphan_pid) != 0) return 1;
+                  const pid_t parent = fork();
+                  if (parent == 0) {
+                      const pid_t orphan = fork();
+                      if (orphan == 0) _exit(0);
+                      _exit(write(orphan_pid[1], &orphan, sizeof orphan) == sizeof orphan ? 0 : 1);
+                  }
+                  waitpid(parent, nullptr, 0);
+                  pid_t orphan = 0;
+                  if (read(orphan_pid[0], &orphan, sizeof orphan) != sizeof orphan) return 2;
+                  for (int wait = 0; wait < 200 && kill(orphan, 0) == 0; ++wait) usleep(10'000);
+                  return kill(orphan, 0) != 0 && errno == ESRCH ? 0 : 3;
+              }),
+              0)
+        << error_;
+}
+
+TEST_F(SandboxTest, NothingOutlivesTheBody) {
+    LifeLine line;
+    EXPECT_EQ(run([] {
+                  if (fork() == 0) {
+                      setsid();
+                      sleep(60);
+                  }
+                  return 3;
+              }),
+              3);
+    EXPECT_TRUE(line.cut_within(milliseconds(0)));
+}
+
+TEST_F(SandboxTest, PowerOffKillsEverythingAtOnce) {
+    LifeLine line;
+    Sandbox sandbox;
+    ASSERT_TRUE(sandbox_start(
+        layout_, [] { return static_cast<int>(sleep(60)); }, sandbox, error_))
+        << error_;
+    EXPECT_EQ(sandbox.wait_for(milliseconds(20)), std::nullopt);
+    EXPECT_TRUE(sandbox.running());
+    sandbox.power_off();
+    EXPECT_FALSE(sandbox.running());
+    EXPECT_TRUE(line.cut_within(milliseconds(0)));
+}
+
+TEST_F(SandboxTest, ForwardsASignalToTheBody) {
+    Sandbox sandbox;
+    const auto body = [] {
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        sigprocmask(SIG_BLOCK, &term, nullptr);
+        timespec limit = {30, 0};
+        return sigtimedwait(&term, nullptr, &limit) == SIGTERM ? 17 : 1;
+    };
+    sigset_t term;
+    sigset_t before;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, &before);  // inherited: the signal may come before the body asks for it
+    ASSERT_TRUE(sandbox_start(layout_, body, sandbox, error_)) << error_;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    sandbox.forward(SIGTERM);
+    EXPECT_EQ(sandbox.wait(), 17);
+}
+
+TEST_F(SandboxTest, DiesWithItsCaller) {
+    LifeLine line;
+    const pid_t caller = fork();
+    if (caller == 0) {
+        Sandbox sandbox;
+        if (!sandbox_start(
+                layout_, [] { return static_cast<int>(sleep(60)); }, sandbox, error_))
+            _exit(1);
+        raise(SIGKILL);
+    }
+    int status = 0;
+    waitpid(caller, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(line.cut_within(milliseconds(5000)));
+}
+
+TEST_F(SandboxTest, WorksForAnOrdinaryUser) {
+    if (geteuid() != 0) GTEST_SKIP() << "the other tests show it";
+    layout_.scratch = directory("scratch");
+    ASSERT_EQ(chown((host_ / "scratch").c_str(), 65534, 65534), 0);
+    const pid_t user = fork();
+    if (user == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) _exit(1);
+        prctl(PR_SET_DUMPABLE, 1);  // as it is after an exec: only then /proc/PID belongs to the new user
+        _exit(run([] {
+            write_file("/misc/scratch/marker", "written inside");
+            const bool limit = std::stoi(read_file("/proc/sys/fs/mqueue/msg_max")) >= 256;
+            return limit && geteuid() == 0 && is_mount_point("/var/log") ? 5 : 2;
+        }));
+    }
+    int status = 0;
+    waitpid(user, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    struct stat marker = {};
+    ASSERT_EQ(stat((host_ / "scratch/marker").c_str(), &marker), 0);
+    EXPECT_EQ(marker.st_uid, 65534U);
+}
+
+TEST_F(SandboxTest, Nests) {
+    layout_.boot_commands = directory("bin");
+    write_file(host_ / "bin/check-flash", "#!/bin/sh\nexit 9\n");
+    fs::permissions(host_ / "bin/check-flash", fs::perms{0755});
+    EXPECT_EQ(run([this] {
+                  return run([this] { return run_shell("chroot --version >/dev/null && /usr/sbin/check-flash"); });
+              }),
+              9)
+        << error_;
+}
+
+TEST_F(SandboxTest, SaysWhatToAllowWhereNamespacesAreForbidden) {
+    EXPECT_EQ(run([this] {
+                  write_file("/proc/sys/user/max_user_namespaces", "0");
+                  if (run([] { return 0; }) != -1) return 1;
+                  if (error_.find("kernel.unprivileged_userns_clone") == std::string::npos) return 2;
+                  if (error_.find("user.max_user_namespaces") == std::string::npos) return 3;
+                  return error_.find('\n') == std::string::npos ? 0 : 4;
+              }),
+              0)
+        << error_;
+}
+
+TEST_F(SandboxTest, NamesADirectoryThatIsNotThere) {
+    layout_.scratch = host_ / "nowhere";
+    bool ran = false;
+    EXPECT_EQ(run([&] { return ran = true; }), -1);
+    EXPECT_NE(error_.find((host_ / "nowhere").string() + ": No such file or directory"), std::string::npos) << error_;
+    EXPECT_FALSE(fs::exists(host_ / "nowhere"));
+}
+
+TEST_F(SandboxTest, ReportsAStepThatFailsInside) {
+    write_file(host_ / "file", "");
+    layout_.scratch = host_ / "file";
+    EXPECT_EQ(run([] { return 0; }), -1);
+    EXPECT_NE(error_.find("/misc/scratch"), std::string::npos) << error_;
+}
+
+}  // namespace
