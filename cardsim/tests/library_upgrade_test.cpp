@@ -1,0 +1,411 @@
+/// What an upgrade does, reports, outlives and leaves.
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "library_test_support.h"
+
+namespace cardsim {
+namespace {
+
+using ::testing::ElementsAre;
+using Clock = std::chrono::steady_clock;
+
+/// Something that one thread does and others wait for.
+class Signal {
+  public:
+    void set() {
+        const std::lock_guard guard(lock_);
+        is_set_ = true;
+        changed_.notify_all();
+    }
+    bool wait() {
+        std::unique_lock guard(lock_);
+        return changed_.wait_for(guard, std::chrono::seconds(10), [&] { return is_set_; });
+    }
+
+  private:
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool is_set_ = false;
+};
+
+/// A thread that may be cancelled.
+class Worker {
+  public:
+    explicit Worker(std::function<void()> work) : work_(std::move(work)) {
+        pthread_create(
+            &thread_, nullptr,
+            [](void *worker) -> void * {
+                static_cast<Worker *>(worker)->work_();
+                return nullptr;
+            },
+            this);
+    }
+    void cancel() { pthread_cancel(thread_); }
+    /// True when the thread was cancelled.
+    bool join() {
+        void *result = nullptr;
+        pthread_join(thread_, &result);
+        return result == PTHREAD_CANCELED;
+    }
+
+  private:
+    std::function<void()> work_;
+    pthread_t thread_ = {};
+};
+
+class UpgradeTest : public LibraryTest {
+  protected:
+    void describe_io_fpga_with(const std::string &more) {
+        describe(card_table + io_fpga + more);
+        start_hardware();
+    }
+
+    int upgrade() { return upgrade(reports); }
+    int upgrade(Reports &receiver) {
+        BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", receiver);
+        return library().brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg);
+    }
+    std::string running() const { return version_text(saved_state().regions.at(0).running); }
+    std::string programmed() const { return version_text(saved_state().regions.at(0).programmed); }
+    void reload_card() {
+        CardState state = saved_state();
+        reload(state);
+        std::string error;
+        ASSERT_EQ(save_state(state_directory(), state, error), 0) << error;
+    }
+
+    Reports reports;
+};
+
+TEST_F(UpgradeTest, ProgramsTheImagesVersion) {
+    describe_io_fpga_with("");
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_THAT(reports.percents, ElementsAre(25, 50, 75, 100));
+    EXPECT_EQ(programmed(), "1.3.0");
+    EXPECT_EQ(running(), "1.2.0");
+    BrdFpdInfo info = {};
+    ASSERT_EQ(library().brd_fpd_info_get(7, 10, 0, &info, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(info.programmed_minor, 3);
+    EXPECT_EQ(info.running_minor, 2);
+    const std::string call =
+        "brd_fpd_upgrade group=7 obj=10 region=0 directory=\"" + package().string() + "\" file=\"io.img\"";
+    EXPECT_THAT(recorded(), ::testing::IsSupersetOf({call + " begin", call + " -> 0"}));
+    reload_card();
+    EXPECT_EQ(running(), "1.3.0");
+}
+
+TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
+    for (const int kind : {0, 1, 2, 3, 4, 5, 6, 7, 255}) {
+        TestDirectory place;
+        const bool needs_reload = kind == 1 || (kind >= 3 && kind <= 6);
+        const std::string region =
+            "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 0\n"
+            "activation = " +
+            std::to_string(kind) + "\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3\"\nfile = \"io.img\"\n";
+        std::filesystem::remove(state_file(state_directory()));
+        describe(card_table + region);
+        Library fresh(place.path / "libcardsim.so");
+        FruHwData data = identity();
+        uint32_t handle = 0;
+        ASSERT_EQ(fresh.brd_fru_hw_data_init(0, 0, &data, &handle), 0);
+        ASSERT_EQ(fresh.brd_fru_hw_init(handle), 0);
+        BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", reports);
+        ASSERT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 0);
+        EXPECT_EQ(running(), needs_reload ? "1.0.0" : "1.3.0") << "activation kind " << kind;
+        EXPECT_EQ(programmed(), "1.3.0");
+    }
+}
+
+TEST_F(UpgradeTest, TakesItsTimeDividedByTheSpeed) {
+    setenv("CARDSIM_SPEED", "10", 1);
+    describe(card_table +
+             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 2\n"
+             "reports = 0\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"io.img\"\n");
+    start_hardware();
+    const auto start = Clock::now();
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_TRUE(reports.percents.empty());
+}
+
+TEST_F(UpgradeTest, AnAttemptMayFail) {
+    describe_io_fpga_with(
+        "[[fpd.region.fault]]\nkind = \"fail\"\nattempt = 1\nat = 60\ncode = 5\ntext = \"flash timeout\"\n"
+        "[[fpd.region.fault]]\nkind = \"fail\"\nattempt = 2\ncode = -6\ntext = \"no flash\"\n");
+    EXPECT_EQ(upgrade(), 5);
+    EXPECT_STREQ(err_msg, "flash timeout");
+    EXPECT_THAT(reports.percents, ElementsAre(25, 50, 60));
+    EXPECT_EQ(programmed(), "1.2.0");
+    reports.percents.clear();
+    EXPECT_EQ(upgrade(), -6);
+    EXPECT_STREQ(err_msg, "no flash");
+    EXPECT_TRUE(reports.percents.empty());
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(programmed(), "1.3.0");
+}
+
+TEST_F(UpgradeTest, AFailureAtNoPercentIsOneThatHadBegun) {
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"fail\"\nat = 0\ncode = 5\n");
+    EXPECT_EQ(upgrade(), 5);
+    EXPECT_THAT(reports.percents, ElementsAre(0));
+    EXPECT_STREQ(err_msg, "upgrade failed");
+}
+
+TEST_F(UpgradeTest, AttemptsCountUntilTheReload) {
+    const std::string second_fails = "[[fpd.region.fault]]\nkind = \"fail\"\nattempt = 2\ncode = 5\n";
+    describe_io_fpga_with(second_fails);
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(saved_state().regions.at(0).attempts, 1U);
+    // Another process on the same boot goes on counting.
+    TestDirectory place;
+    Library fresh(place.path / "libcardsim.so");
+    FruHwData data = identity();
+    uint32_t handle = 0;
+    ASSERT_EQ(fresh.brd_fru_hw_data_init(0, 0, &data, &handle), 0);
+    ASSERT_EQ(fresh.brd_fru_hw_init(handle), 0);
+    BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", reports);
+    EXPECT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 5);
+    reload_card();
+    EXPECT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 0);
+}
+
+TEST_F(UpgradeTest, AnAttemptMayBeSlow) {
+    setenv("CARDSIM_SPEED", "10", 1);
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"slow\"\nevery = 1.0\n");
+    std::vector<Clock::time_point> times = {Clock::now()};
+    reports.then = [&](int) { times.push_back(Clock::now()); };
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_THAT(reports.percents, ElementsAre(25, 50, 75, 100));
+    EXPECT_GE(times[4] - times[0], std::chrono::milliseconds(400));
+    EXPECT_GE(times[2] - times[1], std::chrono::milliseconds(50));
+    EXPECT_LT(times[4] - times[0], std::chrono::milliseconds(2000));
+}
+
+TEST_F(UpgradeTest, AVersionMayNotStick) {
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"does_not_stick\"\nattempt = 1\n");
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(programmed(), "1.3.0");
+    reload_card();
+    EXPECT_EQ(programmed(), "1.2.0");
+    EXPECT_EQ(running(), "1.2.0");
+    // The second attempt of a boot sticks, whatever became of the first.
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(upgrade(), 0);
+    reload_card();
+    EXPECT_EQ(programmed(), "1.3.0");
+}
+
+TEST_F(UpgradeTest, AnImageThatCannotBeReadIsAFailure) {
+    if (geteuid() == 0) {
+        GTEST_SKIP() << "the superuser reads every file";
+    }
+    describe_io_fpga_with("");
+    std::filesystem::permissions(package() / "io.img", std::filesystem::perms::none);
+    EXPECT_EQ(upgrade(), EACCES);
+    EXPECT_EQ(std::string(err_msg), (package() / "io.img").string() + ": cannot be read: Permission denied");
+    EXPECT_EQ(programmed(), "1.2.0");
+}
+
+TEST_F(UpgradeTest, AHangIsEndedByCancellation) {
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\nat = 50\n");
+    Signal is_halfway;
+    reports.then = [&](int percent) {
+        if (percent == 50) {
+            is_halfway.set();
+        }
+    };
+    Worker worker([&] { upgrade(); });
+    ASSERT_TRUE(is_halfway.wait());
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    worker.cancel();
+    EXPECT_TRUE(worker.join());
+    EXPECT_THAT(reports.percents, ElementsAre(25, 50));
+    EXPECT_EQ(programmed(), "1.2.0");
+    EXPECT_THAT(recorded().back(), ::testing::EndsWith("file=\"io.img\" -> cancelled"));
+    // The region is free again, and the attempt counted.
+    EXPECT_EQ(saved_state().regions.at(0).attempts, 1U);
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(programmed(), "1.3.0");
+}
+
+TEST_F(UpgradeTest, AHangMayComeBeforeAnyReport) {
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\n");
+    std::atomic<bool> is_over = false;
+    Worker worker([&] {
+        upgrade();
+        is_over = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_FALSE(is_over);
+    worker.cancel();
+    EXPECT_TRUE(worker.join());
+    EXPECT_TRUE(reports.percents.empty());
+    EXPECT_EQ(upgrade(), 0);
+}
+
+TEST_F(UpgradeTest, ACancellationMayCatchItOnItsWay) {
+    describe(card_table +
+             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 60\n"
+             "[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"io.img\"\n");
+    start_hardware();
+    const size_t files = open_files();
+    Worker worker([&] { upgrade(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    worker.cancel();
+    EXPECT_TRUE(worker.join());
+    EXPECT_EQ(open_files(), files);
+    EXPECT_EQ(programmed(), "1.0.0");
+}
+
+TEST_F(UpgradeTest, ACancellationMayCatchItInAReport) {
+    describe_io_fpga_with("");
+    Signal is_reporting;
+    reports.then = [&](int) {
+        is_reporting.set();
+        sleep(10);
+    };
+    Worker worker([&] { upgrade(); });
+    ASSERT_TRUE(is_reporting.wait());
+    worker.cancel();
+    EXPECT_TRUE(worker.join());
+    EXPECT_THAT(reports.percents, ElementsAre(25));
+    reports.then = nullptr;
+    EXPECT_EQ(upgrade(), 0);
+}
+
+TEST_F(UpgradeTest, AThreadThatMayNotBeCancelledIsNot) {
+    describe_io_fpga_with("");
+    int result = -1;
+    Signal is_reporting;
+    reports.then = [&](int percent) {
+        if (percent == 25) {
+            is_reporting.set();
+        }
+    };
+    Worker worker([&] {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        result = upgrade();
+    });
+    ASSERT_TRUE(is_reporting.wait());
+    worker.cancel();
+    EXPECT_FALSE(worker.join());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(programmed(), "1.3.0");
+}
+
+TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
+    setenv("CARDSIM_SPEED", "10", 1);
+    describe_io_fpga_with(
+        "[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\nat = 50\ncancellable = false\nhang_time = 4\n");
+    Signal is_halfway;
+    Reports late;
+    late.then = [&](int percent) {
+        if (percent == 50) {
+            is_halfway.set();
+        }
+    };
+    std::atomic<int> result = -1;
+    std::atomic<int> is_cancellable = -1;
+    const auto start = Clock::now();
+    Worker worker([&] {
+        result = upgrade(late);
+        int state = PTHREAD_CANCEL_DISABLE;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        is_cancellable = state == PTHREAD_CANCEL_ENABLE;
+    });
+    ASSERT_TRUE(is_halfway.wait());
+    // Once it hangs it has let go of the region.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    worker.cancel();
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(result, -1);
+    EXPECT_FALSE(worker.join());
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(400));
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(is_cancellable, 1);
+    EXPECT_THAT(late.percents, ElementsAre(25, 50, 100));
+    EXPECT_EQ(programmed(), "1.3.0");
+}
+
+/// Two regions of two FPDs.
+const std::string two_fpds = R"(
+[[fpd]]
+id = 10
+[[fpd.region]]
+name = "A"
+running = "1.0.0"
+duration = 0.05
+[[fpd.region.image]]
+type = 0
+version = "1.3.0"
+file = "io.img"
+[[fpd]]
+id = 11
+[[fpd.region]]
+name = "B"
+running = "1.0.0"
+duration = 0.05
+[[fpd.region.image]]
+type = 0
+version = "1.4.0"
+file = "io.img"
+)";
+
+TEST_F(UpgradeTest, DifferentRegionsAreUpgradedAtTheSameTime) {
+    describe(card_table + two_fpds);
+    start_hardware();
+    Signal began[2];
+    Reports received[2];
+    bool met[2] = {};
+    int results[2] = {-1, -1};
+    // Each one's first report waits for the other one's.
+    for (int side = 0; side < 2; ++side) {
+        received[side].then = [&, side](int) {
+            began[side].set();
+            met[side] = began[1 - side].wait();
+        };
+    }
+    std::thread threads[2];
+    for (uint32_t side = 0; side < 2; ++side) {
+        threads[side] = std::thread([&, side] {
+            char reason[64];
+            BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", received[side]);
+            results[side] = library().brd_fpd_upgrade(7, 10 + side, &request, reason, sizeof reason);
+        });
+    }
+    // The main thread's calls do not wait for the workers' either.
+    BrdFpdInfo info = {};
+    EXPECT_EQ(library().brd_fpd_info_get(7, 10, 0, &info, err_msg, sizeof err_msg), 0);
+    threads[0].join();
+    threads[1].join();
+    EXPECT_TRUE(met[0]);
+    EXPECT_TRUE(met[1]);
+    EXPECT_EQ(results[0], 0);
+    EXPECT_EQ(results[1], 0);
+    EXPECT_EQ(programmed(), "1.3.0");
+    EXPECT_EQ(version_text(saved_state().regions.at(1).programmed), "1.4.0");
+}
+
+TEST_F(UpgradeTest, ReportsComeOnTheCallersThread) {
+    describe_io_fpga_with("");
+    std::thread::id reporter;
+    reports.then = [&](int) { reporter = std::this_thread::get_id(); };
+    std::thread::id worker;
+    std::thread thread([&] {
+        worker = std::this_thread::get_id();
+        EXPECT_EQ(upgrade(), 0);
+    });
+    thread.join();
+    EXPECT_EQ(reporter, worker);
+}
+
+}  // namespace
+}  // namespace cardsim

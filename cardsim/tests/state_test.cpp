@@ -1,0 +1,262 @@
+#include "card_state.h"
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "library_test_support.h"
+
+namespace cardsim {
+namespace {
+
+const std::string two_regions = R"(
+[[fpd]]
+id = 10
+[[fpd.region]]
+name = "A"
+running = "1.0.0"
+programmed = "1.1.0"
+[[fpd.region]]
+name = "B"
+running = "2.0.0"
+)";
+
+class StateTest : public ::testing::Test {
+  protected:
+    StateTest() { describe(card_table + leds + two_regions); }
+
+    void describe(const std::string &toml) {
+        write_file(directory.path / "card.toml", toml);
+        ASSERT_EQ(load_card_description(directory.path / "card.toml", card, error), 0) << error;
+    }
+
+    TestDirectory directory;
+    std::filesystem::path place = directory.path;
+    CardDescription card;
+    std::string error;
+};
+
+TEST_F(StateTest, BeginsAsDescribed) {
+    const CardState state = initial_state(card);
+    EXPECT_EQ(state.boot, 1U);
+    EXPECT_EQ(state.auto_upgrade, 1);
+    EXPECT_EQ(state.upgrade_mode, 0);
+    ASSERT_EQ(state.regions.size(), 2U);
+    EXPECT_EQ(state.regions[0].name, "A");
+    EXPECT_EQ(version_text(state.regions[0].running), "1.0.0");
+    EXPECT_EQ(version_text(state.regions[0].programmed), "1.1.0");
+    EXPECT_EQ(state.regions[1].fpd, 10U);
+    EXPECT_EQ(state.regions[1].index, 1);
+    EXPECT_EQ(state.regions[1].attempts, 0U);
+    ASSERT_EQ(state.leds.size(), 2U);
+    EXPECT_EQ(state.leds[0].id, 3U);
+    EXPECT_EQ(state.leds[0].state, 2U);
+    EXPECT_EQ(state.leds[0].color, 4U);
+}
+
+TEST_F(StateTest, ADirectoryWithoutAStateHoldsACardOnItsFirstBoot) {
+    CardState state;
+    state.boot = 9;
+    ASSERT_EQ(load_state(place, card, state, error), 0) << error;
+    EXPECT_EQ(state.boot, 1U);
+    EXPECT_EQ(state.regions.size(), 2U);
+}
+
+TEST_F(StateTest, AMissingDirectoryIsAnError) {
+    CardState state;
+    EXPECT_NE(load_state(place / "none", card, state, error), 0);
+    EXPECT_EQ(error, (place / "none" / "state.toml").string() + ": cannot be read: No such file or directory");
+}
+
+TEST_F(StateTest, KeepsAllThatOutlastsARun) {
+    CardState state = initial_state(card);
+    state.boot = 4;
+    state.auto_upgrade = -1;
+    state.upgrade_mode = 7;
+    state.regions[0].running = {1, 2, 65535};
+    state.regions[0].programmed = {1, 3, 0};
+    state.regions[0].falls_back = FirmwareVersion{1, 2, 3};
+    state.regions[1].attempts = 2;
+    state.leds[1].state = 3;
+    state.leds[1].color = 4294967295U;
+    ASSERT_EQ(save_state(place, state, error), 0) << error;
+
+    CardState loaded;
+    ASSERT_EQ(load_state(place, card, loaded, error), 0) << error;
+    EXPECT_EQ(loaded.boot, 4U);
+    EXPECT_EQ(loaded.auto_upgrade, -1);
+    EXPECT_EQ(loaded.upgrade_mode, 7);
+    EXPECT_EQ(version_text(loaded.regions[0].running), "1.2.65535");
+    EXPECT_EQ(version_text(loaded.regions[0].programmed), "1.3.0");
+    ASSERT_TRUE(loaded.regions[0].falls_back.has_value());
+    EXPECT_EQ(version_text(*loaded.regions[0].falls_back), "1.2.3");
+    EXPECT_FALSE(loaded.regions[1].falls_back.has_value());
+    EXPECT_EQ(loaded.regions[1].attempts, 2U);
+    EXPECT_EQ(loaded.leds[1].state, 3U);
+    EXPECT_EQ(loaded.leds[1].color, 4294967295U);
+    EXPECT_EQ(loaded.leds[0].state, 2U);
+}
+
+TEST_F(StateTest, FollowsADescriptionThatChanged) {
+    CardState state = initial_state(card);
+    state.regions[0].programmed = {1, 9, 0};
+    state.regions[1].programmed = {2, 9, 0};
+    state.leds[0].state = 1;
+    ASSERT_EQ(save_state(place, state, error), 0) << error;
+    describe(card_table + R"(
+[[led]]
+id = 5
+name = "New"
+state = 6
+[[led]]
+id = 3
+name = "Status"
+[[fpd]]
+id = 10
+[[fpd.region]]
+name = "Other"
+running = "7.0.0"
+[[fpd.region]]
+name = "B"
+running = "2.0.0"
+[[fpd.region]]
+name = "C"
+running = "3.0.0"
+)");
+    ASSERT_EQ(load_state(place, card, state, error), 0) << error;
+    ASSERT_EQ(state.regions.size(), 3U);
+    EXPECT_EQ(version_text(state.regions[0].programmed), "7.0.0");
+    EXPECT_EQ(version_text(state.regions[1].programmed), "2.9.0");
+    EXPECT_EQ(version_text(state.regions[2].programmed), "3.0.0");
+    ASSERT_EQ(state.leds.size(), 2U);
+    EXPECT_EQ(state.leds[0].state, 6U);
+    EXPECT_EQ(state.leds[1].state, 1U);
+}
+
+TEST_F(StateTest, ABrokenStateIsRefusedWithFileLineAndReason) {
+    CardState state = initial_state(card);
+    state.boot = 5;
+    write_file(state_file(place), "auto_upgrade = 1\nboot = 0\n");
+    EXPECT_NE(load_state(place, card, state, error), 0);
+    EXPECT_EQ(error, state_file(place).string() +
+                         ":2: the state: boot: expected a whole number from 1 to 4294967295, found 0");
+    EXPECT_EQ(state.boot, 5U);
+    write_file(state_file(place),
+               "auto_upgrade = 1\nboot = 1\nupgrade_mode = 0\n[[region]]\nfpd = 1\nregion = 0\nname = \"A\"\n"
+               "running = [1, 2, 65536]\n");
+    EXPECT_NE(load_state(place, card, state, error), 0);
+    EXPECT_EQ(error, state_file(place).string() +
+                         ":8: [[region]]: running: expected [major, minor, debug], each from 0 to 65535");
+}
+
+TEST_F(StateTest, AReloadRunsWhatIsProgrammed) {
+    CardState state = initial_state(card);
+    state.regions[0].attempts = 2;
+    state.regions[1].programmed = {2, 5, 0};
+    state.regions[1].running = {2, 5, 0};
+    state.regions[1].falls_back = FirmwareVersion{2, 0, 0};
+    state.leds[0].state = 3;
+    reload(state);
+    EXPECT_EQ(state.boot, 2U);
+    EXPECT_EQ(version_text(state.regions[0].running), "1.1.0");
+    EXPECT_EQ(state.regions[0].attempts, 0U);
+    EXPECT_EQ(version_text(state.regions[1].running), "2.0.0");
+    EXPECT_EQ(version_text(state.regions[1].programmed), "2.0.0");
+    EXPECT_FALSE(state.regions[1].falls_back.has_value());
+    EXPECT_EQ(state.leds[0].state, 3U);
+}
+
+TEST_F(StateTest, LeavesNoTemporaryFileBehind) {
+    ASSERT_EQ(save_state(place, initial_state(card), error), 0) << error;
+    EXPECT_THAT(names_in(place), ::testing::ElementsAre("card.toml", "state.toml"));
+}
+
+TEST_F(StateTest, AnybodyMayReadTheStateFile) {
+    ASSERT_EQ(save_state(place, initial_state(card), error), 0) << error;
+    struct stat status = {};
+    ASSERT_EQ(stat(state_file(place).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+}
+
+/// No file may grow beyond a few bytes while it exists, as on a full disk.
+struct FullDisk {
+    rlimit earlier = {};
+
+    FullDisk() {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &earlier);
+        const rlimit small = {16, earlier.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &earlier);
+        signal(SIGXFSZ, SIG_DFL);
+    }
+};
+
+TEST_F(StateTest, ASaveThatFailsLeavesTheEarlierState) {
+    CardState state = initial_state(card);
+    ASSERT_EQ(save_state(place, state, error), 0) << error;
+    const std::string earlier = read_file(state_file(place));
+    state.boot = 2;
+    {
+        const FullDisk full;
+        EXPECT_NE(save_state(place, state, error), 0);
+    }
+    EXPECT_EQ(error, state_file(place).string() + ": cannot be written: File too large");
+    EXPECT_EQ(read_file(state_file(place)), earlier);
+    EXPECT_THAT(names_in(place), ::testing::ElementsAre("card.toml", "state.toml"));
+}
+
+TEST_F(StateTest, ASaveIntoNoDirectoryFails) {
+    EXPECT_NE(save_state(place / "none", initial_state(card), error), 0);
+    EXPECT_EQ(error, (place / "none" / "state.toml").string() + ": cannot be written: No such file or directory");
+}
+
+TEST_F(StateTest, AReaderNeverMeetsHalfAState) {
+    CardState state = initial_state(card);
+    ASSERT_EQ(save_state(place, state, error), 0) << error;
+    std::atomic<bool> is_done = false;
+    std::thread writer([&] {
+        std::string reason;
+        for (uint32_t boot = 1; boot <= 50; ++boot) {
+            state.boot = boot;
+            EXPECT_EQ(save_state(place, state, reason), 0) << reason;
+        }
+        is_done = true;
+    });
+    while (!is_done) {
+        CardState read;
+        EXPECT_EQ(load_state(place, card, read, error), 0) << error;
+    }
+    writer.join();
+}
+
+TEST_F(StateTest, OneHolderOfTheLockAtATime) {
+    std::atomic<bool> is_second = false;
+    std::thread second;
+    {
+        const StateLock lock(place);
+        ASSERT_TRUE(lock.held());
+        second = std::thread([&] {
+            const StateLock waiting(place);
+            EXPECT_TRUE(waiting.held());
+            is_second = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(is_second);
+    }
+    second.join();
+    EXPECT_TRUE(is_second);
+}
+
+TEST_F(StateTest, NoLockWithoutADirectory) {
+    EXPECT_FALSE(StateLock(place / "none").held());
+}
+
+}  // namespace
+}  // namespace cardsim
