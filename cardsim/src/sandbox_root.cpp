@@ -180,7 +180,7 @@ void raise_message_limit() {
     if (fd >= 0) close(fd);
     if (!written) {
         throw std::runtime_error(std::string("raise ") + limit + ": " + std::strerror(error_number) +
-                                 " (an ordinary user may raise it in its own IPC namespace from Linux 6.0 on; "
+                                 " (an ordinary user may raise it in its own IPC namespace from Linux 6.9 on; "
                                  "on an older one run this as root)");
     }
 }
