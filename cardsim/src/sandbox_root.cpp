@@ -20,6 +20,7 @@ namespace {
 // The host's root stays reachable here until the new root is complete.
 const fs::path old_root = "/.cardsim-old";
 const fs::path hidden = "/.cardsim";
+const fs::path flash_mount_point = "/mnt/obfl";
 const fs::path hidden_boot_commands = "/.cardsim/bin";
 
 /// The new root while it grows.
@@ -219,17 +220,17 @@ std::vector<SandboxBind> card_directories(const SandboxLayout &layout) {
         {layout.scratch, "/misc/scratch"},
         {layout.local_etc, "/usr/local/etc"},
         {layout.flash, sandbox_flash_path},
-        {{}, "/mnt/obfl"},
+        {{}, flash_mount_point},
     };
     binds.insert(binds.end(), layout.extra.begin(), layout.extra.end());
     return binds;
 }
 
-/// /mnt/obfl must be a plain directory until the mount command was run, so one of our own needs no mount of its own.
-void show_directory(const Root &root, const fs::path &source, const fs::path &directory) {
+/// /mnt/obfl is a plain directory: it must not be a mount point before the mount command was run.
+void show_directory(const fs::path &source, const fs::path &directory) {
     if (!source.empty()) {
         must_bind(old_root / source.relative_path(), directory);
-    } else if (!root.own.contains(directory) || !fs::is_empty(directory)) {
+    } else if (directory != flash_mount_point) {
         mount_tmpfs(directory);
     }
 }
@@ -257,7 +258,7 @@ fs::path free_originals_name() {
 /// /mnt/obfl is mirrored rather than mounted over, so that it is no mount point.
 fs::path prepare_directory(Root &root, const fs::path &target) {
     const fs::path directory = ensure_directory(root, target);
-    if (target == "/mnt/obfl" && !root.own.contains(directory)) {
+    if (target == flash_mount_point && !root.own.contains(directory)) {
         mirror_directory(root, directory.parent_path(), {directory.filename()});
         make_directory(directory);
         root.own.insert(directory);
@@ -304,7 +305,7 @@ void sandbox_root_enter(const SandboxLayout &layout) {
     for (SandboxBind &entry : binds) entry.target = prepare_directory(root, entry.target);
     add_boot_commands(root, layout);
     protect_system_directories();
-    for (const SandboxBind &entry : binds) show_directory(root, entry.source, entry.target);
+    for (const SandboxBind &entry : binds) show_directory(entry.source, entry.target);
     copy_bootstrap_file(layout.bootstrap_file);
     raise_message_limit();
     leave_old_root();

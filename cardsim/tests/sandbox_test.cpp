@@ -135,6 +135,27 @@ TEST_F(SandboxTest, ShowsEmptyDirectoriesForWhatIsNotProvided) {
     EXPECT_EQ(run([] { return access("/dev/kd_bootstrap", F_OK) != 0 && errno == ENOENT ? 0 : 1; }), 0);
 }
 
+TEST_F(SandboxTest, NeedsNoneOfTheDirectoriesOnTheHost) {
+    layout_.scratch = directory("scratch");
+    layout_.extra = {{host_ / "scratch", "/usr/local/some/where"}};
+    EXPECT_EQ(
+        run([this] {
+            for (const char *path : {"/usr/local", "/var", "/mnt", "/misc", "/pkg"}) {
+                if (mount("empty", path, "tmpfs", 0, nullptr) != 0) return 1;
+            }
+            return run([] {
+                for (const char *path : {"/pkg/fpd/ucode", "/var/log", "/usr/local/etc", "/usr/local/some/where"}) {
+                    write_file(fs::path(path) / "file", path);
+                    if (read_file(fs::path(path) / "file") != path) return 2;
+                }
+                return fs::is_directory("/mnt/obfl") && !is_mount_point("/mnt/obfl") ? 0 : 3;
+            });
+        }),
+        0)
+        << error_;
+    EXPECT_EQ(read_file(host_ / "scratch/file"), "/usr/local/some/where");
+}
+
 TEST_F(SandboxTest, TheFlashIsMountedOnlyByAMount) {
     layout_.flash = directory("flash");
     write_file(host_ / "flash/log", "kept");
@@ -188,16 +209,18 @@ TEST_F(SandboxTest, CommandsAreSearchedInTheGivenDirectoriesFirst) {
 
 TEST_F(SandboxTest, MessageQueuesAreItsOwnAndLongEnough) {
     const std::string limit = read_file("/proc/sys/fs/mqueue/msg_max");
-    const auto make_queue = [] {
+    const std::string name = "/cardsim_sandbox_test_" + std::to_string(getpid());
+    const auto make_queue = [&name] {
         mq_attr attributes = {};
         attributes.mq_maxmsg = 256;
         attributes.mq_msgsize = 24;
-        const mqd_t queue = mq_open("/cardsim_sandbox_test", O_CREAT | O_EXCL | O_RDWR, 0600, &attributes);
+        const mqd_t queue = mq_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600, &attributes);
         return queue == -1 ? errno : 0;
     };
     EXPECT_EQ(run(make_queue), 0) << error_;
     EXPECT_EQ(run(make_queue), 0) << "the queue of the first sandbox is still there";
-    EXPECT_EQ(mq_open("/cardsim_sandbox_test", O_RDONLY), -1);
+    EXPECT_EQ(mq_open(name.c_str(), O_RDONLY), -1);
+    mq_unlink(name.c_str());
     EXPECT_EQ(read_file("/proc/sys/fs/mqueue/msg_max"), limit);
 }
 
