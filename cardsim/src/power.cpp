@@ -46,6 +46,7 @@ void catch_ending_signals() {
     action.sa_sigaction = note_signal;
     action.sa_flags = SA_SIGINFO;
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+    std::signal(SIGCHLD, SIG_DFL);  // whoever started us may ignore it, and exit statuses would be lost
 }
 
 void forward_caught_signal(const Sandbox &card) {

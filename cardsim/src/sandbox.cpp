@@ -324,7 +324,7 @@ std::optional<int> Sandbox::wait_for(std::chrono::milliseconds timeout) {
 }
 
 int Sandbox::wait() {
-    int status = 0;
+    int status = 0xff00;  // 255, should the caller ignore SIGCHLD and there be nothing to wait for
     while (waitpid(supervisor_, &status, 0) < 0 && errno == EINTR) continue;
     close(supervisor_fd_);
     supervisor_ = supervisor_fd_ = -1;

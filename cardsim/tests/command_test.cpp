@@ -416,6 +416,14 @@ TEST_F(CommandTest, ExecPassesStatusAndStandardStreamsThrough) {
     EXPECT_EQ(result.err, "oops\n");
 }
 
+TEST_F(CommandTest, AnIgnoredChildSignalLosesNoStatus) {
+    describe("true");
+    std::signal(SIGCHLD, SIG_IGN);  // inherited by what is started now
+    const pid_t command = start({"exec", card_.string(), "--", "sh", "-c", "exit 42"});
+    std::signal(SIGCHLD, SIG_DFL);
+    EXPECT_EQ(end_of(command).status, 42);
+}
+
 TEST_F(CommandTest, ExecTakesOptionsBehindTheDashes) {
     describe("true");
     const Result result = run({"exec", card_.string(), "--speed", "3", "--", "echo", "-b", "--state", "--", "x"});
