@@ -1,0 +1,260 @@
+#include "interpose.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <mqueue.h>
+#include <pthread.h>
+#include <regex.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+
+using interpose::Call;
+
+namespace {
+
+struct Armed {
+    std::atomic<unsigned> calls{0};
+    std::atomic<unsigned> first{0};  // number of the first call that fails; 0: none does
+    std::atomic<unsigned> times{0};
+    std::atomic<int> error{0};
+};
+
+// Constant-initialised: calls arrive before the constructors have run.
+constinit std::array<Armed, static_cast<std::size_t>(Call::count)> armed_calls;
+
+constexpr std::int64_t not_held = -1;
+constinit std::atomic<std::int64_t> held_clock{not_held};       // ns
+constinit std::atomic<std::int64_t> held_wall_clock{not_held};  // µs
+
+std::function<void(std::uint64_t)> &sleep_hook() {
+    static std::function<void(std::uint64_t)> hook;
+    return hook;
+}
+
+Armed &armed(Call call) {
+    return armed_calls[static_cast<std::size_t>(call)];
+}
+
+/// The error with which this call is to fail, set as errno too; 0: it is not to fail.
+int failure(Call call) {
+    Armed &one = armed(call);
+    const unsigned number = ++one.calls;
+    const unsigned first = one.first;
+    if (first == 0 || number < first || number - first >= one.times) return 0;
+    errno = one.error;
+    return one.error;
+}
+
+}  // namespace
+
+namespace interpose {
+
+void fail(Call call, int error, unsigned nth, unsigned times) {
+    Armed &one = armed(call);
+    one.error = error;
+    one.times = times;
+    one.first = one.calls + nth;
+}
+
+unsigned calls(Call call) {
+    return armed(call).calls;
+}
+
+void hold_clock(timespec now) {
+    held_clock = now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+void advance_clock(std::int64_t microseconds) {
+    held_clock += microseconds * 1000;
+}
+
+void hold_wall_clock(timeval now) {
+    held_wall_clock = now.tv_sec * 1'000'000 + now.tv_usec;
+}
+
+void on_sleep(std::function<void(std::uint64_t)> instead) {
+    sleep_hook() = std::move(instead);
+}
+
+void reset() {
+    for (Armed &one : armed_calls) {
+        one.first = 0;
+        one.calls = 0;
+    }
+    held_clock = not_held;
+    held_wall_clock = not_held;
+    sleep_hook() = nullptr;
+}
+
+}  // namespace interpose
+
+extern "C" {
+
+int __real_access(const char *path, int mode);
+int __wrap_access(const char *path, int mode) {
+    return failure(Call::access) ? -1 : __real_access(path, mode);
+}
+
+void *__real_calloc(std::size_t count, std::size_t size);
+void *__wrap_calloc(std::size_t count, std::size_t size) {
+    return failure(Call::calloc) ? nullptr : __real_calloc(count, size);
+}
+
+int __real_clock_gettime(clockid_t clock, timespec *now);
+int __wrap_clock_gettime(clockid_t clock, timespec *now) {
+    if (clock != CLOCK_MONOTONIC_RAW) return __real_clock_gettime(clock, now);
+    if (failure(Call::clock_gettime)) return -1;
+    const std::int64_t held = held_clock;
+    if (held == not_held) return __real_clock_gettime(clock, now);
+    *now = {held / 1'000'000'000, held % 1'000'000'000};
+    return 0;
+}
+
+std::FILE *__real_fopen(const char *path, const char *mode);
+std::FILE *__wrap_fopen(const char *path, const char *mode) {
+    return failure(Call::fopen) ? nullptr : __real_fopen(path, mode);
+}
+
+std::size_t __real_fread(void *buffer, std::size_t size, std::size_t count, std::FILE *file);
+std::size_t __wrap_fread(void *buffer, std::size_t size, std::size_t count, std::FILE *file) {
+    return failure(Call::fread) ? 0 : __real_fread(buffer, size, count, file);
+}
+
+int __real_gettimeofday(timeval *now, void *zone);
+int __wrap_gettimeofday(timeval *now, void *zone) {
+    const std::int64_t held = held_wall_clock;
+    if (held == not_held) return __real_gettimeofday(now, zone);
+    *now = {held / 1'000'000, held % 1'000'000};
+    return 0;
+}
+
+void *__real_malloc(std::size_t size);
+void *__wrap_malloc(std::size_t size) {
+    return failure(Call::malloc) ? nullptr : __real_malloc(size);
+}
+
+int __real_mq_close(mqd_t queue);
+int __wrap_mq_close(mqd_t queue) {
+    return failure(Call::mq_close) ? -1 : __real_mq_close(queue);
+}
+
+mqd_t __real_mq_open(const char *name, int flags, ...);
+mqd_t __wrap_mq_open(const char *name, int flags, ...) {
+    if (failure(Call::mq_open)) return -1;
+    if (!(flags & O_CREAT)) return __real_mq_open(name, flags);
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    mq_attr *const attributes = va_arg(arguments, mq_attr *);
+    va_end(arguments);
+    return __real_mq_open(name, flags, mode, attributes);
+}
+
+ssize_t __real_mq_receive(mqd_t queue, char *message, std::size_t size, unsigned *priority);
+ssize_t __wrap_mq_receive(mqd_t queue, char *message, std::size_t size, unsigned *priority) {
+    return failure(Call::mq_receive) ? -1 : __real_mq_receive(queue, message, size, priority);
+}
+
+int __real_mq_send(mqd_t queue, const char *message, std::size_t size, unsigned priority);
+int __wrap_mq_send(mqd_t queue, const char *message, std::size_t size, unsigned priority) {
+    return failure(Call::mq_send) ? -1 : __real_mq_send(queue, message, size, priority);
+}
+
+int __real_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags, ...) {
+    if (failure(Call::open)) return -1;
+    if (!(flags & (O_CREAT | O_TMPFILE))) return __real_open(path, flags);
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    return __real_open(path, flags, mode);
+}
+
+std::FILE *__real_open_memstream(char **text, std::size_t *size);
+std::FILE *__wrap_open_memstream(char **text, std::size_t *size) {
+    return failure(Call::open_memstream) ? nullptr : __real_open_memstream(text, size);
+}
+
+DIR *__real_opendir(const char *path);
+DIR *__wrap_opendir(const char *path) {
+    return failure(Call::opendir) ? nullptr : __real_opendir(path);
+}
+
+int __real_pthread_cancel(pthread_t thread);
+int __wrap_pthread_cancel(pthread_t thread) {
+    const int error = failure(Call::pthread_cancel);
+    return error ? error : __real_pthread_cancel(thread);
+}
+
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *), void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *), void *argument) {
+    const int error = failure(Call::pthread_create);
+    return error ? error : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __real_pthread_join(pthread_t thread, void **result);
+int __wrap_pthread_join(pthread_t thread, void **result) {
+    const int error = failure(Call::pthread_join);
+    return error ? error : __real_pthread_join(thread, result);
+}
+
+int __real_pthread_sigmask(int how, const sigset_t *signals, sigset_t *before);
+int __wrap_pthread_sigmask(int how, const sigset_t *signals, sigset_t *before) {
+    const int error = failure(Call::pthread_sigmask);
+    return error ? error : __real_pthread_sigmask(how, signals, before);
+}
+
+void *__real_realloc(void *memory, std::size_t size);
+void *__wrap_realloc(void *memory, std::size_t size) {
+    return failure(Call::realloc) ? nullptr : __real_realloc(memory, size);
+}
+
+int __real_regcomp(regex_t *compiled, const char *pattern, int flags);
+int __wrap_regcomp(regex_t *compiled, const char *pattern, int flags) {
+    const int error = failure(Call::regcomp);
+    return error ? error : __real_regcomp(compiled, pattern, flags);
+}
+
+int __real_sigaddset(sigset_t *signals, int number);
+int __wrap_sigaddset(sigset_t *signals, int number) {
+    return failure(Call::sigaddset) ? -1 : __real_sigaddset(signals, number);
+}
+
+int __real_sigemptyset(sigset_t *signals);
+int __wrap_sigemptyset(sigset_t *signals) {
+    return failure(Call::sigemptyset) ? -1 : __real_sigemptyset(signals);
+}
+
+unsigned __real_sleep(unsigned seconds);
+unsigned __wrap_sleep(unsigned seconds) {
+    if (!sleep_hook()) return __real_sleep(seconds);
+    sleep_hook()(seconds * 1'000'000ULL);
+    return 0;
+}
+
+int __real_stat(const char *path, struct stat *status);
+int __wrap_stat(const char *path, struct stat *status) {
+    return failure(Call::stat) ? -1 : __real_stat(path, status);
+}
+
+int __real_unlink(const char *path);
+int __wrap_unlink(const char *path) {
+    return failure(Call::unlink) ? -1 : __real_unlink(path);
+}
+
+int __real_usleep(useconds_t microseconds);
+int __wrap_usleep(useconds_t microseconds) {
+    if (!sleep_hook()) return __real_usleep(microseconds);
+    sleep_hook()(microseconds);
+    return 0;
+}
+
+}  // extern "C"

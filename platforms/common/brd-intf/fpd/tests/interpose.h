@@ -1,0 +1,66 @@
+/// System calls that fail, and clocks that stand still, when a test says so.
+///
+/// The linker sends the calls of the modules and of the tests through here (not those of the C and C++ libraries
+/// themselves); what is not armed goes on to the real function. Any thread.
+#ifndef BOOTUP_FPD_TESTS_INTERPOSE_H
+#define BOOTUP_FPD_TESTS_INTERPOSE_H
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+
+namespace interpose {
+
+enum class Call {
+    access,
+    calloc,
+    clock_gettime,
+    fopen,
+    fread,  // reads nothing, without a stream error
+    malloc,
+    mq_close,
+    mq_open,
+    mq_receive,
+    mq_send,
+    open,
+    open_memstream,
+    opendir,
+    pthread_cancel,
+    pthread_create,
+    pthread_join,
+    pthread_sigmask,
+    realloc,
+    regcomp,
+    sigaddset,
+    sigemptyset,
+    stat,
+    unlink,
+    count  // of the values above
+};
+
+/// Fails the `nth` call from now (1: the next one) and the `times - 1` after it, with `error`: through errno, or as the
+/// result where the function has its error there. A later fail() of the same call replaces this one.
+void fail(Call call, int error, unsigned nth = 1, unsigned times = 1);
+inline constexpr unsigned for_ever = ~0U;
+/// Calls since the last reset(), failed ones included.
+unsigned calls(Call call);
+
+/// Holds CLOCK_MONOTONIC_RAW at `now`; a failed read leaves the caller's record alone.
+void hold_clock(timespec now);
+/// Moves the held clock on.
+void advance_clock(std::int64_t microseconds);
+/// Holds gettimeofday at `now`.
+void hold_wall_clock(timeval now);
+
+/// Calls `instead` with the microseconds of each sleep() and usleep(), which do not sleep then; null: they sleep.
+/// Not while another thread may sleep.
+void on_sleep(std::function<void(std::uint64_t microseconds)> instead);
+
+/// Disarms everything.
+void reset();
+
+}  // namespace interpose
+
+#endif

@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+#include "sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The directories of the card that the tests run on; removed with the object.
+struct CardDirectory {
+    CardDirectory() {
+        std::string pattern = fs::temp_directory_path() / "bootup_fpd_tests.XXXXXX";
+        if (mkdtemp(pattern.data())) path = pattern;
+    }
+    ~CardDirectory() {
+        std::error_code ignored;
+        if (!path.empty()) fs::remove_all(path, ignored);
+    }
+    CardDirectory(const CardDirectory &) = delete;
+    CardDirectory &operator=(const CardDirectory &) = delete;
+
+    fs::path directory(const char *name) const {
+        fs::create_directory(path / name);
+        return path / name;
+    }
+
+    fs::path path;  // empty: it could not be made
+};
+
+cardsim::SandboxLayout make_layout(const CardDirectory &card) {
+    cardsim::SandboxLayout layout;
+    layout.packaged_firmware = card.directory("ucode");
+    layout.log = card.directory("log");
+    layout.scratch = card.directory("scratch");
+    layout.local_etc = card.directory("etc");
+    layout.flash = card.directory("flash");
+    layout.boot_commands = card.directory("sbin");
+    layout.bootstrap_file = card.path / "kd_bootstrap";
+    std::ofstream(layout.bootstrap_file).close();
+    return layout;
+}
+
+bool only_lists(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::string_view(argv[i]).starts_with("--gtest_list_tests")) return true;
+    return false;
+}
+
+int run_in_sandbox() {
+    const CardDirectory card;
+    if (card.path.empty()) {
+        std::perror("bootup_fpd_tests: no temporary directory");
+        return 1;
+    }
+    std::string error;
+    const int status = cardsim::sandbox_run(
+        make_layout(card), [] { return RUN_ALL_TESTS(); }, error);
+    if (status < 0) std::fprintf(stderr, "bootup_fpd_tests: no sandbox: %s\n", error.c_str());
+    return status < 0 ? 1 : status;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    const bool plain = only_lists(argc, argv);
+    testing::InitGoogleTest(&argc, argv);
+    return plain ? RUN_ALL_TESTS() : run_in_sandbox();
+}

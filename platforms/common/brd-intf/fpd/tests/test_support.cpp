@@ -1,0 +1,167 @@
+#include "test_support.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <regex>
+
+#include "fake_platform.h"
+#include "interpose.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void empty_directory(const fs::path &path) {
+    for (const fs::directory_entry &entry : fs::directory_iterator(path)) fs::remove_all(entry.path());
+}
+
+void clean_card() {
+    for (const char *directory : {"/var/log", "/misc/scratch", "/usr/local/etc", packaged_firmware_path})
+        empty_directory(directory);
+    fs::remove_all(bootstrap_path);
+    write_file(bootstrap_path, default_bootstrap_text());
+}
+
+/// Where the next line begins, from `from` on: behind a newline that a time stamp and a process id follow.
+std::size_t next_line(const std::string &text, std::size_t from) {
+    static const std::regex start(R"(\n\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{1,6} [^\]]*\] \[\d+:\d+\] )");
+    std::smatch match;
+    if (from >= text.size() ||
+        !std::regex_search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(), match, start))
+        return text.size();
+    return from + static_cast<std::size_t>(match.position()) + 1;
+}
+
+/// Takes "[...] " from the front of `rest`; false when it does not begin so.
+bool take_field(std::string_view &rest, std::string &field) {
+    const std::size_t end = rest.find("] ");
+    if (rest.empty() || rest.front() != '[' || end == std::string_view::npos) return false;
+    field = rest.substr(1, end - 1);
+    rest.remove_prefix(end + 2);
+    return true;
+}
+
+bool take_numbers(std::string_view &rest, int &pid, int &tid) {
+    std::string field;
+    return take_field(rest, field) && std::sscanf(field.c_str(), "%d:%d", &pid, &tid) == 2;
+}
+
+bool take_place(std::string_view &rest, std::string &file, int &line) {
+    std::string field;
+    if (!take_field(rest, field)) return false;
+    const std::size_t colon = field.rfind(':');
+    if (colon == std::string::npos) return false;
+    file = field.substr(0, colon);
+    return std::sscanf(field.c_str() + colon, ":%d", &line) == 1;
+}
+
+bool take_message(std::string_view rest, std::string &message) {
+    if (!rest.starts_with('[') || !rest.ends_with("]\n")) return false;
+    message = rest.substr(1, rest.size() - 3);
+    return true;
+}
+
+bool parse_line(std::string_view text, LogLine &line) {
+    return take_field(text, line.timestamp) && take_numbers(text, line.pid, line.tid) &&
+           take_field(text, line.component) && take_field(text, line.level) && take_field(text, line.tag) &&
+           take_place(text, line.file, line.line) && take_message(text, line.message);
+}
+
+}  // namespace
+
+CardTest::CardTest() {
+    interpose::reset();
+    fake_platform().reset();
+    clean_card();
+    std::snprintf(err_msg, sizeof err_msg, "%s", untouched_text.data());
+}
+
+CardTest::~CardTest() {
+    interpose::reset();
+}
+
+std::string default_bootstrap_text() {
+    return "PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=0\nPD_SLOT_NUM=2\nMY_CARD_PID=CARD-36H\n";
+}
+
+void PrintTo(const LogLine &line, std::ostream *out) {
+    *out << '[' << line.component << "] [" << line.level << "] [" << line.tag << "] [" << line.file << ':' << line.line
+         << "] [" << line.message << ']';
+}
+
+std::vector<LogLine> log_lines() {
+    const std::string text = read_file(diagnostic_log_path);
+    std::vector<LogLine> lines;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = next_line(text, begin);
+        const std::string_view one = std::string_view(text).substr(begin, end - begin);
+        LogLine line;
+        if (parse_line(one, line))
+            lines.push_back(line);
+        else
+            ADD_FAILURE() << "not a line of the log: " << one.substr(0, 300);
+        begin = end;
+    }
+    return lines;
+}
+
+std::vector<LogLine> log_lines(std::string_view tag) {
+    std::vector<LogLine> lines = log_lines();
+    std::erase_if(lines, [tag](const LogLine &line) { return line.tag != tag; });
+    return lines;
+}
+
+void clear_log() {
+    fs::remove(diagnostic_log_path);
+}
+
+testing::Matcher<const LogLine &> log_line(const Module &module, std::string_view level, std::string_view tag,
+                                           std::string_view message) {
+    using testing::Field;
+    return testing::AllOf(Field("component", &LogLine::component, module.component),
+                          Field("level", &LogLine::level, level), Field("tag", &LogLine::tag, tag),
+                          Field("file", &LogLine::file, module.file), Field("line", &LogLine::line, testing::Gt(0)),
+                          Field("message", &LogLine::message, message));
+}
+
+void expect_log(const Module &module, std::string_view level, std::string_view tag, std::string_view message,
+                std::source_location where) {
+    const testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_log");
+    EXPECT_THAT(log_lines(tag), testing::ElementsAre(log_line(module, level, tag, message)));
+}
+
+void expect_no_log(std::string_view tag, std::source_location where) {
+    const testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_no_log");
+    EXPECT_THAT(log_lines(tag), testing::IsEmpty());
+}
+
+std::string read_file(const fs::path &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void write_file(const fs::path &path, std::string_view text) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(text.data(), static_cast<std::streamsize>(text.size()));
+    file.close();
+    ASSERT_TRUE(file) << path;
+}
+
+std::string address_text(const void *address) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", address);
+    return text;
+}
+
+std::vector<std::string> open_descriptors() {
+    std::vector<std::string> open;
+    // The directory's own descriptor is gone when its entries are looked at again.
+    std::vector<fs::path> entries;
+    for (const fs::directory_entry &entry : fs::directory_iterator("/proc/self/fd")) entries.push_back(entry.path());
+    for (const fs::path &entry : entries)
+        if (fs::is_symlink(entry)) open.push_back(entry.filename().string() + " " + fs::read_symlink(entry).string());
+    return open;
+}
