@@ -65,7 +65,8 @@ int load_fpds(unsigned run_level, UpgradeStage stage, LocalCard &card, char *err
 /// a failed addition to the upgrade marker.
 int build_upgrade_queue(UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len);
 
-/// Name of a region as the platform has it, cut to name_len bytes with its NUL. -EINVAL for a region that is none.
+/// Name of a region as the platform has it, cut to name_len bytes with its NUL. -EINVAL for a region that is none,
+/// -ENOMEM, or the platform's code.
 int get_fpd_name(std::uint32_t group_id, std::uint32_t obj_id, std::uint8_t region, char *name, std::size_t name_len,
                  char *err_msg, std::size_t err_len);
 /// Reads what the platform knows of the region, its versions above all, into the record. -EACCES.

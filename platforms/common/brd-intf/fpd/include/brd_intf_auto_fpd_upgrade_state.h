@@ -85,6 +85,8 @@ static_assert(std::is_trivial_v<Fpd>, "taken with calloc");
 static_assert(sizeof(FpdVersion) == 6 && offsetof(FpdVersion, kind) == 0 && offsetof(FpdVersion, major) == 1 &&
               offsetof(FpdVersion, minor) == 2 && offsetof(FpdVersion, debug) == 4);
 
+static_assert(sizeof(BrdFpdRegion) == 104 && offsetof(BrdFpdRegion, name) == 1);
+
 static_assert(sizeof(BrdFpdInfo) == 256);
 static_assert(offsetof(BrdFpdInfo, name) == 0 && sizeof(BrdFpdInfo::name) == 64);
 static_assert(offsetof(BrdFpdInfo, running_major) == 64 && offsetof(BrdFpdInfo, running_minor) == 66 &&

@@ -60,25 +60,26 @@ void fpd_log_timestamp(char *buffer, std::size_t size);
 [[gnu::format(printf, 4, 5)]] int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...);
 /// Empties err_msg, so that a callee that writes nothing leaves nothing of an earlier call there. Null is allowed.
 void clear_error(char *err_msg, std::size_t err_len);
+/// Ends a text that a closed library may have filled to the last byte. Null is allowed.
+void terminate_error(char *err_msg, std::size_t err_len);
 
-/// A text of any length under construction. `stream` is null when there is no memory for it.
+/// A text under construction, of any length; without memory for a long one it is cut, never lost.
 struct TextBuilder {
-    TextBuilder() : stream(open_memstream(&text, &length)) {}
-    ~TextBuilder() {
-        stream.reset();
-        std::free(text);
-    }
+    TextBuilder() = default;
     TextBuilder(const TextBuilder &) = delete;
     TextBuilder &operator=(const TextBuilder &) = delete;
-    /// What was written so far; valid until more is written.
-    std::string_view view() {
-        std::fflush(stream.get());
-        return {text, length};
-    }
+    [[gnu::format(printf, 2, 3)]] void add(const char *format, ...);
+    [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
+    /// Adds the last characters of a line, which replace those before them when the text had to be cut.
+    void end_with(std::string_view ending);
+    /// What was added so far, without the NUL behind it; valid until more is added.
+    std::string_view view() const { return {text(), length}; }
+    const char *text() const { return grown ? grown.get() : small; }
 
-    char *text = nullptr;    // owned, NUL-terminated, kept up to date by view()
-    std::size_t length = 0;  // bytes, without the NUL
-    File stream;
+    char small[2048] = "";  // holds the text until it is too long
+    Allocated<char> grown;  // holds it from then on
+    std::size_t capacity = sizeof small;
+    std::size_t length = 0;  // characters, without the NUL
 };
 
 /// Appends `text` to the file in one write, creating it if need be. Returns 0 or -errno of the failed open; a failed

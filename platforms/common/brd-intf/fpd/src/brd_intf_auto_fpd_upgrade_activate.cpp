@@ -48,8 +48,9 @@ int set_boot_entry(char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     char output[256] = "";
     std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", boot_loader_command) == 0)
-        return 0;
+    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", boot_loader_command);
+    terminate_error(err_msg, err_len);
+    if (rc == 0) return 0;
     log_error({here, "AutoFpdActivateGrubRebootSetFail"}, "Auto FPD ACtivate GRUB Reboot setting failed error %s",
               err_msg);
     return -ENOSYS;
@@ -59,10 +60,11 @@ int reset_card(ReloadType reload_type, char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     char output[256] = "";
     std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, err_len,
-                           "%s %s -r \"Auto FPD Upgrade activation\" -b %d", reset_script,
-                           reload_type == reload_reset_all ? "-a" : "", reset_reason) == 0)
-        return 0;
+    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len,
+                                      "%s %s -r \"Auto FPD Upgrade activation\" -b %d", reset_script,
+                                      reload_type == reload_reset_all ? "-a" : "", reset_reason);
+    terminate_error(err_msg, err_len);
+    if (rc == 0) return 0;
     log_error({here, "AutoFpdUpgradeActivateFail"}, "Auto FPD Upgrade Activation failed error %s", err_msg);
     return -ENOSYS;
 }

@@ -203,56 +203,58 @@ struct ProgressCheck {
 
 constexpr auto progress_checks = std::to_array<ProgressCheck>({
     {
-        FpdState::worker_created,
-        scheduling_limit,
-        "ChkFpdUpgScheduleInvState",
-        "Checking FPD %s Upgrade Scheduling from an invalid State %s",
-        "ChkFpdUpgScheduleClockGetFail",
-        "Checking FPD %s upgrade Scheduling Clock get failed, error %s",
-        "ChkFpdUpgScheduleMaxTransTimeOut",
-        "ChkFpdUpgScheduleMaxTransCancelThreadFail",
-        "ChkFpdUpgScheduleMaxTransQMoveFail",
-        "ChkFpdUpgScheduleTransRetry",
-        "FpdUpgSendFpdWorkerstuck",
-        "Auto FPD Upgrade worker stuck forever and killing for '%s'",
-        "FPD '%s' Canceling the upgrade to version %s since worked not scheduled within stipulated time",
-        "FpdUpgProgressCheckScheduledFail",
-        "Checking FPD %s upgrade scheduling failed error %s",
+        .state = FpdState::worker_created,
+        .limit = scheduling_limit,
+        .invalid_state_tag = "ChkFpdUpgScheduleInvState",
+        .invalid_state = "Checking FPD %s Upgrade Scheduling from an invalid State %s",
+        .clock_tag = "ChkFpdUpgScheduleClockGetFail",
+        .clock = "Checking FPD %s upgrade Scheduling Clock get failed, error %s",
+        .time_out_tag = "ChkFpdUpgScheduleMaxTransTimeOut",
+        .cancel_tag = "ChkFpdUpgScheduleMaxTransCancelThreadFail",
+        .move_tag = "ChkFpdUpgScheduleMaxTransQMoveFail",
+        .retry_tag = "ChkFpdUpgScheduleTransRetry",
+        .event_tag = "FpdUpgSendFpdWorkerstuck",
+        .event = "Auto FPD Upgrade worker stuck forever and killing for '%s'",
+        .cancel_event =
+            "FPD '%s' Canceling the upgrade to version %s since worked not scheduled within stipulated time",
+        .failure_tag = "FpdUpgProgressCheckScheduledFail",
+        .failure = "Checking FPD %s upgrade scheduling failed error %s",
     },
     {
-        FpdState::upgrade_started,
-        start_limit,
-        "ChkFpdUpgStartedInvState",
-        "Checking FPD %s Upgrade Started from an invalid State %s",
-        "ChkFpdUpgStartedClockGetFail",
-        "Checking FPD %s upgrade started Clock get failed, error %s",
-        "ChkFpdUpgStartedMaxTransTimeOut",
-        "ChkFpdUpgStartedMaxTransCancelThreadFail",
-        "ChkFpdUpgStartedMaxTransQMoveFail",
-        "ChkFpdUpgStartedTransRetry",
-        "FpdUpgSendFpdWorkerStuckStarted",
-        "Auto FPD Upgrade worker started stuck forever and killing for '%s'",
-        "FPD '%s' Canceling the upgrade to version %s since worked not started within stipulated time",
-        "FpdUpgProgressCheckStartedFail",
-        "Checking FPD %s upgrade start failed error %s",
+        .state = FpdState::upgrade_started,
+        .limit = start_limit,
+        .invalid_state_tag = "ChkFpdUpgStartedInvState",
+        .invalid_state = "Checking FPD %s Upgrade Started from an invalid State %s",
+        .clock_tag = "ChkFpdUpgStartedClockGetFail",
+        .clock = "Checking FPD %s upgrade started Clock get failed, error %s",
+        .time_out_tag = "ChkFpdUpgStartedMaxTransTimeOut",
+        .cancel_tag = "ChkFpdUpgStartedMaxTransCancelThreadFail",
+        .move_tag = "ChkFpdUpgStartedMaxTransQMoveFail",
+        .retry_tag = "ChkFpdUpgStartedTransRetry",
+        .event_tag = "FpdUpgSendFpdWorkerStuckStarted",
+        .event = "Auto FPD Upgrade worker started stuck forever and killing for '%s'",
+        .cancel_event = "FPD '%s' Canceling the upgrade to version %s since worked not started within stipulated time",
+        .failure_tag = "FpdUpgProgressCheckStartedFail",
+        .failure = "Checking FPD %s upgrade start failed error %s",
     },
     {
-        FpdState::upgrade_progressing,
-        progressing_limit,
-        "ChkFpdUpgProgressingInvState",
-        "Checking FPD %s Upgrade Progressing from an invalid State %s",
-        "ChkFpdUpgProgressingClockGetFail",
-        "Checking FPD %s upgrade progressing Clock get failed, error %s",
-        "ChkFpdUpgProgressingMaxTransTimeOut",
-        "ChkFpdUpgProgressingMaxTransCancelThreadFail",
-        "ChkFpdUpgProgressingMaxTransQMoveFail",
-        "ChkFpdUpgProgressingTransRetry",
-        "FpdUpgSendFpdWorkerStuckProgressing",
-        "Auto FPD Upgrade worker stuck progressing %d forever and killing for '%s'",
+        .state = FpdState::upgrade_progressing,
+        .limit = progressing_limit,
+        .invalid_state_tag = "ChkFpdUpgProgressingInvState",
+        .invalid_state = "Checking FPD %s Upgrade Progressing from an invalid State %s",
+        .clock_tag = "ChkFpdUpgProgressingClockGetFail",
+        .clock = "Checking FPD %s upgrade progressing Clock get failed, error %s",
+        .time_out_tag = "ChkFpdUpgProgressingMaxTransTimeOut",
+        .cancel_tag = "ChkFpdUpgProgressingMaxTransCancelThreadFail",
+        .move_tag = "ChkFpdUpgProgressingMaxTransQMoveFail",
+        .retry_tag = "ChkFpdUpgProgressingTransRetry",
+        .event_tag = "FpdUpgSendFpdWorkerStuckProgressing",
+        .event = "Auto FPD Upgrade worker stuck progressing %d forever and killing for '%s'",
         // "%d%" goes to printf as it stands: readers of existing logs expect the number with its percent sign.
-        "FPD '%s' Canceling the upgrade to version %s since no progress made after %d% within stipulated time",
-        "FpdUpgProgressCheckProgressFail",
-        "Checking FPD %s upgrade progressing failed error %s",
+        .cancel_event =
+            "FPD '%s' Canceling the upgrade to version %s since no progress made after %d% within stipulated time",
+        .failure_tag = "FpdUpgProgressCheckProgressFail",
+        .failure = "Checking FPD %s upgrade progressing failed error %s",
     },
 });
 
@@ -390,10 +392,12 @@ void punch_watchdog() {
     char err_msg[256] = "";
     std::size_t output_len = 0;
     if (exec_shell_command(output, sizeof output, &output_len, err_msg, sizeof err_msg, "%s",
-                           "/usr/local/etc/punch-watchdog-once.sh") != 0)
+                           "/usr/local/etc/punch-watchdog-once.sh") != 0) {
+        terminate_error(err_msg, sizeof err_msg);
         log_error({here, "AutoFpdUpgradeProgressWDPunchFail"}, "Punching PD watchdog failed error %s", err_msg);
-    else
-        log_debug({here, "AutoFpdUpgradeProgressWDPunch"}, "Punching PD watchdog: %s", output);
+        return;
+    }
+    log_debug({here, "AutoFpdUpgradeProgressWDPunch"}, "Punching PD watchdog: %s", output);
 }
 
 void show_progress(LocalCard &card, const timespec &now) {

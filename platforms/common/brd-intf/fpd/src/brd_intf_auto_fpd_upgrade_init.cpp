@@ -23,8 +23,6 @@ constexpr LogModule here{"FPD", __FILE__};
 
 bool interface_initialised = false;
 
-static_assert(sizeof(BrdFpdRegion) == 104 && offsetof(BrdFpdRegion, name) == 1);
-
 }  // namespace
 
 // The context of one run ---------------------------------------------------------------------------------------------
@@ -51,7 +49,7 @@ int read_hw_version(LocalCard &card, char *err_msg, std::size_t err_len) {
     return 0;
 }
 
-int read_identity(LocalCard &card, char *err_msg, std::size_t err_len) {
+int prepare_card(LocalCard &card, char *err_msg, std::size_t err_len) {
     int rc = brd_card_init();
     if (rc != 0)
         return fail({here, "InitLocalCardBrdIntfInitFail"}, -EACCES, err_msg, err_len, "BRD init failed rc %d", rc);
@@ -74,6 +72,7 @@ int read_identity(LocalCard &card, char *err_msg, std::size_t err_len) {
 
 }  // namespace
 
+// Once per process, and before anything else of the platform is used; the front end would tell a failure.
 int platform_interface_init() {
     interface_initialised = true;
     return interface_initialised ? 0 : -EACCES;
@@ -85,8 +84,9 @@ int context_init(LocalCard **card, char *err_msg, std::size_t err_len) {
     if (!made)
         return fail({here, "InitLocalCardMallocFail"}, -ENOMEM, err_msg, err_len,
                     "Initialize local card calloc() failed %s", std::strerror(errno));
+    made->mq = -1;
     int rc = format_mq_name(*made, err_msg, err_len);
-    if (rc == 0) rc = read_identity(*made, err_msg, err_len);
+    if (rc == 0) rc = prepare_card(*made, err_msg, err_len);
     if (rc == 0) *card = made.release();
     return rc;
 }
@@ -160,7 +160,9 @@ int fpd_info_get(std::uint32_t group_id, Fpd &fpd, char *err_msg, std::size_t er
     // Into a record of its own, so that a failed call leaves the FPD its name.
     BrdFpdInfo info{};
     std::memcpy(info.name, fpd.info.name, sizeof info.name);
-    if (brd_fpd_info_get(group_id, fpd.obj_id, fpd.region, &info, err_msg, err_len) != 0)
+    const int rc = brd_fpd_info_get(group_id, fpd.obj_id, fpd.region, &info, err_msg, err_len);
+    terminate_error(err_msg, err_len);
+    if (rc != 0)
         return fail({here, "FpdInfoGetBrdFail"}, -EACCES, err_msg, err_len, "Failed to get FPD info, error %s",
                     err_msg);
     info.name[sizeof info.name - 1] = '\0';
@@ -216,6 +218,7 @@ int get_description(Fpd &fpd, char *err_msg, std::size_t err_len) {
     fpd_desc_init(fpd.desc);
     // Only the low 8 bits of the library's result count.
     const auto rc = static_cast<std::uint8_t>(check_and_get_upgrade_image(&fpd.desc_req, &fpd.desc, err_msg, err_len));
+    terminate_error(err_msg, err_len);
     fpd.desc.dependency[sizeof fpd.desc.dependency - 1] = '\0';
     fpd.desc.image[sizeof fpd.desc.image - 1] = '\0';
     fpd.desc.md5[sizeof fpd.desc.md5 - 1] = '\0';
@@ -236,6 +239,22 @@ int validate_image(const Fpd &fpd, char *err_msg, std::size_t err_len) {
     return 0;
 }
 
+/// Reads the region's info. A library that gives a region another name than before may not give it that of another
+/// record: names are what the queues tell their records apart by.
+int get_info(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len) {
+    char known_name[sizeof fpd.info.name];
+    std::memcpy(known_name, fpd.info.name, sizeof known_name);
+    const int rc = fpd_info_get(card.group_id, fpd, err_msg, err_len);
+    if (rc != 0 || std::strcmp(known_name, fpd.info.name) == 0) return rc;
+    unsigned bearers = 0;
+    for (const Fpd *each = card.queues.fpd_queue; each; each = each->next)
+        if (std::strcmp(each->info.name, fpd.info.name) == 0) ++bearers;
+    if (bearers < 2) return 0;
+    const int taken = fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
+    std::memcpy(fpd.info.name, known_name, sizeof known_name);
+    return taken;
+}
+
 /// Evaluates a discovered FPD for the stage; what comes of it is its state.
 void evaluate_fpd(unsigned run_level, UpgradeStage stage, const LocalCard &card, Fpd &fpd, char *err_msg,
                   std::size_t err_len) {
@@ -244,7 +263,7 @@ void evaluate_fpd(unsigned run_level, UpgradeStage stage, const LocalCard &card,
     log_debug({here, "InitFpdCapabilities"}, "FPD %s capabilities 0x%x", fpd.info.name, fpd.capabilities);
     if (skipped_by_capability(run_level, stage, fpd)) return;
 
-    if (fpd_info_get(card.group_id, fpd, err_msg, err_len) != 0) {
+    if (get_info(card, fpd, err_msg, err_len) != 0) {
         log_error({here, "InitFpdInfoGetFail"}, "Failed to get FPD info, error %s", err_msg);
         transition(fpd, FpdState::info_get_failed);
         return;
@@ -276,16 +295,14 @@ int discover_fpd(LocalCard &card, std::uint32_t obj_id, std::uint8_t region, Fpd
     made->region = region;
     transition(*made, FpdState::initialized);
     if (get_fpd_name(card.group_id, obj_id, region, made->info.name, sizeof made->info.name, err_msg, err_len) != 0) {
-        fail({here, "InitFpdGetNameFail"}, 0, err_msg, err_len,
-             "Failed to get FPD name for group id %d fpd obj id %d region %d", static_cast<int>(card.group_id),
-             static_cast<int>(obj_id), region);
+        log_error({here, "InitFpdGetNameFail"}, "Failed to get FPD name for group id %d fpd obj id %d region %d",
+                  static_cast<int>(card.group_id), static_cast<int>(obj_id), region);
         transition(*made, FpdState::capability_get_failed);
         free_fpd(made);
         return 0;
     }
     if (add_fpd_queue(&card.queues.fpd_queue, made, err_msg, err_len) != 0) {
-        fail({here, "InitFpdAddQFail"}, 0, err_msg, err_len, "Failed to add FPD into upg_queue.queue err_msg %s",
-             err_msg);
+        log_error({here, "InitFpdAddQFail"}, "Failed to add FPD into upg_queue.queue err_msg %s", err_msg);
         free_fpd(made);
         return 0;
     }
@@ -297,10 +314,11 @@ int discover_fpd(LocalCard &card, std::uint32_t obj_id, std::uint8_t region, Fpd
 int load_fpd_object(unsigned run_level, UpgradeStage stage, LocalCard &card, std::uint32_t obj_id, char *err_msg,
                     std::size_t err_len) {
     std::uint8_t num_regions = 0;
-    if (brd_fpd_num_regions_get(card.group_id, obj_id, &num_regions) != 0)
-        return fail({here, "LoadFpdsBrdNumRegionGetFail"}, 0, err_msg, err_len,
-                    "Failed to get No. of Regions for group id %d fpd obj id %d", static_cast<int>(card.group_id),
-                    static_cast<int>(obj_id));
+    if (brd_fpd_num_regions_get(card.group_id, obj_id, &num_regions) != 0) {
+        log_error({here, "LoadFpdsBrdNumRegionGetFail"}, "Failed to get No. of Regions for group id %d fpd obj id %d",
+                  static_cast<int>(card.group_id), static_cast<int>(obj_id));
+        return 0;
+    }
     for (unsigned region = 0; region < num_regions; ++region) {
         Fpd *fpd = nullptr;
         const int rc = discover_fpd(card, obj_id, static_cast<std::uint8_t>(region), &fpd, err_msg, err_len);
@@ -354,18 +372,28 @@ struct PassTexts {
 };
 
 constexpr PassTexts direct_texts{
-    "BuildQFpdUpgradeable",         "FPD %s is upgradeable", "BuildQFpdMfgUpgradeable",
-    "BuildQFpdMfgOnlyUpgradeable",  "BuildQFpdCantUpgraded", "FPD %s with Upgrade type %d can't be upgraded ",
-    "BuildFpdUpgQueueMoveSeqQFail", "BuildFpdAddedSeqQueue", "AddFPDUpgMarkerFail"};
-constexpr PassTexts dependency_texts{"BuildQFpdDepUpgradeable",
-                                     "FPD %s is dependency upgradeable",
-                                     "BuildQFpdDepMfgUpgradeable",
-                                     "BuildQFpdDepMfgOnlyUpgradeable",
-                                     "BuildQFpdDepCantUpgraded",
-                                     "FPD %s with Upgrade type %d can't be dependency upgraded ",
-                                     "BuildFpdDepUpgQueueMoveSeqQFail",
-                                     "BuildFpdDepAddedSeqQueue",
-                                     "AddFPDUpgMarkerFail2"};
+    .upgradeable_tag = "BuildQFpdUpgradeable",
+    .upgradeable = "FPD %s is upgradeable",
+    .mfg_upgradeable_tag = "BuildQFpdMfgUpgradeable",
+    .mfg_only_tag = "BuildQFpdMfgOnlyUpgradeable",
+    .not_upgradeable_tag = "BuildQFpdCantUpgraded",
+    .not_upgradeable = "FPD %s with Upgrade type %d can't be upgraded ",
+    .move_failed_tag = "BuildFpdUpgQueueMoveSeqQFail",
+    .added_tag = "BuildFpdAddedSeqQueue",
+    .marker_failed_tag = "AddFPDUpgMarkerFail",
+};
+
+constexpr PassTexts dependency_texts{
+    .upgradeable_tag = "BuildQFpdDepUpgradeable",
+    .upgradeable = "FPD %s is dependency upgradeable",
+    .mfg_upgradeable_tag = "BuildQFpdDepMfgUpgradeable",
+    .mfg_only_tag = "BuildQFpdDepMfgOnlyUpgradeable",
+    .not_upgradeable_tag = "BuildQFpdDepCantUpgraded",
+    .not_upgradeable = "FPD %s with Upgrade type %d can't be dependency upgraded ",
+    .move_failed_tag = "BuildFpdDepUpgQueueMoveSeqQFail",
+    .added_tag = "BuildFpdDepAddedSeqQueue",
+    .marker_failed_tag = "AddFPDUpgMarkerFail2",
+};
 
 bool is_manufacturing_stage(UpgradeStage stage) {
     switch (stage) {
@@ -546,14 +574,9 @@ int plan_directly(UpgradeStage stage, LocalCard &card, Fpd &fpd, bool *waiting, 
     const unsigned seq = sequence_number(fpd);
     fpd.seq = static_cast<std::uint8_t>(std::min<unsigned>(seq, UINT8_MAX));
     if (!check_upgrade_type(stage, fpd, direct_texts)) return 0;
+    // A plan that is built anew over the same records meets those that were refused before.
+    if (fpd.state != FpdState::description_received) return 0;
     return plan_fpd(card, fpd, seq, direct_texts, err_msg, err_len);
-}
-
-unsigned count_undecided(const FpdQueue &queue) {
-    unsigned count = 0;
-    for (const Fpd *fpd = queue; fpd; fpd = fpd->next)
-        if (fpd->state == FpdState::description_received) ++count;
-    return count;
 }
 
 /// Those that still wait on one another wait for ever: their dependencies go round in a circle, or lead into one.
@@ -564,20 +587,20 @@ void refuse_undecided(const FpdQueue &queue) {
 
 /// First pass: what needs an upgrade itself.
 int plan_needed(UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
-    unsigned waiting_in_a_row = 0;
+    // The first that had to wait since something was decided: met again, a whole lap has decided nothing.
+    const Fpd *lap_start = nullptr;
     Fpd *next = nullptr;
-    for (Fpd *fpd = card.queues.fpd_queue; fpd; fpd = next) {
+    for (Fpd *fpd = card.queues.fpd_queue; fpd && fpd != lap_start; fpd = next) {
         // Taken before the record may be moved to the tail, where the walk meets it again.
         next = fpd->next;
+        const bool undecided = fpd->state == FpdState::description_received;
         bool waiting = false;
         const int rc = plan_directly(stage, card, *fpd, &waiting, err_msg, err_len);
         if (rc != 0) return rc;
-        waiting_in_a_row = waiting ? waiting_in_a_row + 1 : 0;
-        if (waiting && waiting_in_a_row >= count_undecided(card.queues.fpd_queue)) {
-            refuse_undecided(card.queues.fpd_queue);
-            break;
-        }
+        if (waiting && !lap_start) lap_start = fpd;
+        if (undecided && !waiting) lap_start = nullptr;
     }
+    refuse_undecided(card.queues.fpd_queue);
     return 0;
 }
 
@@ -664,6 +687,7 @@ int plan_upgrade(unsigned run_level, LocalCard &card, char *err_msg, std::size_t
     clear_error(err_msg, err_len);
     int mode = 0;
     const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, err_msg, err_len);
+    terminate_error(err_msg, err_len);
     if (rc != 0)
         return fail({here, "FpdUpgdCookieGetModeFail"}, rc, err_msg, err_len,
                     "Failed to get FPD Upgrade Mode, error %s", err_msg);
@@ -690,6 +714,7 @@ int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size
 
 int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
+    release_retired_workers(card);
     int rc = free_queues(card);
     if (rc != 0) return fail({here, "DeinitFpdFail"}, rc, err_msg, err_len, "Deinitializing FPDs failed");
     rc = delete_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);

@@ -123,8 +123,9 @@ FpdState upgrade_region(FpdWorkerCtx &worker) {
     std::snprintf(request.directory, sizeof request.directory, "%s", packaged_firmware_directory);
     std::snprintf(request.file_name, sizeof request.file_name, "%s", worker.image);
     char err_msg[error_size] = "";
-    if (brd_fpd_upgrade(worker.group_id, worker.obj_id, &request, err_msg, sizeof err_msg) == 0)
-        return FpdState::upgrade_done;
+    const int rc = brd_fpd_upgrade(worker.group_id, worker.obj_id, &request, err_msg, sizeof err_msg);
+    terminate_error(err_msg, sizeof err_msg);
+    if (rc == 0) return FpdState::upgrade_done;
     log_error({here, "FpdUpgHdlUpgradeFail"}, "FPD %s upgrade failed err_msg %s", worker.name, err_msg);
     return FpdState::upgrade_failed;
 }

@@ -51,6 +51,7 @@ int send_event(AutoFpdUpgradeEvent kind, const char *message, char *err_msg, std
     std::size_t output_len = 0;
     const int rc =
         exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, event.command, event_script, message);
+    terminate_error(err_msg, err_len);
     if (rc != 0) log_error({here, event.tag}, event.failure, err_msg ? err_msg : "");
     return rc;
 }

@@ -5,7 +5,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -30,26 +33,24 @@ struct VaListEnd {
     std::va_list &arguments;
 };
 
-void write_field(std::FILE *line, const char *field) {
-    if (field) std::fprintf(line, " [%s]", field);
+void add_field(TextBuilder &line, const char *field) {
+    if (field) line.add(" [%s]", field);
 }
 
 [[gnu::format(printf, 6, 0)]] void log_line(const char *component, const char *level, const char *tag, const char *file,
                                             int line_number, const char *format, std::va_list arguments) {
-    ErrnoKeeper keeper;
-    TextBuilder line;
-    std::FILE *const stream = line.stream.get();
-    if (!stream) return;
+    const ErrnoKeeper keeper;
     char timestamp[timestamp_size] = "";
     fpd_log_timestamp(timestamp, sizeof timestamp);
-    std::fprintf(stream, "[%s] [%d:%d]", timestamp, getpid(), static_cast<int>(syscall(SYS_gettid)));
-    write_field(stream, component);
-    write_field(stream, level);
-    write_field(stream, tag);
-    if (file) std::fprintf(stream, " [%s:%d]", file, line_number);
-    std::fputs(" [", stream);
-    std::vfprintf(stream, format, arguments);
-    std::fputs("]\n", stream);
+    TextBuilder line;
+    line.add("[%s] [%d:%d]", timestamp, getpid(), static_cast<int>(syscall(SYS_gettid)));
+    add_field(line, component);
+    add_field(line, level);
+    add_field(line, tag);
+    if (file) line.add(" [%s:%d]", file, line_number);
+    line.add(" [");
+    line.add_list(format, arguments);
+    line.end_with("]\n");
     append_to_file(diagnostic_log, line.view());
 }
 
@@ -65,8 +66,8 @@ int append_to_file(const char *path, std::string_view text) {
     const CancelHold hold;
     Descriptor file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
     if (file.fd < 0) return -errno;
-    // One write keeps lines of concurrent threads apart; only a full disk makes it short, and then the rest is lost.
-    if (write(file.fd, text.data(), text.size()) < 0) return 0;
+    // One write keeps the lines of concurrent threads apart. A full disk makes it short, and the rest is lost then.
+    [[maybe_unused]] const ssize_t written = write(file.fd, text.data(), text.size());
     return 0;
 }
 
@@ -114,31 +115,29 @@ void log_debug(LogSite site, const char *format, ...) {
 
 namespace {
 
-// Above the longest error text of any caller (512) with what a step puts around it.
-constexpr std::size_t fail_text_size = 1024;
-
-void copy_error(char *err_msg, std::size_t err_len, const char *text) {
-    if (err_msg && err_len > 0) std::snprintf(err_msg, err_len, "%s", text);
+void copy_error(char *err_msg, std::size_t err_len, const TextBuilder &text) {
+    if (err_msg && err_len > 0) std::snprintf(err_msg, err_len, "%s", text.text());
 }
 
 }  // namespace
 
 int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *format, ...) {
-    char text[fail_text_size];
+    // Built aside first: the arguments may point into err_msg.
+    TextBuilder text;
     std::va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
+    text.add_list(format, arguments);
     va_end(arguments);
-    log_error(site, "%s", text);
+    log_error(site, "%s", text.text());
     copy_error(err_msg, err_len, text);
     return rc;
 }
 
 int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...) {
-    char text[fail_text_size];
+    TextBuilder text;
     std::va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
+    text.add_list(format, arguments);
     va_end(arguments);
     copy_error(err_msg, err_len, text);
     return rc;
@@ -146,4 +145,53 @@ int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format
 
 void clear_error(char *err_msg, std::size_t err_len) {
     if (err_msg && err_len > 0) err_msg[0] = '\0';
+}
+
+void terminate_error(char *err_msg, std::size_t err_len) {
+    if (err_msg && err_len > 0) err_msg[err_len - 1] = '\0';
+}
+
+namespace {
+
+/// Makes room for `count` more characters if there is memory for them.
+void grow(TextBuilder &text, std::size_t count) {
+    const std::size_t needed = text.length + count + 1;
+    if (needed <= text.capacity) return;
+    char *const grown = static_cast<char *>(std::realloc(text.grown.get(), needed));
+    if (!grown) return;
+    if (!text.grown) std::memcpy(grown, text.small, text.length + 1);
+    static_cast<void>(text.grown.release());
+    text.grown.reset(grown);
+    text.capacity = needed;
+}
+
+}  // namespace
+
+void TextBuilder::add(const char *format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    add_list(format, arguments);
+    va_end(arguments);
+}
+
+void TextBuilder::add_list(const char *format, std::va_list arguments) {
+    std::va_list measured;
+    va_copy(measured, arguments);
+    const int count = std::vsnprintf(nullptr, 0, format, measured);
+    va_end(measured);
+    if (count < 0) return;
+    grow(*this, static_cast<std::size_t>(count));
+    char *const end = (grown ? grown.get() : small) + length;
+    const std::size_t room = capacity - length;
+    std::vsnprintf(end, room, format, arguments);
+    length += std::min(static_cast<std::size_t>(count), room - 1);
+}
+
+void TextBuilder::end_with(std::string_view ending) {
+    grow(*this, ending.size());
+    length = std::min(length, capacity - 1 - ending.size());
+    char *const end = (grown ? grown.get() : small) + length;
+    ending.copy(end, ending.size());
+    length += ending.size();
+    end[ending.size()] = '\0';
 }
