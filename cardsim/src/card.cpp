@@ -139,7 +139,7 @@ void Call::begin() const {
 void Call::record(const std::string &outcome) const {
     const std::string line = std::string(function) + (arguments.empty() ? "" : " ") + arguments + " " + outcome + "\n";
     if (!append_line(card.calls_log, line)) {
-        end_loudly(function, "its record cannot be written: " + std::string(std::strerror(errno)));
+        end_loudly(function, "its record cannot be written");
     }
 }
 

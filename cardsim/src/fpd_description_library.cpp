@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
 #include "card.h"
@@ -46,8 +45,7 @@ void require_board(const Call &call, uint32_t board_type, const FpdVersion &hw_v
 /// A version as the caller makes it: a plain triple, its last byte zero.
 void require_clean_version(const Call &call, const char *field, const FpdVersion &version) {
     require(call, version.kind == FPD_VERSION_NORMAL, formatted("%s is of kind %d", field, version.kind));
-    const size_t used = offsetof(FpdVersion, debug) + sizeof version.debug;
-    require_zero(call, field, reinterpret_cast<const unsigned char *>(&version) + used, sizeof version - used);
+    require_zero(call, field, &version.reserved5, sizeof version.reserved5);
 }
 
 void require_request(const Call &call, const FpdDescRequest &request) {

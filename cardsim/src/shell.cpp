@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "file_owner.h"
 
@@ -34,14 +35,16 @@ struct Child {
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
 
-    /// Its wait status, once it has ended.
-    int reap() {
+    /// Its wait status, once it has ended; nothing when the process ignores SIGCHLD and so never learns it.
+    std::optional<int> reap() {
         const CancellationDisabled uncancelled;
         int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        pid_t ended = -1;
+        do {
+            ended = waitpid(pid, &status, 0);
+        } while (ended < 0 && errno == EINTR);
         pid = -1;
-        return status;
+        return ended < 0 ? std::nullopt : std::optional(status);
     }
 };
 
@@ -109,7 +112,13 @@ std::string on_one_line(std::string text) {
     return text;
 }
 
-void explain(const std::string &command, int status, ShellResult &result) {
+void explain(const std::string &command, std::optional<int> ended, ShellResult &result) {
+    if (!ended) {
+        result.code = ECHILD;
+        result.reason = "command '" + command + "': its exit status is lost, this process ignores SIGCHLD";
+        return;
+    }
+    const int status = *ended;
     result.code = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     if (result.code == 0) {
         return;

@@ -1,8 +1,9 @@
 /// What the closed functions answer, record, keep and let fail.
-#include <sys/wait.h>
+#include <signal.h>
+#include <sys/resource.h>
 
+#include <cerrno>
 #include <cstring>
-#include <thread>
 
 #include "library_test_support.h"
 
@@ -165,8 +166,7 @@ TEST_F(LibraryTest, AFaultMayReportAKnownIdentity) {
 }
 
 TEST_F(LibraryTest, KnowsTheCapabilitiesByName) {
-    const FpdVersion hw_version = {0, 1, 2, 0};
-    EXPECT_EQ(library().get_fpd_capability_info("IoFpga", 4711, hw_version), 0x808U);
+    EXPECT_EQ(library().get_fpd_capability_info("IoFpga", 4711, hw_version()), 0x808U);
 }
 
 TEST_F(LibraryTest, FindsTheImageForARegion) {
@@ -262,7 +262,7 @@ file = "io.img"
     FpdDescRequest request = description_request("SixteenCharacter", 0);
     FpdDesc result = description_result();
     EXPECT_EQ(library().check_and_get_upgrade_image(&request, &result, err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(library().get_fpd_capability_info("SixteenCharactersAndMore", 4711, {0, 1, 2, 0}), 0x11U);
+    EXPECT_EQ(library().get_fpd_capability_info("SixteenCharactersAndMore", 4711, hw_version()), 0x11U);
 }
 
 TEST_F(LibraryTest, StatusTextsLastAsLongAsTheProcess) {
@@ -301,7 +301,7 @@ TEST_F(LibraryTest, RecordsEveryCall) {
     lib.brd_fpd_num_regions_get(7, 10, &regions);
     lib.brd_fpd_regions_get(7, 10, names, 1);
     lib.brd_fpd_info_get(7, 10, 0, &info, err_msg, sizeof err_msg);
-    lib.get_fpd_capability_info("IoFpga", 4711, {0, 1, 2, 0});
+    lib.get_fpd_capability_info("IoFpga", 4711, hw_version());
     lib.check_and_get_upgrade_image(&request, &result, err_msg, sizeof err_msg);
     lib.brd_group_led_init(7);
     lib.brd_group_led_num_leds_get(7, &number);
@@ -409,7 +409,7 @@ TEST_F(LibraryTest, AnyCallMayBeMadeToFail) {
     EXPECT_EQ(lib.brd_led_current_color_get(7, 3, &number), -91);
     EXPECT_EQ(lib.brd_led_current_state_get(7, 3, &number), -91);
     EXPECT_EQ(lib.brd_led_state_and_color_set(7, 3, 1, 1), -91);
-    EXPECT_EQ(lib.get_fpd_capability_info("IoFpga", 4711, {0, 1, 2, 0}), 0xffffffa5U);
+    EXPECT_EQ(lib.get_fpd_capability_info("IoFpga", 4711, hw_version()), 0xffffffa5U);
     EXPECT_EQ(lib.check_and_get_upgrade_image(&request, &result, err_msg, sizeof err_msg), -91);
     EXPECT_STREQ(err_msg, "check_and_get_upgrade_image broke");
     EXPECT_EQ(lib.exec_shell_command(text, sizeof text, &length, err_msg, sizeof err_msg, "touch %s/ran",
@@ -517,6 +517,18 @@ TEST_F(LibraryTest, LoudWithASpeedThatIsNone) {
         expect_loud([&] { library().brd_sb_attribute_flag_set(1); },
                     std::string("CARDSIM_SPEED is '") + speed + "', not a whole number from 1 to 1000000");
     }
+}
+
+TEST_F(LibraryTest, LoudWhenTheRecordCannotBeWritten) {
+    EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 0);
+    const auto call_on_a_full_disk = [&] {
+        // A part of the line still finds room.
+        const rlimit full = {std::filesystem::file_size(calls_log(state_directory())) + 3, RLIM_INFINITY};
+        signal(SIGXFSZ, SIG_IGN);
+        setrlimit(RLIMIT_FSIZE, &full);
+        library().brd_sb_attribute_flag_set(1);
+    };
+    EXPECT_DEATH(call_on_a_full_disk(), "cardsim: brd_sb_attribute_flag_set: its record cannot be written\n");
 }
 
 }  // namespace

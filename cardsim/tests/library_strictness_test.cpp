@@ -101,11 +101,8 @@ TEST_F(StrictnessTest, UnknownObject) {
                 "brd_led_current_state_get: unknown LED object 5");
     expect_loud([&] { lib().brd_led_state_and_color_set(7, 5, 1, 1); },
                 "brd_led_state_and_color_set: unknown LED object 5");
-    expect_loud(
-        [&] {
-            lib().get_fpd_capability_info("Iofpga", 4711, {0, 1, 2, 0});
-        },
-        "get_fpd_capability_info: unknown FPD 'Iofpga'");
+    expect_loud([&] { lib().get_fpd_capability_info("Iofpga", 4711, hw_version()); },
+                "get_fpd_capability_info: unknown FPD 'Iofpga'");
     expect_loud_check(description_request("Io", 0), description_result(), "unknown FPD 'Io'");
 }
 
@@ -139,11 +136,8 @@ TEST_F(StrictnessTest, MissingArguments) {
     expect_loud([&] { lib().brd_fru_hw_data_init(0, 0, nullptr, &number); }, "brd_fru_hw_data_init: no data");
     expect_loud([&] { lib().brd_fru_hw_data_init(0, 0, &data, nullptr); },
                 "brd_fru_hw_data_init: no place for the handle");
-    expect_loud(
-        [&] {
-            lib().get_fpd_capability_info(nullptr, 4711, {0, 1, 2, 0});
-        },
-        "get_fpd_capability_info: no name");
+    expect_loud([&] { lib().get_fpd_capability_info(nullptr, 4711, hw_version()); },
+                "get_fpd_capability_info: no name");
     expect_loud([&] { lib().check_and_get_upgrade_image(nullptr, &result, nullptr, 0); },
                 "check_and_get_upgrade_image: a record is null");
     expect_loud([&] { lib().check_and_get_upgrade_image(&request, nullptr, nullptr, 0); },
@@ -310,16 +304,10 @@ TEST_F(StrictnessTest, ABoardThatIsNotTheCards) {
     request = description_request("IoFpga", 0);
     request.hw_version.debug = 1;
     expect_loud_check(request, description_result(), "hardware version 1.2.1 is not the card's");
-    expect_loud(
-        [&] {
-            lib().get_fpd_capability_info("IoFpga", 4712, {0, 1, 2, 0});
-        },
-        "get_fpd_capability_info: board type 4712 is not the card's");
-    expect_loud(
-        [&] {
-            lib().get_fpd_capability_info("IoFpga", 4711, {253, 1, 2, 0});
-        },
-        "get_fpd_capability_info: hardware version 1.2 is not the card's");
+    expect_loud([&] { lib().get_fpd_capability_info("IoFpga", 4712, hw_version()); },
+                "get_fpd_capability_info: board type 4712 is not the card's");
+    expect_loud([&] { lib().get_fpd_capability_info("IoFpga", 4711, hw_version(FPD_VERSION_NO_DEBUG)); },
+                "get_fpd_capability_info: hardware version 1.2 is not the card's");
 }
 
 TEST_F(StrictnessTest, DescriptionResults) {
@@ -383,9 +371,7 @@ TEST_F(StrictnessTest, AnotherThreadThanTheFirst) {
     expect_loud([&] { from_another_thread([&] { lib().brd_sb_attribute_flag_set(1); }); },
                 "brd_sb_attribute_flag_set" + reason);
     expect_loud([&] { from_another_thread([&] { lib().brd_group_led_init(7); }); }, "brd_group_led_init" + reason);
-    expect_loud([&] { from_another_thread([&] {
-                          lib().get_fpd_capability_info("IoFpga", 4711, {0, 1, 2, 0});
-                      }); },
+    expect_loud([&] { from_another_thread([&] { lib().get_fpd_capability_info("IoFpga", 4711, hw_version()); }); },
                 "get_fpd_capability_info" + reason);
     expect_loud(
         [&] {

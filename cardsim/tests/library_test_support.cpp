@@ -215,11 +215,18 @@ FruHwData LibraryTest::identity() const {
     return data;
 }
 
+FpdVersion LibraryTest::hw_version(uint8_t kind) {
+    FpdVersion version = {};
+    version.kind = kind;
+    version.major = 1;
+    version.minor = 2;
+    return version;
+}
+
 FpdDescRequest LibraryTest::description_request(const std::string &name, uint32_t upgrade_type) const {
     FpdDescRequest request = {};
     request.board_type = 4711;
-    request.hw_version.major = 1;
-    request.hw_version.minor = 2;
+    request.hw_version = hw_version();
     request.programmed_version.major = 1;
     request.programmed_version.minor = 2;
     request.running_version = request.programmed_version;

@@ -105,6 +105,8 @@ class LibraryTest : public ::testing::Test {
     void expect_loud(const std::function<void()> &call, const std::string &line);
 
     FruHwData identity() const;
+    /// The card's own: 1.2.
+    static FpdVersion hw_version(uint8_t kind = FPD_VERSION_NORMAL);
     FpdDescRequest description_request(const std::string &name, uint32_t upgrade_type) const;
     FpdDesc description_result() const;
 

@@ -204,6 +204,14 @@ TEST_F(UpgradeTest, AVersionMayNotStick) {
     EXPECT_EQ(programmed(), "1.3.0");
 }
 
+TEST_F(UpgradeTest, VersionsThatNeverStickFallBackToTheLastThatDid) {
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"does_not_stick\"\n");
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_EQ(upgrade(), 0);
+    reload_card();
+    EXPECT_EQ(programmed(), "1.2.0");
+}
+
 TEST_F(UpgradeTest, AnImageThatCannotBeReadIsAFailure) {
     // A file that even the superuser can open but not read from its start.
     describe(card_table +
@@ -275,10 +283,12 @@ TEST_F(UpgradeTest, ACancellationMayCatchItInAReport) {
         is_reporting.set();
         sleep(10);
     };
+    const auto start = Clock::now();
     Worker worker([&] { upgrade(); });
     ASSERT_TRUE(is_reporting.wait());
     worker.cancel();
     EXPECT_TRUE(worker.join());
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     EXPECT_THAT(reports.percents, ElementsAre(25));
     reports.then = nullptr;
     EXPECT_EQ(upgrade(), 0);
@@ -314,6 +324,8 @@ TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
         if (percent == 50) {
             is_halfway.set();
         }
+        // Where a cancellation would strike.
+        pthread_testcancel();
     };
     std::atomic<int> result = -1;
     std::atomic<int> is_cancellable = -1;

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -73,6 +74,13 @@ TEST_F(ShellTest, SaysWhichSignalEndedTheCommand) {
 TEST_F(ShellTest, ACommandThatIsNotThereFails) {
     EXPECT_EQ(run("/no/such/command"), 127);
     EXPECT_THAT(err_msg, ::testing::StartsWith("command '/no/such/command' exited with 127: "));
+}
+
+TEST_F(ShellTest, ALostExitStatusIsNoSuccess) {
+    signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(run("exit 3"), ECHILD);
+    signal(SIGCHLD, SIG_DFL);
+    EXPECT_STREQ(err_msg, "command 'exit 3': its exit status is lost, this process ignores SIGCHLD");
 }
 
 TEST_F(ShellTest, TheCommandHasNothingToRead) {
