@@ -1,0 +1,178 @@
+#include "card_test.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <regex>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace card_tests {
+namespace {
+
+constexpr std::size_t shown_lines = 60;
+
+std::vector<std::string> last_lines(const fs::path &file) {
+    std::vector<std::string> lines = lines_of(read_file(file));
+    if (lines.size() > shown_lines) lines.erase(lines.begin(), lines.end() - shown_lines);
+    return lines;
+}
+
+std::vector<std::string> event_lines(const fs::path &file) {
+    static const std::regex head(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [A-Za-z0-9+-]+ \[Bootup FPD\] (.*))");
+    std::vector<std::string> events;
+    for (const std::string &line : lines_of(read_file(file))) {
+        std::smatch match;
+        if (!std::regex_match(line, match, head)) throw std::runtime_error("not an event line: " + line);
+        events.push_back(match[1]);
+    }
+    return events;
+}
+
+}  // namespace
+
+void CardTest::SetUp() {
+    std::string name = (fs::temp_directory_path() / "card-test-XXXXXX").string();
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    root_ = name;
+    card_ = root_ / "card.toml";
+    state_ = root_ / "state";
+    set_sanitizer_options();
+}
+
+void CardTest::TearDown() {
+    for (const Result &result : results_) {
+        EXPECT_FALSE(result.timed_out) << result.out << result.err;
+        EXPECT_NE(result.status, sanitizer_status) << result.err;
+        EXPECT_THAT(result.err, testing::Not(testing::HasSubstr("Sanitizer"))) << result.err;
+        EXPECT_THAT(result.err, testing::Not(testing::HasSubstr("runtime error:"))) << result.err;
+    }
+    EXPECT_EQ(read_file(state_ / "abort.log"), "") << "the card's libraries ended the tool";
+    if (HasFailure()) {
+        for (const Result &result : results_) {
+            std::cout << "---- status " << result.status << "\n" << result.out << result.err;
+        }
+        std::cout << "---- the end of the diagnostic log\n";
+        for (const std::string &line : last_lines(state_ / "log/fpd.log")) std::cout << line << "\n";
+        std::cout << "---- the last scripts\n";
+        for (const std::string &line : last_lines(state_ / "scripts.log")) std::cout << line << "\n";
+    }
+    fs::remove_all(root_);
+}
+
+void CardTest::describe_text(const std::string &text) {
+    write_file(card_, text);
+}
+
+void CardTest::take_card(const std::string &name) {
+    fs::copy_file(fs::path(CARDSIM_CARDS) / name / "card.toml", card_);
+}
+
+Result CardTest::run(const std::vector<std::string> &arguments) {
+    std::vector<std::string> command = {CARDSIM_COMMAND};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    results_.push_back(run_program(command, root_, usual_limit));
+    return results_.back();
+}
+
+Result CardTest::tool(const std::vector<std::string> &arguments, unsigned speed) {
+    std::vector<std::string> command = {"exec",    card_.string(),  "--speed", std::to_string(speed),
+                                        "--state", state_.string(), "--",      "bootup_fpd"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return run(command);
+}
+
+Result CardTest::shell(const std::string &command, unsigned speed) {
+    return run({"exec", card_.string(), "--speed", std::to_string(speed), "--state", state_.string(), "--", "sh", "-c",
+                command});
+}
+
+Result CardTest::boot(unsigned speed, const std::vector<std::string> &more) {
+    std::vector<std::string> command = {"boot",    card_.string(), "--speed", std::to_string(speed),
+                                        "--state", state_.string()};
+    command.insert(command.end(), more.begin(), more.end());
+    return run(command);
+}
+
+std::vector<LogRecord> CardTest::log() const {
+    return read_log(state_ / "log/fpd.log");
+}
+
+std::vector<std::string> CardTest::errors() const {
+    return texts(with_level(log(), "ERROR"));
+}
+
+std::vector<CallRecord> CardTest::calls() const {
+    return read_calls(state_ / "calls.log");
+}
+
+std::vector<std::string> CardTest::scripts() const {
+    return lines_of(read_file(state_ / "scripts.log"));
+}
+
+std::vector<std::string> CardTest::events() const {
+    // The card's record has every argument in single quotes, and one within it as '\''.
+    static const std::regex call(R"(/usr/local/etc/send_fpd_doorbell_event\.sh '-e' '(\w+)' '-m' '(.*)')");
+    static const std::regex quote(R"('\\'')");
+    std::vector<std::string> events;
+    for (const std::string &line : scripts()) {
+        std::smatch match;
+        if (!std::regex_match(line, match, call)) continue;
+        events.push_back(match[1].str() + ": " + std::regex_replace(match[2].str(), quote, "'"));
+    }
+    return events;
+}
+
+std::vector<std::string> CardTest::events_but_progress() const {
+    std::vector<std::string> all = events();
+    std::erase(all, "progress: Auto FPD Upgrade Progressing");
+    return all;
+}
+
+CardState CardTest::state() const {
+    return read_state(state_ / "state.toml");
+}
+
+fs::path CardTest::flash_file(int number) const {
+    return state_ / "flash" / ("fpd_local_log_" + std::to_string(number) + ".txt");
+}
+
+std::vector<std::string> CardTest::flash_log(int number) const {
+    return event_lines(flash_file(number));
+}
+
+std::vector<std::string> CardTest::temporary_flash_log() const {
+    return event_lines(state_ / "log/fpd_obfl_log.txt");
+}
+
+fs::path CardTest::marker_file() const {
+    return state_ / "scratch/bootup_fpd_marker.txt";
+}
+
+std::vector<std::string> CardTest::plan() const {
+    static const std::regex planned(R"(FPD (.*) would be upgrade in the sequence queue # (\d+))");
+    std::vector<std::string> plan;
+    for (const LogRecord &record : log()) {
+        std::smatch match;
+        if (record.level == "INFO" && std::regex_match(record.message, match, planned)) {
+            plan.push_back(match[1].str() + " " + match[2].str());
+        }
+    }
+    return plan;
+}
+
+std::string marker_line(const std::string &name, const std::string &version) {
+    char line[256];
+    std::snprintf(line, sizeof line, "FPD: %-16s | Version: %-12s\n", name.c_str(), version.c_str());
+    return line;
+}
+
+std::string usage_text(const std::string &program) {
+    std::string text = read_file(USAGE_TEXT);
+    const std::size_t place = text.find("%s");
+    if (place == std::string::npos) throw std::runtime_error("no usage text");
+    return text.replace(place, 2, program);
+}
+
+}  // namespace card_tests
