@@ -1,0 +1,748 @@
+#include <cerrno>
+#include <cstring>
+
+#include "interpose.h"
+#include "run_support.h"
+
+namespace {
+
+using interpose::Call;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+// The context of a run ------------------------------------------------------------------------------------------------
+
+struct ContextInit : CardTest {
+    ~ContextInit() override {
+        char ignored[16];
+        if (card != untouched) context_deinit(&card, ignored, sizeof ignored);
+    }
+
+    int init() { return context_init(&card, err_msg, sizeof err_msg); }
+
+    /// Expects the failure everywhere it is to be told, and that the caller's pointer stays.
+    void expect_failure(int rc, const char *tag, const std::string &text) {
+        EXPECT_EQ(init(), rc);
+        EXPECT_EQ(err_msg, text);
+        expect_log(init_module, "ERROR", tag, text);
+        EXPECT_EQ(card, untouched);
+    }
+
+    /// Changes the bootstrap file once the platform's hardware layer has read what it needs.
+    static void change_bootstrap(const std::string &text) {
+        fake_platform().brd_local_card_group_id_get = [text](std::uint32_t *group_id) {
+            *group_id = 3;
+            write_file(bootstrap_path, text);
+            return 0;
+        };
+    }
+
+    LocalCard *const untouched = reinterpret_cast<LocalCard *>(&fake_platform());
+    LocalCard *card = untouched;
+};
+
+TEST_F(ContextInit, ReadsWhatARunKnowsOfItsCard) {
+    fake_platform().group_id = 9;
+    fake_platform().leds = {{.obj_id = 4, .name = "Fan"}, {.obj_id = 6}};
+    write_file(bootstrap_path,
+               "PD_CARD_TYPE=12545\nHW_MAJOR_VERSION=2\nHW_MINOR_VERSION=500\nPD_SLOT_NUM=2\n"
+               "MY_CARD_PID=CARD-36H\n");
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(card->group_id, 9U);
+    EXPECT_EQ(card->led_obj_id, 6U);
+    EXPECT_EQ(card->board_type, 12545U);
+    EXPECT_EQ(bytes_of(card->hw_version), RawRecord(6).put_version(0, 2, 500, 0).bytes);
+    EXPECT_STREQ(err_msg, "");
+}
+
+TEST_F(ContextInit, NamesTheQueueOfTheLocalCard) {
+    ASSERT_EQ(init(), 0);
+    EXPECT_STREQ(card->mq_name, "/auto_fpd_upg_mq_localcard");
+}
+
+TEST_F(ContextInit, StartsWithAnEmptyPlanAndTimesOfZero) {
+    ASSERT_EQ(init(), 0);
+    for (const Fpd *const queue : card->queues.seq_queues) EXPECT_EQ(queue, nullptr);
+    EXPECT_EQ(card->queues.fpd_queue, nullptr);
+    EXPECT_EQ(card->planned_count, 0U);
+    EXPECT_EQ(bytes_of(card->last_check_time), std::string(sizeof(timespec), '\0'));
+    EXPECT_EQ(bytes_of(card->last_punch_time), std::string(sizeof(timespec), '\0'));
+    EXPECT_EQ(card->retired_workers, nullptr);
+}
+
+TEST_F(ContextInit, StartsTheHardwareLayerBeforeItAsksForTheGroupAndTheLed) {
+    ASSERT_EQ(init(), 0);
+    std::vector<std::string> functions;
+    for (const FakeCall &call : fake_platform().calls())
+        if (!call.function.starts_with("brd_group_led_init")) functions.push_back(call.function);
+    EXPECT_THAT(functions, ElementsAre("brd_fru_hw_data_init", "brd_fru_hw_init", "brd_local_card_group_id_get",
+                                       "brd_group_led_num_leds_get", "brd_group_led_obj_id_list_get",
+                                       "brd_led_type_get", "brd_led_name_get"));
+}
+
+TEST_F(ContextInit, HandsTheIdentityToTheHardwareLayerByteForByte) {
+    write_file(bootstrap_path,
+               "PD_CARD_TYPE=16896\nHW_MAJOR_VERSION=70000\nHW_MINOR_VERSION=3\nPD_SLOT_NUM=11\n"
+               "MY_CARD_PID=CARD-36H\n");
+    init();
+    const RawRecord expected = RawRecord(104)
+                                   .put(0, std::uint32_t{4})
+                                   .put(4, std::uint32_t{70000})
+                                   .put(8, std::uint32_t{3})
+                                   .put(12, std::uint32_t{11})
+                                   .put_text(16, "CARD-36H")
+                                   .put(80, std::uint32_t{0x4200})
+                                   .put(96, std::uint8_t{1});
+    ASSERT_THAT(fake_platform().hardware_data(), SizeIs(1));
+    EXPECT_EQ(bytes_of(fake_platform().hardware_data()[0]), expected.bytes);
+    EXPECT_THAT(fake_platform().calls_of("brd_fru_hw_init"), ElementsAre(FakeCall{"brd_fru_hw_init", "7"}));
+}
+
+TEST_F(ContextInit, FailsWithoutMemory) {
+    interpose::fail(Call::calloc, ENOMEM);
+    expect_failure(-12, "InitLocalCardMallocFail", "Initialize local card calloc() failed Cannot allocate memory");
+    EXPECT_THAT(fake_platform().calls(), IsEmpty());
+}
+
+TEST_F(ContextInit, FailsWhenTheHardwareLayerDoesNotStart) {
+    fake_platform().brd_fru_hw_init = [](std::uint32_t) { return 5; };
+    expect_failure(-13, "InitLocalCardBrdIntfInitFail", "BRD init failed rc -38");
+    EXPECT_THAT(fake_platform().calls_of("brd_local_card_group_id_get"), IsEmpty());
+}
+
+TEST_F(ContextInit, FailsWhenTheCardsIdentityIsIncomplete) {
+    write_file(bootstrap_path, "HW_MAJOR_VERSION=1\n");
+    expect_failure(-13, "InitLocalCardBrdIntfInitFail", "BRD init failed rc -2");
+}
+
+TEST_F(ContextInit, FailsWithoutAGroup) {
+    fake_platform().brd_local_card_group_id_get = [](std::uint32_t *) { return 0x501; };
+    expect_failure(-13, "InitLocalCardGetBrdGrpIdFail", "Local Card BRD group get get failed 1281");
+}
+
+TEST_F(ContextInit, FailsWithoutABoardType) {
+    change_bootstrap("HW_MAJOR_VERSION=1\nHW_MINOR_VERSION=0\n");
+    expect_failure(-13, "InitLocalCardPlatBoardTypeFail", "Local Card Platform HW board type get failed -2");
+}
+
+TEST_F(ContextInit, FailsWhenTheHardwareVersionIsNoNumber) {
+    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=A\n");
+    expect_failure(-13, "InitLocalCardPlatHwVerFail", "Local Card Platform card HW version get failed -22");
+}
+
+TEST_F(ContextInit, FailsWhenTheHardwareVersionIsOutOfRange) {
+    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=256\nHW_MINOR_VERSION=65535\n");
+    expect_failure(-13, "InitLocalCardHWVerMakeFail",
+                   "Local Card Failed to make fpd_version for HW major 0x100 minor oxffff");
+}
+
+TEST_F(ContextInit, FailsWhenTheMinorVersionIsOutOfRange) {
+    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=255\nHW_MINOR_VERSION=65536\n");
+    expect_failure(-13, "InitLocalCardHWVerMakeFail",
+                   "Local Card Failed to make fpd_version for HW major 0xff minor ox10000");
+}
+
+TEST_F(ContextInit, TellsOfAMissingLedInTheGroupsWords) {
+    fake_platform().leds.clear();
+    expect_failure(-13, "InitLocalCardGetLedBrdObjIdFail", "Local Card BRD group get get failed 0");
+}
+
+TEST_F(ContextInit, IsUndoneByDeinit) {
+    ASSERT_EQ(init(), 0);
+    std::strcpy(err_msg, "left by an earlier call");
+    EXPECT_EQ(context_deinit(&card, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(card, nullptr);
+    EXPECT_STREQ(err_msg, "");
+    card = untouched;
+}
+
+struct FreeQueues : RunTest {};
+
+TEST_F(FreeQueues, LeavesEveryQueueEmptyAndNothingPlanned) {
+    discover("Known", FpdState::upgrade_not_needed);
+    discover("AlsoKnown", FpdState::upgrade_not_needed);
+    plan("First", 0);
+    plan("AlsoFirst", 0);
+    plan("Last", 15);
+    EXPECT_EQ(free_queues(card), 0);
+    EXPECT_EQ(card.queues.fpd_queue, nullptr);
+    for (const Fpd *const queue : card.queues.seq_queues) EXPECT_EQ(queue, nullptr);
+    EXPECT_EQ(card.planned_count, 0U);
+}
+
+TEST_F(FreeQueues, HasNothingToDoOnEmptyQueues) {
+    EXPECT_EQ(free_queues(card), 0);
+    EXPECT_EQ(free_queues(card), 0);
+}
+
+// Names of regions ----------------------------------------------------------------------------------------------------
+
+struct FpdName : CardTest {
+    int get(std::uint8_t region) { return get_fpd_name(3, 1, region, name, sizeof name, err_msg, sizeof err_msg); }
+
+    char name[64] = "untouched";
+};
+
+TEST_F(FpdName, IsThatOfTheRegion) {
+    fake_platform().fpds = {make_fpd(1, {"Primary", "Golden", "Config"})};
+    EXPECT_EQ(get(2), 0);
+    EXPECT_STREQ(name, "Config");
+    EXPECT_STREQ(err_msg, "");
+}
+
+TEST_F(FpdName, FailsWithTheCodeOfTheRegionsCount) {
+    fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t, std::uint8_t *) { return 0x77; };
+    EXPECT_EQ(get(0), 0x77);
+    EXPECT_STREQ(err_msg, "BRD GET FPD num of region failed rc 119");
+    expect_log(init_module, "ERROR", "FpdNamgeGetNumRegionFail", "BRD GET FPD num of region failed rc 119");
+    EXPECT_STREQ(name, "untouched");
+}
+
+TEST_F(FpdName, FailsForARegionThatIsNone) {
+    EXPECT_EQ(get(1), -22);
+    EXPECT_STREQ(err_msg, "Invalid region 1 num_regions 1");
+    expect_log(init_module, "ERROR", "FpdNameInvalidRegion", "Invalid region 1 num_regions 1");
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_regions_get"), IsEmpty());
+}
+
+TEST_F(FpdName, FailsWithoutMemory) {
+    interpose::fail(Call::calloc, ENOMEM);
+    EXPECT_EQ(get(0), -12);
+    EXPECT_STREQ(err_msg, "Memory alloc failed");
+    expect_log(init_module, "ERROR", "FpdNameGetMallocFail", "Memory alloc failed");
+}
+
+TEST_F(FpdName, FailsWithTheCodeOfTheRegionsList) {
+    fake_platform().brd_fpd_regions_get = [](std::uint32_t, std::uint32_t, BrdFpdRegion *, std::uint8_t) { return -7; };
+    EXPECT_EQ(get(0), -7);
+    EXPECT_STREQ(err_msg, "BRD GET FPD Region failed rc -7");
+    expect_log(init_module, "ERROR", "FpdNameGetRegionsFail", "BRD GET FPD Region failed rc -7");
+    EXPECT_STREQ(name, "untouched");
+}
+
+TEST_F(FpdName, AsksForAllRegionsInZeroedRecordsOf104Bytes) {
+    fake_platform().fpds = {make_fpd(1, {"Primary", "Golden"})};
+    std::string asked;
+    fake_platform().brd_fpd_regions_get = [&asked](std::uint32_t, std::uint32_t, BrdFpdRegion *regions,
+                                                   std::uint8_t count) {
+        char *const bytes = reinterpret_cast<char *>(regions);
+        asked.assign(bytes, std::size_t{count} * 104);
+        std::memcpy(bytes + 104 + 1, "AtByteOne", sizeof "AtByteOne");
+        return 0;
+    };
+    EXPECT_EQ(get(1), 0);
+    EXPECT_EQ(asked, std::string(208, '\0'));
+    EXPECT_STREQ(name, "AtByteOne");
+}
+
+TEST_F(FpdName, IsCutToTheCallersRoom) {
+    const std::string long_name(80, 'n');
+    fake_platform().fpds = {make_fpd(1, {long_name})};
+    EXPECT_EQ(get(0), 0);
+    EXPECT_EQ(name, long_name.substr(0, 63));
+    char small[4];
+    EXPECT_EQ(get_fpd_name(3, 1, 0, small, sizeof small, err_msg, sizeof err_msg), 0);
+    EXPECT_STREQ(small, "nnn");
+}
+
+TEST_F(FpdName, EndsWithItsRecordWhenTheLibraryDoesNotEndIt) {
+    fake_platform().brd_fpd_regions_get = [](std::uint32_t, std::uint32_t, BrdFpdRegion *regions, std::uint8_t) {
+        std::memset(regions->name, 'n', sizeof regions->name);
+        return 0;
+    };
+    char large[300];
+    EXPECT_EQ(get_fpd_name(3, 1, 0, large, sizeof large, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(large, std::string(103, 'n'));
+}
+
+// The information block -----------------------------------------------------------------------------------------------
+
+struct FpdInfo : CardTest {
+    FpdInfo() {
+        fpd.obj_id = 1;
+        std::strcpy(fpd.info.name, "IoFpga");
+    }
+
+    int get() { return fpd_info_get(3, fpd, err_msg, sizeof err_msg); }
+    BrdFpdInfo &answer() { return fake_platform().fpds[0].regions[0].info; }
+
+    Fpd fpd{};
+};
+
+TEST_F(FpdInfo, MakesBothVersionsAndTheirTexts) {
+    answer().running_major = 1;
+    answer().running_minor = 65535;
+    answer().running_debug = 255;
+    answer().programmed_major = 255;
+    answer().programmed_minor = 7;
+    answer().programmed_debug = 0;
+    ASSERT_EQ(get(), 0);
+    EXPECT_EQ(bytes_of(fpd.running_version), RawRecord(6).put_version(0, 1, 65535, 255).bytes);
+    EXPECT_STREQ(fpd.running_text, "1.65535.25");  // at most 10 characters
+    EXPECT_EQ(bytes_of(fpd.programmed_version), RawRecord(6).put_version(0, 255, 7, 0).bytes);
+    EXPECT_STREQ(fpd.programmed_text, "255.7.0");
+    EXPECT_STREQ(err_msg, "");
+}
+
+TEST_F(FpdInfo, FailsAsThePlatformDoes) {
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *text,
+                                          std::size_t size) {
+        std::snprintf(text, size, "bus timeout");
+        return 4;
+    };
+    EXPECT_EQ(get(), -13);
+    EXPECT_STREQ(err_msg, "Failed to get FPD info, error bus timeout");
+    expect_log(init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error bus timeout");
+    EXPECT_STREQ(fpd.info.name, "IoFpga");
+}
+
+TEST_F(FpdInfo, ShowsNoEarlierTextWhenThePlatformGivesNone) {
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *,
+                                          std::size_t) { return 4; };
+    EXPECT_EQ(get(), -13);
+    EXPECT_STREQ(err_msg, "Failed to get FPD info, error ");
+}
+
+TEST_F(FpdInfo, FailsForAProgrammedVersionOutOfRange) {
+    answer().programmed_major = 256;
+    answer().programmed_minor = 2;
+    answer().programmed_debug = 3;
+    EXPECT_EQ(get(), -13);
+    const char *const text = "Failed to make FPD Programmed version for name IoFpga major 0x100 minor 0x2 debug 0x3";
+    EXPECT_STREQ(err_msg, text);
+    expect_log(init_module, "ERROR", "InfoGetMakeFpdVerFail", text);
+    EXPECT_STREQ(fpd.programmed_text, "");
+    EXPECT_STREQ(fpd.running_text, "");
+}
+
+TEST_F(FpdInfo, FailsForARunningVersionOutOfRangeBehindTheProgrammedOne) {
+    answer().programmed_major = 9;
+    answer().running_major = 1;
+    answer().running_minor = 0xffff;
+    answer().running_debug = 0x1ff;
+    EXPECT_EQ(get(), -13);
+    const char *const text = "Failed to make FPD Running version for name IoFpga major 0x1 minor 0xffff debug 0x1ff";
+    EXPECT_STREQ(err_msg, text);
+    expect_log(init_module, "ERROR", "InfoGetMakeFpdRunVerFail", text);
+    EXPECT_STREQ(fpd.programmed_text, "9.0.0");
+    EXPECT_STREQ(fpd.running_text, "");
+}
+
+TEST_F(FpdInfo, EndsANameThatTheLibraryDoesNotEnd) {
+    std::memset(answer().name, 'n', sizeof answer().name);
+    ASSERT_EQ(get(), 0);
+    EXPECT_EQ(fpd.info.name, std::string(63, 'n'));
+}
+
+TEST_F(FpdInfo, IsAskedForInABlockThatHoldsTheNameAndZeroesElse) {
+    fpd.region = 2;
+    fpd.info.initial_seq = 200;  // of an earlier reading
+    std::memset(fpd.info.reserved83, 0x5a, sizeof fpd.info.reserved83);
+    std::string asked;
+    fake_platform().brd_fpd_info_get = [&asked](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
+                                                std::size_t) {
+        asked = bytes_of(*info);
+        return 0;
+    };
+    ASSERT_EQ(get(), 0);
+    EXPECT_EQ(asked, RawRecord(256).put_text(0, "IoFpga").bytes);
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_info_get"), ElementsAre(FakeCall{"brd_fpd_info_get", "3, 1, 2"}));
+    EXPECT_STREQ(fpd.info.name, "IoFpga");
+}
+
+// Discovery -----------------------------------------------------------------------------------------------------------
+
+struct LoadFpds : RunTest {
+    int load(UpgradeStage stage = UpgradeStage::regular, unsigned run_level = run_level_boot) {
+        return load_fpds(run_level, stage, card, err_msg, sizeof err_msg);
+    }
+    FakeRegion &region(unsigned number = 0) { return fake_platform().fpds[0].regions[number]; }
+    Fpd &first() { return *card.queues.fpd_queue; }
+
+    /// Loads, and expects the first record to end in this state.
+    void expect_state(FpdState state, UpgradeStage stage = UpgradeStage::regular, unsigned run_level = run_level_boot) {
+        ASSERT_EQ(load(stage, run_level), 0);
+        ASSERT_NE(card.queues.fpd_queue, nullptr);
+        EXPECT_EQ(first().state, state) << state_name(first().state);
+    }
+};
+
+TEST_F(LoadFpds, LoadsNothingOfAGroupWithoutFpds) {
+    fake_platform().fpds.clear();
+    EXPECT_EQ(load(), 0);
+    EXPECT_STREQ(err_msg, "No FPDs Defined");
+    expect_log(init_module, "INFO", "LoadFpdsNoFpds", "No FPDs Defined");
+    EXPECT_EQ(card.queues.fpd_queue, nullptr);
+    EXPECT_THAT(fake_platform().calls_of("brd_group_fpd_obj_id_list_get"), IsEmpty());
+}
+
+TEST_F(LoadFpds, FailsWithoutTheirNumber) {
+    fake_platform().brd_group_fpd_num_fpds_get = [](std::uint32_t, std::uint32_t *) { return 6; };
+    EXPECT_EQ(load(), -13);
+    EXPECT_STREQ(err_msg, "Failed to get No. of FPDs for group id 3");
+    expect_log(init_module, "ERROR", "LoadFpdsNumFpdsGetFail", "Failed to get No. of FPDs for group id 3");
+}
+
+TEST_F(LoadFpds, FailsWithoutMemoryForTheirIds) {
+    interpose::fail(Call::calloc, ENOMEM);
+    EXPECT_EQ(load(), -12);
+    EXPECT_STREQ(err_msg, "Memory alloc failed");
+    expect_log(init_module, "ERROR", "LoadFpdsMemoryNotAvail", "Memory alloc failed");
+}
+
+TEST_F(LoadFpds, FailsWithoutTheirIds) {
+    fake_platform().brd_group_fpd_obj_id_list_get = [](std::uint32_t, std::uint32_t *) { return 6; };
+    EXPECT_EQ(load(), -13);
+    EXPECT_STREQ(err_msg, "Failed to get FPD object ids");
+    expect_log(init_module, "ERROR", "LoadFpdsBrdObjGetFail", "Failed to get FPD object ids");
+    EXPECT_EQ(card.queues.fpd_queue, nullptr);
+}
+
+TEST_F(LoadFpds, MakesOneRecordOfEachRegionNamedByIt) {
+    fake_platform().fpds = {make_fpd(8, {"Primary", "Golden", "Config"}), make_fpd(5, {"Cpu"})};
+    EXPECT_EQ(load(), 0);
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Primary", "Golden", "Config", "Cpu"));
+    std::vector<std::pair<std::uint32_t, int>> places;
+    for (const Fpd *fpd = card.queues.fpd_queue; fpd; fpd = fpd->next) {
+        places.emplace_back(fpd->obj_id, fpd->region);
+        EXPECT_EQ(fpd->state, FpdState::description_received);
+    }
+    EXPECT_THAT(places, ElementsAre(std::pair(8U, 0), std::pair(8U, 1), std::pair(8U, 2), std::pair(5U, 0)));
+    EXPECT_EQ(card.planned_count, 0U);
+}
+
+TEST_F(LoadFpds, EndsWithTheRegionsOfAnFpdThatHas255) {
+    std::vector<std::string> all;
+    for (int i = 0; i < 255; ++i) all.push_back("Region" + std::to_string(i));
+    fake_platform().fpds = {make_fpd(1, all)};
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(names(card.queues.fpd_queue), all);
+}
+
+TEST_F(LoadFpds, GoesOnWithTheNextFpdWhenTheRegionsOfOneCannotBeCounted) {
+    fake_platform().fpds = {make_fpd(1, {"One"}), make_fpd(2, {"Two"})};
+    fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t obj_id, std::uint8_t *count) {
+        *count = 1;
+        return obj_id == 1 ? 9 : 0;
+    };
+    EXPECT_EQ(load(), 0);
+    expect_log(init_module, "ERROR", "LoadFpdsBrdNumRegionGetFail",
+               "Failed to get No. of Regions for group id 3 fpd obj id 1");
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Two"));
+}
+
+TEST_F(LoadFpds, KeepsTheRecordsMadeBeforeMemoryRanOut) {
+    fake_platform().fpds = {make_fpd(1, {"One", "Two", "Three"})};
+    interpose::fail(Call::calloc, ENOMEM, 4);  // ids, One, its regions, Two
+    EXPECT_EQ(load(), -12);
+    const char *const text = "Failed to create new FPD err_msg Memory allocation failed err_msg Cannot allocate memory";
+    EXPECT_STREQ(err_msg, text);
+    expect_log(init_module, "ERROR", "InitNewFpdNoMem", text);
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("One"));
+}
+
+TEST_F(LoadFpds, DropsARegionWithoutAName) {
+    fake_platform().fpds = {make_fpd(2, {"One", "Two"})};
+    interpose::fail(Call::calloc, ENOMEM, 3);  // ids, One, its regions
+    EXPECT_EQ(load(), 0);
+    expect_log(init_module, "ERROR", "InitFpdGetNameFail",
+               "Failed to get FPD name for group id 3 fpd obj id 2 region 0");
+    EXPECT_THAT(log_lines("UpdateFpdTransitionState"),
+                testing::Contains(Field(&LogLine::message, testing::HasSubstr("to 'FPD Capability get Failed'"))));
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Two"));
+}
+
+TEST_F(LoadFpds, RefusesEveryKnownNameInASecondLoad) {
+    fake_platform().fpds = {make_fpd(1, {"One", "Two"})};
+    ASSERT_EQ(load(), 0);
+    const Fpd *const one = card.queues.fpd_queue;
+    clear_log();
+    fake_platform().forget_calls();
+    EXPECT_EQ(load(), 0);
+    EXPECT_THAT(log_lines("InitFpdAddQFail"),
+                ElementsAre(log_line(init_module, "ERROR", "InitFpdAddQFail",
+                                     "Failed to add FPD into upg_queue.queue err_msg Duplicate FPD One found"),
+                            log_line(init_module, "ERROR", "InitFpdAddQFail",
+                                     "Failed to add FPD into upg_queue.queue err_msg Duplicate FPD Two found")));
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("One", "Two"));
+    EXPECT_EQ(card.queues.fpd_queue, one);
+    EXPECT_THAT(fake_platform().calls_of("get_fpd_capability_info"), IsEmpty());
+}
+
+TEST_F(LoadFpds, WalksARecordThroughItsStates) {
+    ASSERT_EQ(load(), 0);
+    std::vector<std::string> states;
+    for (const LogLine &line : log_lines("UpdateFpdTransitionState"))
+        states.push_back(line.message.substr(line.message.find(" to '") + 4));
+    for (std::string &state : states) state.erase(state.find(" at "));
+    EXPECT_THAT(states, ElementsAre("'FPD Created'", "'FPD INITIALIZED'", "'FPD Capability Received'",
+                                    "'FPD Info Received'", "'FPD Description Received'"));
+}
+
+// Evaluation ----------------------------------------------------------------------------------------------------------
+
+TEST_F(LoadFpds, AsksForTheCapabilitiesOnThisCard) {
+    region().capabilities = 0x808;
+    ASSERT_EQ(load(), 0);
+    EXPECT_THAT(fake_platform().calls_of("get_fpd_capability_info"),
+                ElementsAre(FakeCall{"get_fpd_capability_info", "IoFpga, 12544, 0, 1, 0, 0"}));
+    EXPECT_EQ(first().capabilities, 0x808U);
+    expect_log(init_module, "DEBUG", "InitFpdCapabilities", "FPD IoFpga capabilities 0x808");
+}
+
+TEST_F(LoadFpds, SkipsAnFpdThatIsNeverUpgradedAutomatically) {
+    region().capabilities = 0x1809;
+    expect_state(FpdState::capability_received, UpgradeStage::regular, run_level_backend);
+    expect_log(init_module, "INFO", "InitFpdSkipAutoFpdUpgNotSupported", "FPD IoFpga Auto upgrade is not supported");
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_info_get"), IsEmpty());
+}
+
+TEST_F(LoadFpds, SaysOnlyTheFirstReasonToSkip) {
+    region().capabilities = 0x1;
+    expect_state(FpdState::capability_received, UpgradeStage::can_unlock_golden);
+    EXPECT_THAT(log_lines("InitFpdSkipAutoFpdUpgNotSupported"), SizeIs(1));
+    expect_no_log("InitFpdSkipAutoFpdUpgNotBootUp");
+    expect_no_log("InitFpdSkipNotACanUnlockGolden");
+}
+
+TEST_F(LoadFpds, SkipsAtBootAnFpdThatIsNotForBoot) {
+    region().capabilities = 0;
+    expect_state(FpdState::capability_received);
+    expect_log(init_module, "INFO", "InitFpdSkipAutoFpdUpgNotBootUp",
+               "FPD IoFpga Bootup Auto upgrade is not supported");
+}
+
+TEST_F(LoadFpds, EvaluatesByHandAnFpdThatIsNotForBoot) {
+    region().capabilities = 0;
+    expect_state(FpdState::description_received, UpgradeStage::regular, run_level_backend);
+    expect_no_log("InitFpdSkipAutoFpdUpgNotBootUp");
+}
+
+TEST_F(LoadFpds, SkipsInItsStageAnFpdThatNeedsNoGoldenUnlockedPrimary) {
+    region().capabilities = 0x808;
+    expect_state(FpdState::capability_received, UpgradeStage::requires_golden_unlocked_primary);
+    expect_log(init_module, "INFO", "InitFpdSkipNotAUpgdReqGoldenUnlockPrimary",
+               "FPD upgrade stage 'Required a Golden Unlocked Primary firmware' is looking for FPDs that are required "
+               "Golden unlock primary and FPD IoFpga is not marked for this stage");
+}
+
+TEST_F(LoadFpds, SkipsInItsStageAnFpdThatCannotUnlockGolden) {
+    region().capabilities = 0x1008;
+    expect_state(FpdState::capability_received, UpgradeStage::can_unlock_golden);
+    expect_log(init_module, "INFO", "InitFpdSkipNotACanUnlockGolden",
+               "FPD upgrade stage 'firmware can unlock Golden' is looking for FPDs that can unlock Golden and FPD "
+               "IoFpga is not marked for this");
+}
+
+TEST_F(LoadFpds, EvaluatesTheFpdsOfTheGoldenStages) {
+    region().capabilities = 0x1008;
+    expect_state(FpdState::description_received, UpgradeStage::requires_golden_unlocked_primary);
+    free_queues(card);
+    region().capabilities = 0x808;
+    expect_state(FpdState::description_received, UpgradeStage::can_unlock_golden);
+}
+
+TEST_F(LoadFpds, AsksNoGoldenBitOfOtherStages) {
+    for (const UpgradeStage stage :
+         {UpgradeStage::manufacturing, UpgradeStage::regular, UpgradeStage::dummy_minor, UpgradeStage::dummy_major}) {
+        expect_state(FpdState::description_received, stage);
+        free_queues(card);
+    }
+}
+
+TEST_F(LoadFpds, LeavesAnFpdWithoutInformationInItsState) {
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *text,
+                                          std::size_t size) {
+        std::memset(info, 0, sizeof *info);  // what a failed call left of it
+        std::snprintf(text, size, "bus timeout");
+        return 4;
+    };
+    expect_state(FpdState::info_get_failed);
+    expect_log(init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error bus timeout");
+    expect_log(init_module, "ERROR", "InitFpdInfoGetFail",
+               "Failed to get FPD info, error Failed to get FPD info, error bus timeout");
+    EXPECT_STREQ(first().info.name, "IoFpga");
+    EXPECT_THAT(fake_platform().calls_of("check_and_get_upgrade_image"), IsEmpty());
+}
+
+TEST_F(LoadFpds, TakesTheNameOfTheInformationBlock) {
+    std::strcpy(region().info.name, "IoFpgaRevB");
+    expect_state(FpdState::description_received);
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("IoFpgaRevB"));
+}
+
+TEST_F(LoadFpds, RefusesAnInformationBlockWithTheNameOfAnotherRegion) {
+    fake_platform().fpds = {make_fpd(1, {"One", "Two"})};
+    std::strcpy(region(1).info.name, "One");
+    ASSERT_EQ(load(), 0);
+    expect_log(init_module, "ERROR", "InitFpdInfoGetFail", "Failed to get FPD info, error Duplicate FPD One found");
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("One", "Two"));
+    EXPECT_EQ(first().state, FpdState::description_received);
+    EXPECT_EQ(first().next->state, FpdState::info_get_failed);
+}
+
+TEST_F(LoadFpds, EndsAnErrorTextThatTheLibraryDoesNotEnd) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
+        std::memset(text, 'e', size);
+        return 1;
+    };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdDescFail",
+               "Does not have a Firmware packaged for FPD IoFpga err_msg " + std::string(255, 'e'));
+}
+
+TEST_F(LoadFpds, LeavesAnFpdWithAVersionOutOfRangeInTheSameState) {
+    region().info.running_debug = 256;
+    expect_state(FpdState::info_get_failed);
+    expect_log(init_module, "ERROR", "InitFpdInfoGetFail",
+               "Failed to get FPD info, error Failed to make FPD Running version for name IoFpga major 0x1 minor 0x0 "
+               "debug 0x100");
+}
+
+/// What the description library is asked, per stage.
+struct StageCase {
+    UpgradeStage stage;
+    std::uint32_t upgrade_type;
+};
+
+struct DescriptionRequest : LoadFpds, testing::WithParamInterface<StageCase> {};
+
+TEST_P(DescriptionRequest, IsRightByteForByte) {
+    card.board_type = 0x42c3;
+    card.hw_version = version(2, 0x1234, 0);
+    fake_platform().fpds = {make_fpd(1, {"FpdOfTwentyLetters12"})};
+    region().capabilities = 0x1808;
+    BrdFpdInfo &info = region().info;
+    info.running_major = 3;
+    info.running_minor = 0xfedc;
+    info.running_debug = 5;
+    info.programmed_major = 6;
+    info.programmed_minor = 7;
+    info.programmed_debug = 255;
+    info.info_flag = 0xa5;
+    std::memset(info.reserved79, 0xee, sizeof info.reserved79);
+    std::memset(info.reserved83, 0xee, sizeof info.reserved83);
+    expect_state(FpdState::description_received, GetParam().stage);
+    const RawRecord expected = RawRecord(56)
+                                   .put(0, std::uint32_t{0x42c3})
+                                   .put_version(4, 2, 0x1234, 0)
+                                   .put_version(10, 6, 7, 255)
+                                   .put_version(16, 3, 0xfedc, 5)
+                                   .put_text(22, "FpdOfTwentyLette")
+                                   .put(39, std::uint8_t{0xa5})
+                                   .put(44, std::uint32_t{0xf9dde5c1})
+                                   .put(48, std::uint8_t{3})
+                                   .put(52, GetParam().upgrade_type);
+    ASSERT_THAT(fake_platform().description_requests(), SizeIs(1));
+    EXPECT_EQ(bytes_of(fake_platform().description_requests()[0]), expected.bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfEveryStage, DescriptionRequest,
+                         testing::Values(StageCase{UpgradeStage::requires_golden_unlocked_primary, 1},
+                                         StageCase{UpgradeStage::can_unlock_golden, 2},
+                                         StageCase{UpgradeStage::manufacturing, 1}, StageCase{UpgradeStage::regular, 0},
+                                         StageCase{UpgradeStage::dummy_minor, 3},
+                                         StageCase{UpgradeStage::dummy_major, 4}));
+
+TEST_F(LoadFpds, HandsInAResultOfMagicVersionAndZeroes) {
+    std::string asked;
+    fake_platform().check_and_get_upgrade_image = [&asked](FpdDescRequest *, FpdDesc *result, char *, std::size_t) {
+        asked = bytes_of(*result);
+        return 0;
+    };
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(asked, RawRecord(576).put(556, std::uint32_t{0xf9dde5c1}).put(560, std::uint8_t{3}).bytes);
+}
+
+TEST_F(LoadFpds, LeavesAnFpdWithoutAPackagedImageInItsState) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
+        std::snprintf(text, size, "no such image");
+        return 0x101;
+    };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdDescFail",
+               "Does not have a Firmware packaged for FPD IoFpga err_msg no such image");
+    EXPECT_THAT(fake_platform().calls_of("brd_intf_fpd_image_md5_validate"), IsEmpty());
+}
+
+TEST_F(LoadFpds, ShowsNoEarlierTextWhenTheDescriptionLibraryGivesNone) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return -1; };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg ");
+}
+
+TEST_F(LoadFpds, HeedsOnlyTheLowBitsOfTheDescriptionsResult) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) {
+        return 0x7ff00;
+    };
+    expect_state(FpdState::description_received);
+}
+
+TEST_F(LoadFpds, ValidatesTheImageInThePackagedDirectory) {
+    ASSERT_EQ(load(), 0);
+    EXPECT_THAT(fake_platform().calls_of("brd_intf_fpd_image_md5_validate"),
+                ElementsAre(FakeCall{"brd_intf_fpd_image_md5_validate",
+                                     "/pkg/fpd/ucode, IoFpga.bin, 0123456789abcdef0123456789abcdef"}));
+    expect_log(init_module, "INFO", "InitMd5CalInfo",
+               "FPD: IoFpga Dir: /pkg/fpd/ucode Image: IoFpga.bin MD5: 0123456789abcdef0123456789abcdef");
+}
+
+TEST_F(LoadFpds, LeavesAnFpdWithAWrongSumInItsStateSoThatItIsNeverPlanned) {
+    fake_platform().image_md5_validate = [](const char *, const char *, const char *, char *text, std::size_t size) {
+        std::snprintf(text, size, "sums differ");
+        return 1;
+    };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdMd5SumFailed", "md5 checksum validation failed, sums differ");
+    ASSERT_EQ(build_upgrade_queue(UpgradeStage::regular, card, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(card.planned_count, 0U);
+    EXPECT_EQ(first().state, FpdState::description_failed);
+}
+
+TEST_F(LoadFpds, TellsTheVerdict) {
+    region().info.running_minor = 4;
+    region().info.programmed_minor = 5;
+    region().desc.need_upgrade = 2;
+    region().desc.packaged_version = version(7, 8, 9, FPD_VERSION_NO_DEBUG);
+    region().desc.status_msg = "too old";
+    ASSERT_EQ(load(), 0);
+    expect_log(init_module, "INFO", "InitFpdVerion",
+               "FPD IoFpga run version 1.4.0 program verson 1.5.0 packaged version 7.8 need_upgrade 2 status_msg "
+               "too old");
+    EXPECT_STREQ(first().packaged_text, "7.8");
+}
+
+TEST_F(LoadFpds, TellsAVerdictWithoutWords) {
+    region().desc.status_msg = nullptr;
+    expect_state(FpdState::description_received);
+    expect_log(init_module, "INFO", "InitFpdVerion",
+               "FPD IoFpga run version 1.0.0 program verson 1.0.0 packaged version 2.0.0 need_upgrade 1 status_msg ");
+}
+
+TEST_F(LoadFpds, EndsTextsThatTheDescriptionLibraryDoesNotEnd) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *result, char *, std::size_t) {
+        std::memset(result->dependency, 'd', sizeof result->dependency);
+        std::memset(result->image, 'i', sizeof result->image);
+        std::memset(result->md5, 'm', sizeof result->md5);
+        result->need_upgrade = 'n';
+        return 0;
+    };
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(first().desc.dependency, std::string(16, 'd'));
+    EXPECT_EQ(first().desc.image, std::string(254, 'i'));
+    EXPECT_EQ(first().desc.md5, std::string(254, 'm'));
+    EXPECT_EQ(first().desc.need_upgrade, 'n');
+}
+
+TEST_F(LoadFpds, GoesOnBehindAnFpdThatFails) {
+    fake_platform().fpds = {make_fpd(1, {"Bad", "Good"})};
+    region(0).info.programmed_major = 999;
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(first().state, FpdState::info_get_failed);
+    EXPECT_EQ(first().next->state, FpdState::description_received);
+}
+
+}  // namespace
