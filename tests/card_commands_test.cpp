@@ -106,9 +106,24 @@ TEST_F(CardCommands, TheListShowsEveryKindOfVersion) {
 TEST_F(CardCommands, ALongNameShiftsItsColumn) {
     const std::string sixteen = "Abcdefghijklmnop";
     const std::string long_name = "Qbcdefghijklmnopqrstuvwxyz";
-    describe({.fpds = fpd(10, {{.name = sixteen}, {.name = long_name}})});
-    EXPECT_EQ(tool({"-b", "-c", "list_upgrade"}).out,
-              std::string(header) + sixteen + " 1.1.0\n" + long_name + " 1.1.0\n");
+    describe({.fpds = fpd(10, {{.name = long_name}, {.name = sixteen}})});
+    // The marker has room for two lines of the usual width and no more.
+    const Result result = tool({"-b", "-c", "list_upgrade"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, std::string(header) + long_name + " 1.1.0\n" + sixteen + " 1.1.0\n");
+}
+
+TEST_F(CardCommands, ALongNameThatTheMarkerHasNoRoomFor) {
+    const std::string long_name = "Qbcdefghijklmnopqrstuvwxyz";
+    describe({.fpds = fpd(10, {{.name = "IoFpga"}, {.name = long_name}})});
+    const Result result = tool({"-b", "-c", "list_upgrade"});
+    EXPECT_EQ(result.status, failed);
+    EXPECT_THAT(result.err, StartsWith(interface_failed));
+    EXPECT_THAT(result.err, EndsWith("Out of buffer to add FPD info for " + long_name + "\n"));
+    EXPECT_EQ(errors().front(),
+              "[FPD] [ERROR] [AddFpdInfoUpgMarkerOOB] Out of buffer to add FPD info for " + long_name);
+    EXPECT_THAT(errors(), Contains("[FPD] [ERROR] [AddFPDUpgMarkerFail] Failed to add FPD " + long_name +
+                                   " into Upgrade Marker, error Out of buffer to add FPD info for " + long_name));
 }
 
 TEST_F(CardCommands, ABackendRunAlsoTakesWhatTheBootLeavesAlone) {
