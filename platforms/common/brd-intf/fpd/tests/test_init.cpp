@@ -570,6 +570,7 @@ TEST_F(LoadFpds, LeavesAnFpdWithoutInformationInItsState) {
 
 TEST_F(LoadFpds, TakesTheNameOfTheInformationBlock) {
     std::strcpy(region().info.name, "IoFpgaRevB");
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return 0; };
     expect_state(FpdState::description_received);
     EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("IoFpgaRevB"));
 }
