@@ -30,9 +30,10 @@ struct LocalCard {
     FpdCardQueues queues;
     std::uint32_t planned_count;  // FPDs still to be upgraded
 
-    timespec last_check_time;  // of the last supervision pass, CLOCK_MONOTONIC_RAW
-    timespec last_punch_time;  // of the last watchdog punch, CLOCK_MONOTONIC_RAW
-    FpdWorkerCtx *retired_workers;
+    timespec last_check_time;       // of the last supervision pass, CLOCK_MONOTONIC_RAW
+    timespec last_punch_time;       // of the last watchdog punch, CLOCK_MONOTONIC_RAW
+    FpdWorkerCtx *retired_workers;  // off their FPDs, to be released when the run is over
+    unsigned hanging_workers;       // whose threads were still in the platform library then
 };
 static_assert(std::is_trivial_v<LocalCard>, "taken with calloc");
 
@@ -53,7 +54,8 @@ void leave_sequence_queue(LocalCard &card, Fpd &fpd, LogSite site);
 
 /// Creates the message queue and plans the run.
 int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len);
-/// Frees the plan and removes the message queue.
+/// Frees the plan, removes the message queue and releases the workers; card.hanging_workers tells how many of these are
+/// beyond release.
 int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len);
 
 /// Plans the run in the stages of the stored upgrade mode. EINVAL (positive) for a mode that is none.
@@ -71,5 +73,8 @@ int get_fpd_name(std::uint32_t group_id, std::uint32_t obj_id, std::uint8_t regi
                  char *err_msg, std::size_t err_len);
 /// Reads what the platform knows of the region, its versions above all, into the record. -EACCES.
 int fpd_info_get(std::uint32_t group_id, Fpd &fpd, char *err_msg, std::size_t err_len);
+/// The same for a record in one of the card's queues. -EEXIST when the platform now gives it the name of another
+/// record: names are what the queues tell their records apart by, so it keeps the one it had.
+int fpd_info_refresh(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len);
 
 #endif

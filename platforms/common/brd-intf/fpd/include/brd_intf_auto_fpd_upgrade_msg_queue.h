@@ -9,6 +9,8 @@
 struct FpdWorkerCtx;
 
 inline constexpr const char *fpd_mq_base_name = "/auto_fpd_upg_mq";
+/// Reports that may be pending; a worker with another waits.
+inline constexpr long fpd_mq_max_messages = 256;
 
 /// Makes an empty queue of that name, whatever was there before, and opens it for receiving without waiting.
 /// Main thread.

@@ -17,8 +17,8 @@ struct LocalCard;
 /// upgrade of the same FPD, when a worker that was given up on wakes up.
 struct FpdWorkerCtx {
     int mq;           // worker's sending end; the thread's own
-    Fpd *fpd;         // main thread only
-    LocalCard *card;  // main thread only
+    Fpd *fpd;         // main thread only; for whoever looks at a hanging worker
+    LocalCard *card;  // main thread only; likewise
 
     std::uint32_t group_id;
     std::uint32_t obj_id;
@@ -59,9 +59,9 @@ int start_fpd_upgrade_worker(LocalCard &card, Fpd &fpd, char *err_msg, std::size
 /// Takes the worker off its FPD. From here on its reports are a stranger's. Main thread.
 /// @param reported_end its last report arrived, so that its thread is about to end
 void retire_worker(LocalCard &card, Fpd &fpd, bool reported_end);
-/// Joins and releases the retired workers whose thread has ended or is about to; one that still hangs in the platform
-/// library keeps its context until the process ends. Not before the last report was received: until then no address of
-/// a retired worker may be handed out again. Main thread.
+/// Joins and releases the retired workers whose thread has ended or is about to. One that still hangs in the platform
+/// library keeps its context until the process ends, and is counted in card.hanging_workers. Not before the message
+/// queue is gone: until then no address of a retired worker may be handed out again. Main thread.
 void release_retired_workers(LocalCard &card);
 
 /// Entry of the worker thread. Returns 0, or -EIO as a pointer-sized integer when its queue cannot be opened.

@@ -71,7 +71,9 @@ int brd_fpd_regions_get(uint32_t group_id, uint32_t obj_id, BrdFpdRegion *region
 int brd_fpd_info_get(uint32_t group_id, uint32_t obj_id, uint8_t region, BrdFpdInfo *info, char *err_msg,
                      size_t err_len);
 /// Programs the region and returns when it is done; takes seconds to minutes. Different regions may be upgraded by
-/// different threads at the same time.
+/// different threads at the same time. A thread that reports nothing for too long is cancelled (deferred) in this call:
+/// whatever it holds at a cancellation point has to be given back by cleanup handlers or destructors, and a callback's
+/// unwinding must not be stopped.
 int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpgradeRequest *request, char *err_msg, size_t err_len);
 
 int brd_group_led_init(uint32_t group_id);

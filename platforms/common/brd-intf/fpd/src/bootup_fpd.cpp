@@ -37,6 +37,7 @@ struct Run {
     char err_msg[512] = "";
     // Stays with the process when the upgrade interface cannot be initialised.
     LocalCard *card = nullptr;
+    bool worker_hangs = false;  // a thread is still in the platform library
 };
 
 constexpr int status_failed = -1;
@@ -268,6 +269,7 @@ int card_command(Run &run) {
     const int result = run_command_on_card(run);
     if (interface_deinit(*run.card, run.err_msg, sizeof run.err_msg) != 0)
         return card_command_failed("Interface Deinit", run.err_msg);
+    run.worker_hangs = run.card->hanging_workers != 0;
     if (context_deinit(&run.card, run.err_msg, sizeof run.err_msg) != 0)
         return card_command_failed("Context Deinit", run.err_msg);
     return result;
@@ -321,7 +323,14 @@ int bootup_fpd(int argc, char **argv, Run &run) {
 
 int main(int argc, char **argv) {
     Run run;
+    const int status = bootup_fpd(argc, argv, run);
+    if (run.worker_hangs) {
+        // The platform library's own end could wait for that thread, or pull the ground from under it.
+        std::fflush(stdout);
+        std::fflush(stderr);
+        _exit(status);
+    }
     // By exit and not by returning: `run` keeps its place, so that the card it still holds after a failed
     // initialisation is no leak to a checker that looks at the end of the process.
-    std::exit(bootup_fpd(argc, argv, run));
+    std::exit(status);
 }

@@ -1,6 +1,7 @@
 #include "brd_intf_auto_fpd_obfl.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <regex.h>
 #include <unistd.h>
 
@@ -89,8 +90,14 @@ void check_mount_thread() {
     take_flash_into_use({here, "CopyTempObflLogIntoLatestFlashFileFaile"});
 }
 
+/// Unmounting writes out what the flash holds; a flash that stays mounted would lose it to the reset that may follow.
+void sync_flash_log() {
+    const Descriptor file(open(context.latest_file, O_RDONLY | O_CLOEXEC));
+    if (file.fd >= 0) fsync(file.fd);
+}
+
 void forget_flash() {
-    context.latest_file[0] = '\0';
+    std::memset(context.latest_file, 0, sizeof context.latest_file);
     context.mount_status = ObflMountStatus::none;
     context.mount_thread = 0;
     context.mounted_here = false;
@@ -117,7 +124,9 @@ int copy_stream(std::FILE *from, std::FILE *to, char *err_msg, std::size_t err_l
         if (std::fwrite(chunk, 1, count, to) != count) return write_failed(err_msg, err_len);
     if (std::ferror(from))
         return fail_unlogged(EIO, err_msg, err_len, "read from temp file, error '%s'", std::strerror(errno));
-    return std::fflush(to) == 0 ? 0 : write_failed(err_msg, err_len);
+    // A reset may follow at once. Some files cannot be synced, and need not be.
+    if (std::fflush(to) != 0 || (fsync(fileno(to)) != 0 && errno != EINVAL)) return write_failed(err_msg, err_len);
+    return 0;
 }
 
 int regex_error(int rc, int error, const Regex &regex, char *err_msg, std::size_t err_len) {
@@ -173,6 +182,7 @@ void obfl_flash_release() {
         check_mount_thread();
     }
     char err_msg[error_size] = "";
+    if (context.flash_ready) sync_flash_log();
     if (context.mounted_here && obfl_flash_operation(0, err_msg, sizeof err_msg) != 0)
         log_error({here, "ObflFlushFlashOperFail"}, "Failed to unmount OBFL Flash, error '%s'", err_msg);
     forget_flash();
@@ -189,6 +199,7 @@ int obfl_flash_operation(int op, char *err_msg, std::size_t err_len) {
     const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", command);
     terminate_error(err_msg, err_len);
     if (rc != 0) return fail({here, "ObflOperCmdFail"}, EOPNOTSUPP, err_msg, err_len, "%s", err_msg);
+    output[sizeof output - 1] = '\0';
     log_debug({here, "ObflOperCmd"}, "Executed OBFL Flashoperation command '%s' output '%s'", command, output);
     return 0;
 }
@@ -216,6 +227,7 @@ bool obfl_is_mounted(char *err_msg, std::size_t err_len) {
                  err_msg);
         return false;
     }
+    output[sizeof output - 1] = '\0';
     log_info({here, "ObflMountPointExist"}, "OBFL Flash mountpoint '%s' exist, output '%s'", flash_directory, output);
     return true;
 }

@@ -14,6 +14,7 @@
 #include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_led.h"
 #include "brd_intf_auto_fpd_upgrade_marker.h"
+#include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "brd_intf_events_fpd.h"
 #include "fpd_log.h"
@@ -27,6 +28,7 @@ namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
+constexpr const char *watchdog_script = "/usr/local/etc/punch-watchdog-once.sh";
 
 std::uint32_t scaled(std::uint32_t microseconds) {
     const std::uint32_t divisor = bootup_fpd_time_div;
@@ -105,7 +107,7 @@ void handle_progressing(Fpd &fpd, std::uint32_t progress) {
     transition(fpd, FpdState::upgrade_progressing);
     fpd.progress = static_cast<std::uint8_t>(progress);
     log_debug({here, "FpdUpgResponseProgress"}, "FPD %s state %s updated upgrade progress %d", fpd.info.name,
-              state_name(fpd.state), fpd.progress);
+              state_name(fpd.state), static_cast<int>(progress));
 }
 
 void queue_for_retry(Fpd &fpd, LogSite site) {
@@ -142,7 +144,7 @@ void handle_done(LocalCard &card, Fpd &fpd) {
     retire_worker(card, fpd, true);
     --card.planned_count;
     char err_msg[error_size] = "";
-    if (fpd_info_get(card.group_id, fpd, err_msg, sizeof err_msg) != 0)
+    if (fpd_info_refresh(card, fpd, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgDoneInfoGetFail"}, "FPD %s Info get failed, error %s", fpd.info.name, err_msg);
     fpd_obfl_log("FPD '%s' Upgraded to version %s", fpd.info.name, fpd.programmed_text);
 }
@@ -168,7 +170,8 @@ void handle_report(LocalCard &card, Fpd &fpd, const WorkerMsg &msg) {
 
 void drain_worker_messages(LocalCard &card) {
     WorkerMsg msg;
-    while (receive_report(card.mq, msg)) {
+    // As many as the queue holds: a worker that reports without end must not keep the others from being supervised.
+    for (long i = 0; i < fpd_mq_max_messages && receive_report(card.mq, msg); ++i) {
         Fpd *const fpd = fpd_of_running_worker(card, msg.worker);
         if (fpd)
             handle_report(card, *fpd, msg);
@@ -391,12 +394,12 @@ void punch_watchdog() {
     char output[256] = "";
     char err_msg[256] = "";
     std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, sizeof err_msg, "%s",
-                           "/usr/local/etc/punch-watchdog-once.sh") != 0) {
+    if (exec_shell_command(output, sizeof output, &output_len, err_msg, sizeof err_msg, "%s", watchdog_script) != 0) {
         terminate_error(err_msg, sizeof err_msg);
         log_error({here, "AutoFpdUpgradeProgressWDPunchFail"}, "Punching PD watchdog failed error %s", err_msg);
         return;
     }
+    output[sizeof output - 1] = '\0';
     log_debug({here, "AutoFpdUpgradeProgressWDPunch"}, "Punching PD watchdog: %s", output);
 }
 

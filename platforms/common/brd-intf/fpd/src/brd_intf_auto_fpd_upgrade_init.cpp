@@ -172,6 +172,29 @@ int fpd_info_get(std::uint32_t group_id, Fpd &fpd, char *err_msg, std::size_t er
 
 namespace {
 
+bool another_has_the_name(const FpdQueue &queue, const Fpd &fpd) {
+    for (const Fpd *each = queue; each; each = each->next)
+        if (each != &fpd && std::strcmp(each->info.name, fpd.info.name) == 0) return true;
+    return false;
+}
+
+}  // namespace
+
+int fpd_info_refresh(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len) {
+    char known_name[sizeof fpd.info.name];
+    std::memcpy(known_name, fpd.info.name, sizeof known_name);
+    const int rc = fpd_info_get(card.group_id, fpd, err_msg, err_len);
+    if (rc != 0) return rc;
+    bool taken = another_has_the_name(card.queues.fpd_queue, fpd);
+    for (const FpdQueue &queue : card.queues.seq_queues) taken = taken || another_has_the_name(queue, fpd);
+    if (!taken) return 0;
+    const int duplicate = fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
+    std::memcpy(fpd.info.name, known_name, sizeof known_name);
+    return duplicate;
+}
+
+namespace {
+
 /// Whether this run passes the FPD over by its capabilities.
 bool skipped_by_capability(unsigned run_level, UpgradeStage stage, const Fpd &fpd) {
     const char *const name = fpd.info.name;
@@ -234,25 +257,10 @@ int validate_image(const Fpd &fpd, char *err_msg, std::size_t err_len) {
              fpd.desc.image, fpd.desc.md5);
     const int rc =
         brd_intf_fpd_image_md5_validate(packaged_firmware_directory, fpd.desc.image, fpd.desc.md5, err_msg, err_len);
+    terminate_error(err_msg, err_len);
     if (rc != 0)
         return fail({here, "InitFpdMd5SumFailed"}, rc, err_msg, err_len, "md5 checksum validation failed, %s", err_msg);
     return 0;
-}
-
-/// Reads the region's info. A library that gives a region another name than before may not give it that of another
-/// record: names are what the queues tell their records apart by.
-int get_info(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len) {
-    char known_name[sizeof fpd.info.name];
-    std::memcpy(known_name, fpd.info.name, sizeof known_name);
-    const int rc = fpd_info_get(card.group_id, fpd, err_msg, err_len);
-    if (rc != 0 || std::strcmp(known_name, fpd.info.name) == 0) return rc;
-    unsigned bearers = 0;
-    for (const Fpd *each = card.queues.fpd_queue; each; each = each->next)
-        if (std::strcmp(each->info.name, fpd.info.name) == 0) ++bearers;
-    if (bearers < 2) return 0;
-    const int taken = fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
-    std::memcpy(fpd.info.name, known_name, sizeof known_name);
-    return taken;
 }
 
 /// Evaluates a discovered FPD for the stage; what comes of it is its state.
@@ -263,7 +271,7 @@ void evaluate_fpd(unsigned run_level, UpgradeStage stage, const LocalCard &card,
     log_debug({here, "InitFpdCapabilities"}, "FPD %s capabilities 0x%x", fpd.info.name, fpd.capabilities);
     if (skipped_by_capability(run_level, stage, fpd)) return;
 
-    if (get_info(card, fpd, err_msg, err_len) != 0) {
+    if (fpd_info_refresh(card, fpd, err_msg, err_len) != 0) {
         log_error({here, "InitFpdInfoGetFail"}, "Failed to get FPD info, error %s", err_msg);
         transition(fpd, FpdState::info_get_failed);
         return;
@@ -714,7 +722,6 @@ int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size
 
 int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
-    release_retired_workers(card);
     int rc = free_queues(card);
     if (rc != 0) return fail({here, "DeinitFpdFail"}, rc, err_msg, err_len, "Deinitializing FPDs failed");
     rc = delete_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);

@@ -1,5 +1,6 @@
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@ namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
 
+constexpr const char *marker_directory = "/misc/scratch";
 constexpr const char *marker_file = "/misc/scratch/bootup_fpd_marker.txt";
 constexpr const char *entry_format = "FPD: %-16s | Version: %-12s\n";
 // In entries of the minimal width: two to begin with, and one at a time.
@@ -85,12 +87,21 @@ int read_text(std::FILE *file, std::size_t size, Allocated<char> &text, char *er
     return 0;
 }
 
+/// The card resets next: what is still in a cache then is lost. Some files cannot be synced, and need not be.
+bool sync_to_storage(int fd) {
+    return fsync(fd) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
+}
+
 bool write_text(File file, std::string_view text) {
     const bool written = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
-    // The card resets next: what is still in a cache then is lost. Some files cannot be synced, and need not be.
-    const bool flushed = std::fflush(file.get()) == 0;
-    if (flushed) fsync(fileno(file.get()));
-    return std::fclose(file.release()) == 0 && written && flushed;
+    const bool synced = std::fflush(file.get()) == 0 && sync_to_storage(fileno(file.get()));
+    return std::fclose(file.release()) == 0 && written && synced;
+}
+
+/// The file is new in its directory, which has to last as well.
+void sync_directory() {
+    const Descriptor directory(open(marker_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.fd >= 0) fsync(directory.fd);
 }
 
 }  // namespace
@@ -153,6 +164,7 @@ int upg_marker_write(char *err_msg, std::size_t err_len) {
     const bool whole = marker.length < marker.capacity;
     if (!whole || !write_text(std::move(file), {marker.text, marker.length}))
         return fail_unlogged(-EIO, err_msg, err_len, "Failed to write Upgrade marker data\n%s", marker.text);
+    sync_directory();
     upg_marker_release();
     return 0;
 }

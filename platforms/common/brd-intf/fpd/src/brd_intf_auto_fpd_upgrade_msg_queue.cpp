@@ -13,13 +13,12 @@
 namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
-constexpr long max_messages = 256;  // a worker waits when so many reports are pending
 
 int create_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len) {
     // A queue of an earlier run would bring its stale reports and its own attributes.
     mq_unlink(name);
     mq_attr attributes{};
-    attributes.mq_maxmsg = max_messages;
+    attributes.mq_maxmsg = fpd_mq_max_messages;
     attributes.mq_msgsize = sizeof(WorkerMsg);
     *mqd = mq_open(name, O_RDONLY | O_CREAT | O_NONBLOCK, 0770, &attributes);
     if (*mqd < 0)

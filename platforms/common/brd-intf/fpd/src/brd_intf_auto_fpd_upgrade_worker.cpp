@@ -176,7 +176,11 @@ void release_retired_workers(LocalCard &card) {
     while (FpdWorkerCtx *const worker = card.retired_workers) {
         card.retired_workers = worker->next;
         const bool ended = std::atomic_ref(worker->ended).load(std::memory_order_acquire);
-        if (!ended && !worker->reported_end) continue;
+        if (!ended && !worker->reported_end) {
+            pthread_detach(worker->thread);
+            ++card.hanging_workers;
+            continue;
+        }
         pthread_join(worker->thread, nullptr);
         std::free(worker);
     }
