@@ -520,6 +520,8 @@ TEST_F(LibraryTest, LoudWithASpeedThatIsNone) {
 }
 
 TEST_F(LibraryTest, LoudWhenTheRecordCannotBeWritten) {
+    // Long enough that the limit below strikes the record alone.
+    write_file(calls_log(state_directory()), std::string(100000, '\n'));
     EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 0);
     const auto call_on_a_full_disk = [&] {
         // A part of the line still finds room.
