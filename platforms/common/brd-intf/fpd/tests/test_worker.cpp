@@ -1,0 +1,672 @@
+#include <mqueue.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "interpose.h"
+#include "os_thread.h"
+#include "run_support.h"
+
+namespace {
+
+using interpose::Call;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::SizeIs;
+
+struct Worker : RunTest {
+    int start(Fpd &fpd) { return start_fpd_upgrade_worker(card, fpd, err_msg, sizeof err_msg); }
+
+    /// Makes a worker's context as a start makes it, without the thread.
+    FpdWorkerCtx &context_of(Fpd &fpd) {
+        interpose::fail(Call::pthread_create, EAGAIN);
+        EXPECT_EQ(start(fpd), EAGAIN);
+        interpose::reset();
+        FpdWorkerCtx &worker = attach_worker(fpd, FpdState::worker_created);
+        worker.group_id = card.group_id;
+        worker.obj_id = fpd.obj_id;
+        std::strcpy(worker.name, fpd.info.name);
+        std::strcpy(worker.mq_name, card.mq_name);
+        return worker;
+    }
+
+    /// The reports so far as pairs of state and progress; each is checked to come from the worker.
+    std::vector<std::pair<FpdState, unsigned>> reports(const FpdWorkerCtx *worker) {
+        std::vector<std::pair<FpdState, unsigned>> found;
+        while (waiting_reports() > 0) {
+            const WorkerMsg msg = receive();
+            EXPECT_EQ(msg.magic, 0xA670F9D4U);
+            EXPECT_EQ(msg.worker, worker);
+            found.emplace_back(msg.state, msg.progress);
+        }
+        return found;
+    }
+
+    /// Starts the FPD's worker and waits for the end of its thread.
+    FpdWorkerCtx &run_to_its_end(Fpd &fpd) {
+        EXPECT_EQ(start(fpd), 0) << err_msg;
+        FpdWorkerCtx &worker = *fpd.worker;
+        EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        return worker;
+    }
+};
+
+// Start ---------------------------------------------------------------------------------------------------------------
+
+TEST_F(Worker, IsStartedForAQueuedFpd) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](auto...) {
+        gate.pass();
+        return 0;
+    };
+    EXPECT_EQ(start(fpd), 0);
+    EXPECT_STREQ(err_msg, "");
+    ASSERT_NE(fpd.worker, nullptr);
+    EXPECT_EQ(fpd.worker->fpd, &fpd);
+    EXPECT_EQ(fpd.worker->card, &card);
+    EXPECT_NE(fpd.worker_thread, pthread_t{});
+    EXPECT_EQ(fpd.state, FpdState::worker_created);
+    EXPECT_EQ(card.planned_count, 1U);
+    gate.open();
+}
+
+TEST_F(Worker, IsToldOfAsStarted) {
+    Fpd &fpd = plan("IoFpga");
+    std::strcpy(fpd.running_text, "1.1.1");
+    std::strcpy(fpd.programmed_text, "1.1.2");
+    run_to_its_end(fpd);
+    EXPECT_THAT(events(), ElementsAre("warning: Auto FPD Upgrade started for 'IoFpga'"));
+    EXPECT_THAT(
+        event_log_texts(),
+        ElementsAre("FPD 'IoFpga' Start upgrading to version 2.0.0 Run version 1.1.1 Programmed version 1.1.2"));
+}
+
+TEST_F(Worker, IsToldOfAsRetrying) {
+    Fpd &fpd = plan("IoFpga");
+    fpd.retries = 1;
+    run_to_its_end(fpd);
+    EXPECT_THAT(events(), ElementsAre("warning: Auto FPD Upgrade retrying for 'IoFpga'"));
+    EXPECT_THAT(
+        event_log_texts(),
+        ElementsAre("FPD 'IoFpga' Retry upgrading to version 2.0.0 Run version 1.0.0 Programmed version 1.0.0"));
+}
+
+TEST_F(Worker, RunsWhenItsEventCannotBeSent) {
+    Fpd &fpd = plan("IoFpga");
+    fake_platform().commands = {
+        {.prefix = "/usr/local/etc/send_fpd", .rc = 1, .output = "", .error = "no bell", .effect = nullptr}};
+    run_to_its_end(fpd);
+    EXPECT_THAT(log_lines("FpdUpgSendFpdStartedEventMsgFail"),
+                ElementsAre(log_line(worker_module, "ERROR", "FpdUpgSendFpdStartedEventMsgFail",
+                                     "Sending FPD event is failed, error no bell")));
+    EXPECT_EQ(fpd.state, FpdState::worker_created);
+    EXPECT_THAT(event_log_texts(), SizeIs(1));
+}
+
+struct WorkerOfADependent : Worker, testing::WithParamInterface<int> {};
+
+TEST_P(WorkerOfADependent, IsStartedOnlyBehindAGoodDependency) {
+    const auto state = static_cast<FpdState>(GetParam());
+    Fpd &dependency = discover("Cpu", state);
+    Fpd &fpd = plan("IoFpga", 2);
+    fpd.dependency = &dependency;
+    const int rc = start(fpd);
+    if (state == FpdState::upgrade_not_needed || state == FpdState::upgrade_done) {
+        EXPECT_EQ(rc, 0);
+        EXPECT_NE(fpd.worker, nullptr);
+        return;
+    }
+    EXPECT_EQ(rc, -53);
+    const std::string text =
+        std::string("FPD IoFpga can't be upgraded without dependecny FPD Cpu upgrade state ") + state_name(state);
+    EXPECT_EQ(err_msg, text);
+    expect_log(worker_module, "ERROR", "StartFpdUpgWorkerDepFpdFail", text);
+    EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
+    EXPECT_EQ(card.queues.seq_queues[2], nullptr);
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Cpu", "IoFpga"));
+    EXPECT_EQ(card.planned_count, 0U);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_THAT(events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(InEveryState, WorkerOfADependent, testing::Range(1, 20));
+
+TEST_F(Worker, IsNotStartedBesideAnother) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &other = attach_worker(fpd, FpdState::queued_for_upgrade);
+    EXPECT_EQ(start(fpd), -17);
+    const std::string text = "A worker context already created for this FPD " + address_text(&other);
+    EXPECT_EQ(err_msg, text);
+    expect_log(worker_module, "ERROR", "StartFpdUpgWorkerAlreadyExist", text);
+    EXPECT_EQ(fpd.worker, &other);
+    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
+}
+
+TEST_F(Worker, IsNotStartedWithoutMemory) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::calloc, ENOMEM);
+    EXPECT_EQ(start(fpd), -12);
+    const std::string text = "No memory available to create worker context error Cannot allocate memory";
+    expect_log(worker_module, "ERROR", "WorkerCtxNoMem", text);
+    expect_log(worker_module, "ERROR", "StartFpdUpgWorkerCreateCtxFail", "Creating Worker context failed " + text);
+    EXPECT_EQ(err_msg, "Creating Worker context failed " + text);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
+}
+
+TEST_F(Worker, StaysQueuedWithoutAThread) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::pthread_create, EAGAIN);
+    EXPECT_EQ(start(fpd), 11);
+    const std::string text =
+        "Creating worker thread to upgrade FPD IoFpga is failed err_msg Resource temporarily unavailable";
+    EXPECT_EQ(err_msg, text);
+    expect_log(worker_module, "ERROR", "StartFpdUpgradeThreadCreateFail", text);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
+    EXPECT_EQ(card.planned_count, 1U);
+    EXPECT_THAT(names(card.queues.seq_queues[0]), ElementsAre("IoFpga"));
+    EXPECT_THAT(events(), IsEmpty());
+    run_to_its_end(fpd);
+}
+
+// The thread ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Worker, ReportsStartedProgressAndDone) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    EXPECT_THAT(reports(&worker),
+                ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_progressing, 50U),
+                            Pair(FpdState::upgrade_done, 100U)));
+    expect_log(worker_module, "INFO", "FpdUpgHdl", "Started Worker thread for FPD IoFpga");
+    expect_log(worker_module, "DEBUG", "FpdUpgradeProgress", "FPD IoFpga upgrade progressing percent 50");
+    expect_log(worker_module, "INFO", "FpdUpgHdlUpgradeSuccess", "FPD IoFpga Upgrade state 'FPD Upgrade Done'");
+    EXPECT_THAT(log_lines("FpdUpgHdlrWorkerMq"),
+                ElementsAre(Field(&LogLine::message, testing::MatchesRegex("Worker MQ id [0-9]+"))));
+    EXPECT_NE(log_lines("FpdUpgHdl").front().tid, getpid());
+}
+
+TEST_F(Worker, ReportsAFailureWithoutProgress) {
+    Fpd &fpd = plan("IoFpga");
+    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, char *text,
+                                         std::size_t size) {
+        request->progress(request->context, 70);
+        std::snprintf(text, size, "verify failed at 0x1000");
+        return 0x99;
+    };
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    EXPECT_THAT(reports(&worker),
+                ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_progressing, 70U),
+                            Pair(FpdState::upgrade_failed, 0U)));
+    expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail",
+               "FPD IoFpga upgrade failed err_msg verify failed at 0x1000");
+    expect_log(worker_module, "INFO", "FpdUpgHdlUpgradeSuccess", "FPD IoFpga Upgrade state 'FPD Upgrade Failed'");
+}
+
+TEST_F(Worker, ReportsRecordsOf24BytesWithZeroedPadding) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    for (const auto &[state, progress] : {std::pair(16U, 0U), std::pair(17U, 50U), std::pair(19U, 100U)}) {
+        const RawRecord expected =
+            RawRecord(24).put(0, std::uint32_t{0xA670F9D4}).put(8, &worker).put(16, progress).put(20, state);
+        std::string received(24, 'x');
+        unsigned priority = 99;
+        ASSERT_EQ(mq_receive(card.mq, received.data(), received.size(), &priority), 24);
+        EXPECT_EQ(received, expected.bytes);
+        EXPECT_EQ(priority, 0U);
+    }
+}
+
+TEST_F(Worker, HandsItsRequestToThePlatformByteForByte) {
+    Fpd &fpd = plan("IoFpga");
+    card.group_id = 9;
+    fpd.obj_id = 0x10203;
+    fpd.region = 7;
+    std::strcpy(fpd.desc.image, "io_fpga_2.0.0.bit");
+    std::size_t room = 0;
+    fake_platform().brd_fpd_upgrade = [&room](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *, char *text,
+                                              std::size_t size) {
+        room = size;
+        text[size - 1] = '\0';
+        return 0;
+    };
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    ASSERT_THAT(fake_platform().upgrade_requests(), SizeIs(1));
+    const BrdFpdUpgradeRequest request = fake_platform().upgrade_requests()[0];
+    const RawRecord expected = RawRecord(600)
+                                   .put(0, std::uint8_t{7})
+                                   .put(8, &worker)
+                                   .put(16, request.progress)
+                                   .put_text(24, "/pkg/fpd/ucode")
+                                   .put_text(280, "io_fpga_2.0.0.bit");
+    EXPECT_EQ(bytes_of(request), expected.bytes);
+    EXPECT_NE(request.progress, nullptr);
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_upgrade"), ElementsAre(FakeCall{"brd_fpd_upgrade", "9, 66051, 7"}));
+    EXPECT_EQ(room, 256U);
+}
+
+TEST_F(Worker, HandsOnAnImageNameOf254Characters) {
+    Fpd &fpd = plan("IoFpga");
+    std::memset(fpd.desc.image, 'i', sizeof fpd.desc.image - 1);
+    run_to_its_end(fpd);
+    ASSERT_THAT(fake_platform().upgrade_requests(), SizeIs(1));
+    EXPECT_EQ(fake_platform().upgrade_requests()[0].file_name, std::string(254, 'i'));
+}
+
+TEST_F(Worker, ShowsAnEmptyTextWhenThePlatformGivesNone) {
+    Fpd &fpd = plan("IoFpga");
+    fake_platform().brd_fpd_upgrade = [](auto...) { return 1; };
+    run_to_its_end(fpd);
+    expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail", "FPD IoFpga upgrade failed err_msg ");
+}
+
+TEST_F(Worker, EndsAnErrorTextThatThePlatformDoesNotEnd) {
+    Fpd &fpd = plan("IoFpga");
+    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *, char *text,
+                                         std::size_t size) {
+        std::memset(text, 'e', size);
+        return 1;
+    };
+    run_to_its_end(fpd);
+    expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail",
+               "FPD IoFpga upgrade failed err_msg " + std::string(255, 'e'));
+}
+
+TEST_F(Worker, KeepsItsOwnCopiesOfWhatItNeeds) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+        gate.pass();
+        request->progress(request->context, 10);
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    FpdWorkerCtx &worker = *fpd.worker;
+    gate.await_arrival();
+    std::strcpy(fpd.info.name, "Another");
+    retire_worker(card, fpd, false);
+    free_queues(card);
+    gate.open();
+    ASSERT_TRUE(eventually([&] { return has_ended(worker); }));
+    expect_log(worker_module, "DEBUG", "FpdUpgradeProgress", "FPD IoFpga upgrade progressing percent 10");
+    EXPECT_THAT(reports(&worker), SizeIs(3));
+}
+
+TEST_F(Worker, ClosesItsQueueEndWhenItIsDone) {
+    Fpd &fpd = plan("IoFpga");
+    write_file(diagnostic_log_path, "");
+    const std::vector<std::string> before = open_descriptors();
+    run_to_its_end(fpd);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(Worker, TellsWhenItsQueueEndCannotBeClosed) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](auto...) {
+        gate.pass();
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    gate.await_arrival();
+    interpose::fail(Call::mq_close, EIO);
+    gate.open();
+    ASSERT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
+    expect_log(
+        worker_module, "ERROR", "FpdUpgHdlMqCloseFail",
+        "Worker thread message queue close failed error Couldn't close FPD msg queue err_msg Input/output error");
+    EXPECT_EQ(interpose::calls(Call::mq_close), 1U) << "a descriptor that was closed once may be another's";
+}
+
+TEST_F(Worker, GoesOnWhenItsFirstReportCannotBeSent) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::mq_send, EBADMSG, 1);
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    expect_log(worker_module, "ERROR", "FpdUpgHdlMqSendFail",
+               "Sending worker thread FPD IoFpga upgrade state failed error Bad message");
+    EXPECT_THAT(reports(&worker),
+                ElementsAre(Pair(FpdState::upgrade_progressing, 50U), Pair(FpdState::upgrade_done, 100U)));
+}
+
+TEST_F(Worker, GoesOnWhenItsProgressCannotBeSent) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::mq_send, EBADMSG, 2);
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    expect_log(worker_module, "ERROR", "FpdUpgradeProgressMqSendFail",
+               "Sending worker thread FPD IoFpga upgrade progress failed error Bad message");
+    EXPECT_THAT(reports(&worker), ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_done, 100U)));
+}
+
+TEST_F(Worker, TellsWhenItsLastReportCannotBeSent) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::mq_send, EBADMSG, 3);
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    expect_log(worker_module, "ERROR", "FpdUpgHdlMqSendFail1",
+               "Sending worker thread FPD IoFpga upgrade state failed error Bad message");
+    EXPECT_THAT(reports(&worker), SizeIs(2));
+}
+
+TEST_F(Worker, WaitsWhileTheQueueIsFull) {
+    Fpd &fpd = plan("IoFpga");
+    for (int i = 0; i < 256; ++i) report(nullptr, FpdState::upgrade_progressing, 1);
+    ASSERT_EQ(start(fpd), 0);
+    FpdWorkerCtx &worker = *fpd.worker;
+    ASSERT_TRUE(eventually([] { return interpose::calls(Call::mq_send) == 257; }));
+    usleep(20'000);
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_upgrade"), IsEmpty());
+    for (int i = 0; i < 256; ++i) EXPECT_EQ(receive().worker, nullptr);
+    ASSERT_TRUE(eventually([&] { return has_ended(worker); }));
+    EXPECT_THAT(reports(&worker), SizeIs(3));
+}
+
+TEST_F(Worker, FailsWithoutItsQueueAndLeavesItsContextToItsOwner) {
+    Fpd &fpd = plan("IoFpga");
+    interpose::fail(Call::mq_open, EMFILE);
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    expect_log(worker_module, "DEBUG", "FpdUpgHdlrWorkerMq", "Worker MQ id -1");
+    expect_log(worker_module, "ERROR", "FpdUpgHdlMqOpenFail",
+               "FPD IoFpga Worker thread message queue open failed error Couldn't open FPD msg queue err_msg Too many "
+               "open files");
+    EXPECT_EQ(fpd.worker, &worker);
+    EXPECT_STREQ(worker.name, "IoFpga");
+    EXPECT_EQ(waiting_reports(), 0);
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_upgrade"), IsEmpty());
+}
+
+TEST_F(Worker, ReturnsMinus5WithoutItsQueueAnd0WithIt) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &worker = context_of(fpd);
+    ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
+    void *result = nullptr;
+    for (const std::intptr_t expected : {-5, 0}) {
+        if (expected != 0) interpose::fail(Call::mq_open, ENOENT);
+        ASSERT_EQ(pthread_create(&worker.thread, nullptr, fpd_upg_handler, &worker), 0);
+        ASSERT_EQ(pthread_join(worker.thread, &result), 0);
+        EXPECT_EQ(reinterpret_cast<std::intptr_t>(result), expected);
+    }
+    ASSERT_EQ(pthread_create(&worker.thread, nullptr, fpd_upg_handler, &worker), 0);  // for the end of the test
+}
+
+// Cancellation --------------------------------------------------------------------------------------------------------
+
+struct CancelledWorker : Worker {
+    CancelledWorker() {
+        write_file(diagnostic_log_path, "");
+        descriptors = open_descriptors();
+    }
+
+    /// Expects that the cancelled worker ends, and that nothing of it stays open.
+    void expect_end(FpdWorkerCtx &worker) {
+        EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        void *result = nullptr;
+        ASSERT_EQ(pthread_join(worker.thread, &result), 0);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+        EXPECT_EQ(open_descriptors(), descriptors);
+        pthread_create(
+            &worker.thread, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
+    }
+
+    std::vector<std::string> descriptors;
+};
+
+TEST_F(CancelledWorker, LeavesNothingOpenInsideThePlatformLibrary) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](auto...) {
+        gate.shared->arrived.release();
+        for (;;) pause();
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    gate.await_arrival();
+    ASSERT_NE(open_descriptors(), descriptors);
+    ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
+    expect_end(*fpd.worker);
+}
+
+TEST_F(CancelledWorker, LeavesNoHalfLineInTheLog) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+        gate.pass();  // the cancellation comes here, and takes effect in the callback
+        request->progress(request->context, 10);
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    gate.await_arrival();
+    ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
+    gate.open();
+    expect_end(*fpd.worker);
+    expect_no_log("FpdUpgradeProgress");
+    EXPECT_THAT(log_lines(), testing::Not(IsEmpty()));
+    EXPECT_THAT(reports(fpd.worker), ElementsAre(Pair(FpdState::upgrade_started, 0U)));
+}
+
+TEST_F(CancelledWorker, LeavesNothingOpenWhereverTheCancellationStrikes) {
+    for (int round = 0; round < 100; ++round) {
+        Fpd &fpd = plan("IoFpga" + std::to_string(round));
+        const Gate gate;
+        fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+            gate.shared->arrived.release();
+            for (;;) request->progress(request->context, 10);
+            return 0;
+        };
+        ASSERT_EQ(start(fpd), 0);
+        gate.await_arrival();
+        for (int i = 0; i < round; ++i) sched_yield();
+        FpdWorkerCtx &worker = *fpd.worker;
+        ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
+        expect_end(worker);
+        while (waiting_reports() > 0) receive();
+        // Every line is a whole one.
+        log_lines();
+        clear_log();
+        write_file(diagnostic_log_path, "");
+        retire_worker(card, fpd, true);
+        free_queues(card);
+    }
+}
+
+TEST_F(CancelledWorker, LeavesNothingOpenInAFullQueue) {
+    Fpd &fpd = plan("IoFpga");
+    for (int i = 0; i < 256; ++i) report(nullptr, FpdState::upgrade_progressing, 1);
+    ASSERT_EQ(start(fpd), 0);
+    ASSERT_TRUE(eventually([] { return interpose::calls(Call::mq_send) == 257; }));
+    usleep(5'000);
+    ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
+    expect_end(*fpd.worker);
+    EXPECT_EQ(waiting_reports(), 256);
+}
+
+TEST_F(CancelledWorker, LeavesNothingOpenWhenTheCancellationComesFirst) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &worker = context_of(fpd);
+    ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
+    ASSERT_EQ(pthread_create(
+                  &worker.thread, nullptr,
+                  [](void *context) -> void * {
+                      pthread_cancel(pthread_self());
+                      return fpd_upg_handler(context);
+                  },
+                  &worker),
+              0);
+    expect_end(worker);
+}
+
+// Release of contexts -------------------------------------------------------------------------------------------------
+
+TEST_F(Worker, IsAStrangerOnceItIsRetired) {
+    Fpd &fpd = plan("IoFpga");
+    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    retire_worker(card, fpd, true);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_EQ(card.retired_workers, &worker);
+    retire_worker(card, fpd, true);  // has none
+    EXPECT_EQ(card.retired_workers, &worker);
+    EXPECT_EQ(worker.next, nullptr);
+    release_retired_workers(card);
+    EXPECT_EQ(card.retired_workers, nullptr);
+}
+
+TEST_F(Worker, IsWaitedForWhenItsLastReportArrived) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](auto...) {
+        gate.pass();
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    gate.await_arrival();
+    retire_worker(card, fpd, true);
+    std::atomic<bool> released{false};
+    pthread_t releaser;
+    struct Release {
+        LocalCard &card;
+        std::atomic<bool> &released;
+    } release{card, released};
+    ASSERT_EQ(pthread_create(
+                  &releaser, nullptr,
+                  [](void *argument) -> void * {
+                      auto &[on_card, done] = *static_cast<Release *>(argument);
+                      release_retired_workers(on_card);
+                      done = true;
+                      return nullptr;
+                  },
+                  &release),
+              0);
+    ASSERT_TRUE(eventually([] { return interpose::calls(Call::pthread_join) == 1; }));
+    EXPECT_FALSE(released);
+    gate.open();
+    pthread_join(releaser, nullptr);
+    EXPECT_TRUE(released);
+    EXPECT_EQ(card.retired_workers, nullptr);
+}
+
+TEST_F(Worker, KeepsItsContextWhileItHangsInThePlatformLibrary) {
+    Fpd &fpd = plan("IoFpga");
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        gate.pass();
+        request->progress(request->context, 80);
+        return 0;
+    };
+    ASSERT_EQ(start(fpd), 0);
+    FpdWorkerCtx *const worker = fpd.worker;
+    gate.await_arrival();
+    ASSERT_EQ(pthread_cancel(worker->thread), 0);
+    retire_worker(card, fpd, false);
+    release_retired_workers(card);
+    EXPECT_EQ(card.retired_workers, nullptr);
+    EXPECT_FALSE(has_ended(*worker));
+    gate.open();
+    ASSERT_TRUE(eventually([&] { return has_ended(*worker); }));
+    EXPECT_STREQ(worker->name, "IoFpga");
+    pthread_join(worker->thread, nullptr);
+    std::free(worker);  // nobody else has it any more
+}
+
+TEST_F(Worker, IsReleasedOnceItsThreadEnded) {
+    Fpd &fpd = plan("IoFpga");
+    run_to_its_end(fpd);
+    retire_worker(card, fpd, false);
+    const unsigned joins = interpose::calls(Call::pthread_join);
+    release_retired_workers(card);
+    EXPECT_EQ(interpose::calls(Call::pthread_join), joins + 1);
+    EXPECT_EQ(card.retired_workers, nullptr);
+}
+
+// Threads -------------------------------------------------------------------------------------------------------------
+
+struct Threads : CardTest {
+    static bool blocked(int signal_number) {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        return sigismember(&mask, signal_number) == 1;
+    }
+    static void *tell_signals(void *seen) {
+        *static_cast<bool *>(seen) =
+            blocked(SIGRTMIN + 6) && blocked(SIGRTMIN + 10) && !blocked(SIGRTMIN + 7) && !blocked(SIGTERM);
+        return nullptr;
+    }
+};
+
+TEST_F(Threads, HaveTheReservedSignalsBlockedAndSoHasTheirCreator) {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    bool seen = false;
+    pthread_t thread{};
+    ASSERT_EQ(os_thread_create(&thread, nullptr, tell_signals, &seen), 0);
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
+    EXPECT_TRUE(seen);
+    EXPECT_TRUE(blocked(SIGRTMIN + 6));
+    EXPECT_TRUE(blocked(SIGRTMIN + 10));
+}
+
+TEST_F(Threads, MayBeCreatedWithoutAHandle) {
+    static std::atomic<bool> ran;
+    ran = false;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    EXPECT_EQ(os_thread_create(
+                  nullptr, &attributes,
+                  [](void *) -> void * {
+                      ran = true;
+                      return nullptr;
+                  },
+                  nullptr),
+              0);
+    pthread_attr_destroy(&attributes);
+    EXPECT_TRUE(eventually([] { return ran.load(); }));
+}
+
+TEST_F(Threads, AreNotCreatedWhenTheSystemRefuses) {
+    pthread_t thread{};
+    interpose::fail(Call::pthread_create, EPERM);
+    EXPECT_EQ(os_thread_create(&thread, nullptr, tell_signals, nullptr), EPERM);
+}
+
+struct ThreadsDeathTest : Threads {
+    static void create() {
+        pthread_t thread{};
+        bool seen;
+        os_thread_create(&thread, nullptr, tell_signals, &seen);
+    }
+};
+
+TEST_F(ThreadsDeathTest, AbortWhenTheSignalMaskCannotBeMade) {
+    EXPECT_DEATH(
+        {
+            interpose::fail(Call::sigemptyset, EINVAL);
+            create();
+        },
+        "`rc == 0'");
+    EXPECT_DEATH(
+        {
+            interpose::fail(Call::sigaddset, EINVAL, 1);
+            create();
+        },
+        "`rc == 0'");
+    EXPECT_DEATH(
+        {
+            interpose::fail(Call::sigaddset, EINVAL, 2);
+            create();
+        },
+        "`rc ==0'");
+    EXPECT_DEATH(
+        {
+            interpose::fail(Call::pthread_sigmask, EINVAL);
+            create();
+        },
+        "`rc == 0'");
+}
+
+}  // namespace
