@@ -29,7 +29,7 @@ class Marker : public CardTest {
 TEST_F(Marker, IsWrittenBeforeTheReset) {
     EXPECT_EQ(tool({"-c", "upgrade"}).status, 0);
     EXPECT_EQ(read_file(marker_file()), planned());
-    EXPECT_EQ(read_file(marker_file()).size(), 2U * 47);
+    EXPECT_EQ(read_file(marker_file()).size(), 2U * 46);
 }
 
 TEST_F(Marker, OfTheSamePlanStopsTheRun) {
