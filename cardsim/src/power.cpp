@@ -110,12 +110,9 @@ Sandbox power_up(const CardPlace &place, const std::function<int()> &body) {
 
 /// Makes the card's state, but only where a card can be powered at all.
 void power_on(const CardPlace &place, uint32_t speed) {
-    if (!has_state(place)) {
-        std::string error;
-        if (sandbox_run(
-                {}, [] { return 0; }, error) != 0)
-            throw PowerError(error);
-    }
+    const auto nothing = [] { return 0; };
+    std::string error;
+    if (!has_state(place) && sandbox_run({}, nothing, error) != 0) throw PowerError(error);
     prepare_state(place, speed);
 }
 

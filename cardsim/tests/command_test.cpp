@@ -189,8 +189,8 @@ TEST_F(CommandTest, TakesTheCardsOwnImages) {
     fs::create_directory(card_ / "images");
     write_file(card_ / "images/io.img", "own image\n");
     EXPECT_THAT(boot().out, HasSubstr("\nown image\n"));
-    write_file(card_ / "images/io.img", "a newer image\n");
-    EXPECT_THAT(boot().out, HasSubstr("\na newer image\n"));
+    write_file(card_ / "images/io.img", "new image\n");
+    EXPECT_THAT(boot().out, HasSubstr("\nnew image\n"));
 }
 
 TEST_F(CommandTest, AStartUpCommandThatFailsFailsTheBoot) {
