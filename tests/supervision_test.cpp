@@ -1,0 +1,210 @@
+/// Workers that fall silent: how long they are waited for, how they are ended, and what becomes of the rest of the run.
+///
+/// These runs wait for limits of the card's time: 60 s before the first report, 180 s between two. At twenty times the
+/// speed the tightest limit, 3 s for a worker to start, is still 150 ms and looked at every 250 ms.
+
+#include <regex>
+
+#include "card_test.h"
+
+using namespace card_tests;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+constexpr unsigned fast = 20;
+const std::string flash = "[obfl]\nmounted = true\n";
+
+class Supervision : public CardTest {
+  protected:
+    void upgrade() {
+        const Result result = tool({"-b", "-c", "upgrade"}, fast);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.out, "Auto FPD Upgrade done\n");
+        EXPECT_EQ(result.err, "");
+    }
+    std::vector<std::string> upgrades_of(const std::string &name) const {
+        std::vector<std::string> outcomes;
+        for (const CallRecord &call : of_function(calls(), "brd_fpd_upgrade")) {
+            if (call.arguments.find(image_of(name)) != std::string::npos) outcomes.push_back(call.outcome);
+        }
+        return outcomes;
+    }
+    /// The time-outs that were logged: each after the limit, and no later than it was due to be noticed.
+    void expect_time_outs(const std::string &tag, const std::string &state, long limit, std::size_t count) const {
+        const std::regex text(
+            R"(FPD \w+ Upgrade stuck in the state (.*) since (\d+) time now vs\. maximum (\d+) time)");
+        const std::vector<LogRecord> time_outs = tagged(tag);
+        EXPECT_EQ(time_outs.size(), count);
+        for (const LogRecord &record : time_outs) {
+            std::smatch match;
+            ASSERT_TRUE(std::regex_match(record.message, match, text)) << record.message;
+            EXPECT_EQ(match[1], state);
+            EXPECT_EQ(match[3], std::to_string(limit));
+            EXPECT_GE(std::stol(match[2]), limit);
+            EXPECT_EQ(record.level, "ERROR");
+        }
+    }
+};
+
+Region hanging(const std::string &name, const std::string &fault) {
+    return {.name = name, .keys = "activation = 5\n" + duration(10), .tables = fault};
+}
+
+/// Case 9. One part never reports, one falls silent half-way; both are ended, tried again and given up, and the part
+/// beside them is upgraded.
+TEST_F(Supervision, SilentWorkersAreEndedTriedAgainAndGivenUp) {
+    describe({.tables = flash,
+              .fpds = fpd(10, {hanging("Mute", region_fault("hang")),
+                               hanging("Halfway", region_fault("hang", "at = 50")), hanging("Sound", "")})});
+    upgrade();
+    EXPECT_EQ(state().region("Mute").programmed, "1.0.0");
+    EXPECT_EQ(state().region("Halfway").programmed, "1.0.0");
+    EXPECT_EQ(state().region("Sound").programmed, "1.1.0");
+    EXPECT_THAT(upgrades_of("Mute"), ElementsAre("begin", "-> cancelled", "begin", "-> cancelled"));
+    EXPECT_THAT(upgrades_of("Halfway"), ElementsAre("begin", "-> cancelled", "begin", "-> cancelled"));
+
+    expect_time_outs("ChkFpdUpgStartedMaxTransTimeOut", "'FPD Upgrade Started'", 60'000'000 / fast, 2);
+    expect_time_outs("ChkFpdUpgProgressingMaxTransTimeOut", "'FPD Upgrade Progressing'", 180'000'000 / fast, 2);
+    EXPECT_THAT(tagged("ChkFpdUpgScheduleMaxTransTimeOut"), IsEmpty());
+    EXPECT_THAT(messages(tagged("ChkFpdUpgStartedTransRetry")),
+                ElementsAre("FPD Mute would be queued to upgrade upg_retry 1"));
+    EXPECT_THAT(messages(tagged("ChkFpdUpgProgressingTransRetry")),
+                ElementsAre("FPD Halfway would be queued to upgrade upg_retry 1"));
+    EXPECT_THAT(
+        messages(tagged("FpdUpgProgressCheckStartedFail")),
+        ElementsAre(StartsWith("Checking FPD Mute upgrade start failed error FPD Mute Upgrade stuck in the state "
+                               "'FPD Upgrade Started' since ")));
+    EXPECT_THAT(
+        messages(tagged("FpdUpgProgressCheckProgressFail")),
+        ElementsAre(StartsWith("Checking FPD Halfway upgrade progressing failed error FPD Halfway Upgrade stuck")));
+    EXPECT_THAT(errors(), SizeIs(6));
+
+    EXPECT_THAT(events(),
+                Contains("error: Auto FPD Upgrade worker started stuck forever and killing for 'Mute'").Times(2));
+    EXPECT_THAT(
+        events(),
+        Contains("error: Auto FPD Upgrade worker stuck progressing 50 forever and killing for 'Halfway'").Times(2));
+    EXPECT_THAT(events(), Contains("warning: Auto FPD Upgrade retrying for 'Mute'"));
+    EXPECT_THAT(flash_log(),
+                Contains("FPD 'Mute' Canceling the upgrade to version 1.1.0 since worked not started within "
+                         "stipulated time")
+                    .Times(2));
+    EXPECT_THAT(flash_log(),
+                Contains("FPD 'Halfway' Canceling the upgrade to version 1.1.0 since no progress made after "
+                         "50% within stipulated time")
+                    .Times(2));
+    EXPECT_THAT(messages(tagged("UpdateFpdTransitionState")),
+                Contains(HasSubstr(
+                    "FPD Halfway transitioning state from 'FPD Upgrade Progressing' to 'FPD Can't be Upgraded'")));
+}
+
+/// Case 9, without the faults.
+TEST_F(Supervision, NobodyIsEndedWhoReports) {
+    describe({.tables = flash, .fpds = fpd(10, {hanging("Mute", ""), hanging("Halfway", ""), hanging("Sound", "")})});
+    upgrade();
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_THAT(flash_log(), SizeIs(9));
+    EXPECT_EQ(state().region("Mute").programmed, "1.1.0");
+    EXPECT_EQ(state().region("Halfway").programmed, "1.1.0");
+}
+
+/// Case 10. A part that hangs once is upgraded by its retry.
+TEST_F(Supervision, AHangThatIsOvercome) {
+    describe({.tables = flash, .fpds = fpd(10, {hanging("Once", region_fault("hang", "attempt = 1"))})});
+    upgrade();
+    EXPECT_EQ(state().region("Once").programmed, "1.1.0");
+    EXPECT_THAT(upgrades_of("Once"), ElementsAre("begin", "-> cancelled", "begin", "-> 0"));
+    EXPECT_THAT(
+        events_but_progress(),
+        ElementsAre("started: Auto FPD Upgrade Operation Started", "warning: Auto FPD Upgrade started for 'Once'",
+                    "error: Auto FPD Upgrade worker started stuck forever and killing for 'Once'",
+                    "warning: Auto FPD Upgrade retrying for 'Once'", "warning: Auto FPD Upgrade completed for 'Once'",
+                    "ended: Auto FPD Upgrade Operation Ended"));
+    EXPECT_THAT(flash_log(), Contains("FPD 'Once' Upgraded to version 1.1.0"));
+}
+
+TEST_F(Supervision, AFailureBehindAHangIsFinal) {
+    describe({.fpds = fpd(10, {hanging("Cursed", region_fault("hang", "attempt = 1") +
+                                                     region_fault("fail", "attempt = 2\ncode = 5"))})});
+    upgrade();
+    EXPECT_THAT(upgrades_of("Cursed"), ElementsAre("begin", "-> cancelled", "begin", "-> 5"));
+    EXPECT_THAT(messages(tagged("FpdUpgResponseFailed")), SizeIs(1));
+}
+
+/// A limit is measured from the latest report: 240 s in all, no two reports further apart than 40 s.
+TEST_F(Supervision, ASlowUpgradeIsLetBe) {
+    describe({.fpds = fpd(10, {{.name = "Slow",
+                                .keys = "activation = 5\nreports = 6",
+                                .tables = region_fault("slow", "every = 40.0")}})});
+    upgrade();
+    EXPECT_EQ(state().region("Slow").programmed, "1.1.0");
+    EXPECT_THAT(upgrades_of("Slow"), ElementsAre("begin", "-> 0"));
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
+// ---- workers that do not end when they are cancelled
+
+/// A worker that sleeps for so many seconds of the card's time, whatever is asked of it, and then reports its success.
+std::string deaf(const std::string &keys, double seconds) {
+    return region_fault("hang", "cancellable = false\nhang_time = " + std::to_string(seconds) + "\n" + keys);
+}
+
+/// Case 11. It wakes up while its successor is at work: what it says counts for nothing.
+TEST_F(Supervision, ALateWorkerDoesNotDisturbItsSuccessor) {
+    describe({.tables = flash,
+              .fpds = fpd(10, {{.name = "Late", .keys = duration(40), .tables = deaf("attempt = 1", 80)}})});
+    upgrade();
+    EXPECT_EQ(state().region("Late").programmed, "1.1.0");
+    EXPECT_THAT(events(), Contains("warning: Auto FPD Upgrade completed for 'Late'").Times(1));
+    EXPECT_THAT(flash_log(), Contains("FPD 'Late' Upgraded to version 1.1.0").Times(1));
+    EXPECT_THAT(tagged("FpdUpgMsgRcvInvWorker"), Not(IsEmpty()));
+    for (const LogRecord &record : tagged("FpdUpgMsgRcvInvWorker")) {
+        EXPECT_EQ(record.level, "ERROR");
+        EXPECT_THAT(record.message, StartsWith("FPD Upgrade msgqueue received an unknown worker 0x"));
+    }
+    // Ten steps of the successor, none of the late worker's.
+    EXPECT_THAT(tagged("FpdUpgResponseProgress"), SizeIs(10));
+}
+
+/// Case 12. It wakes up when its successor is done, while the run goes on for another part.
+TEST_F(Supervision, ALateWorkerDoesNotDisturbTheRun) {
+    describe({.tables = flash,
+              .fpds = fpd(10, {{.name = "Late", .keys = duration(4), .tables = deaf("attempt = 1", 100)},
+                               {.name = "Long", .keys = duration(130)}})});
+    upgrade();
+    EXPECT_EQ(state().region("Late").programmed, "1.1.0");
+    EXPECT_EQ(state().region("Long").programmed, "1.1.0");
+    EXPECT_THAT(flash_log(), Contains("FPD 'Late' Upgraded to version 1.1.0").Times(1));
+    EXPECT_THAT(tagged("FpdUpgMsgRcvInvWorker"), Not(IsEmpty()));
+    EXPECT_THAT(tagged("FpdUpgResponseDone"), SizeIs(2));
+}
+
+/// Case 13. Both attempts are deaf: given up. One wakes up before the run's end, the other never does.
+TEST_F(Supervision, DeafWorkersAreGivenUp) {
+    describe({.tables = flash,
+              .fpds = fpd(10, {{.name = "Deaf", .tables = deaf("attempt = 1", 150) + deaf("attempt = 2", 3600)},
+                               {.name = "Long", .keys = duration(180)}})});
+    upgrade();
+    EXPECT_THAT(tagged("ChkFpdUpgStartedMaxTransTimeOut"), SizeIs(2));
+    EXPECT_THAT(events(), Not(Contains("warning: Auto FPD Upgrade completed for 'Deaf'")));
+    EXPECT_THAT(flash_log(), Not(Contains(StartsWith("FPD 'Deaf' Upgraded"))));
+    EXPECT_THAT(flash_log(), Contains("FPD 'Long' Upgraded to version 1.1.0"));
+    EXPECT_THAT(tagged("FpdUpgResponseDone"), SizeIs(1));
+}
+
+/// Cases 11 to 13, without the fault.
+TEST_F(Supervision, WithoutALateWorkerNoReportIsDropped) {
+    describe({.fpds = fpd(10, {{.name = "Late", .keys = duration(40)}, {.name = "Long", .keys = duration(60)}})});
+    upgrade();
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_THAT(tagged("FpdUpgResponseProgress"), SizeIs(20));
+}
+
+}  // namespace
