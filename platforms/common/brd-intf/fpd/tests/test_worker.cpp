@@ -251,6 +251,19 @@ TEST_F(Worker, HandsItsRequestToThePlatformByteForByte) {
     EXPECT_EQ(room, 256U);
 }
 
+TEST_F(Worker, RunsWithTheReservedSignalsBlocked) {
+    Fpd &fpd = plan("IoFpga");
+    std::atomic<bool> blocked{false};
+    fake_platform().brd_fpd_upgrade = [&blocked](auto...) {
+        sigset_t mask;
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        blocked = sigismember(&mask, SIGRTMIN + 6) == 1 && sigismember(&mask, SIGRTMIN + 10) == 1;
+        return 0;
+    };
+    run_to_its_end(fpd);
+    EXPECT_TRUE(blocked);
+}
+
 TEST_F(Worker, HandsOnAnImageNameOf254Characters) {
     Fpd &fpd = plan("IoFpga");
     std::memset(fpd.desc.image, 'i', sizeof fpd.desc.image - 1);
@@ -449,7 +462,7 @@ TEST_F(CancelledWorker, LeavesNoHalfLineInTheLog) {
 }
 
 TEST_F(CancelledWorker, LeavesNothingOpenWhereverTheCancellationStrikes) {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 20; ++round) {
         Fpd &fpd = plan("IoFpga" + std::to_string(round));
         const Gate gate;
         fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
@@ -582,35 +595,7 @@ TEST_F(Worker, IsReleasedOnceItsThreadEnded) {
     EXPECT_EQ(card.retired_workers, nullptr);
 }
 
-// Threads -------------------------------------------------------------------------------------------------------------
-
-struct Threads : CardTest {
-    static bool blocked(int signal_number) {
-        sigset_t mask;
-        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-        return sigismember(&mask, signal_number) == 1;
-    }
-    static void *tell_signals(void *seen) {
-        *static_cast<bool *>(seen) =
-            blocked(SIGRTMIN + 6) && blocked(SIGRTMIN + 10) && !blocked(SIGRTMIN + 7) && !blocked(SIGTERM);
-        return nullptr;
-    }
-};
-
-TEST_F(Threads, HaveTheReservedSignalsBlockedAndSoHasTheirCreator) {
-    sigset_t none;
-    sigemptyset(&none);
-    pthread_sigmask(SIG_SETMASK, &none, nullptr);
-    bool seen = false;
-    pthread_t thread{};
-    ASSERT_EQ(os_thread_create(&thread, nullptr, tell_signals, &seen), 0);
-    ASSERT_EQ(pthread_join(thread, nullptr), 0);
-    EXPECT_TRUE(seen);
-    EXPECT_TRUE(blocked(SIGRTMIN + 6));
-    EXPECT_TRUE(blocked(SIGRTMIN + 10));
-}
-
-TEST_F(Threads, MayBeCreatedWithoutAHandle) {
+TEST_F(Worker, MayBeAThreadWithoutAHandle) {
     static std::atomic<bool> ran;
     ran = false;
     pthread_attr_t attributes;
@@ -626,47 +611,6 @@ TEST_F(Threads, MayBeCreatedWithoutAHandle) {
               0);
     pthread_attr_destroy(&attributes);
     EXPECT_TRUE(eventually([] { return ran.load(); }));
-}
-
-TEST_F(Threads, AreNotCreatedWhenTheSystemRefuses) {
-    pthread_t thread{};
-    interpose::fail(Call::pthread_create, EPERM);
-    EXPECT_EQ(os_thread_create(&thread, nullptr, tell_signals, nullptr), EPERM);
-}
-
-struct ThreadsDeathTest : Threads {
-    static void create() {
-        pthread_t thread{};
-        bool seen;
-        os_thread_create(&thread, nullptr, tell_signals, &seen);
-    }
-};
-
-TEST_F(ThreadsDeathTest, AbortWhenTheSignalMaskCannotBeMade) {
-    EXPECT_DEATH(
-        {
-            interpose::fail(Call::sigemptyset, EINVAL);
-            create();
-        },
-        "`rc == 0'");
-    EXPECT_DEATH(
-        {
-            interpose::fail(Call::sigaddset, EINVAL, 1);
-            create();
-        },
-        "`rc == 0'");
-    EXPECT_DEATH(
-        {
-            interpose::fail(Call::sigaddset, EINVAL, 2);
-            create();
-        },
-        "`rc ==0'");
-    EXPECT_DEATH(
-        {
-            interpose::fail(Call::pthread_sigmask, EINVAL);
-            create();
-        },
-        "`rc == 0'");
 }
 
 }  // namespace
