@@ -41,7 +41,9 @@ TEST_F(ShellTest, FormatsTheCommand) {
 
 TEST_F(ShellTest, AnEmptyOutputIsAnEmptyText) {
     std::strcpy(output, "as before");
+    std::strcpy(err_msg, "as before");
     EXPECT_EQ(run("true"), 0);
+    EXPECT_STREQ(err_msg, "as before");
     EXPECT_STREQ(output, "");
     EXPECT_EQ(length, 0U);
 }
