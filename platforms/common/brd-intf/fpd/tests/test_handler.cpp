@@ -276,6 +276,37 @@ TEST_F(Reports, OfTheEndAreHandledWhenTheVersionsCannotBeRead) {
     EXPECT_THAT(event_log_texts(), ElementsAre("FPD 'IoFpga' Upgraded to version 1.0.0"));
 }
 
+TEST_F(Reports, OfTheEndAreHandledWhenThePlatformNowGivesAnothersName) {
+    discover("Cpu", FpdState::upgrade_not_needed);
+    std::strcpy(fake_platform().find_region("IoFpga")->info.name, "Cpu");
+    receive_report(FpdState::upgrade_done);
+    expect_log(handler_module, "ERROR", "FpdUpgDoneInfoGetFail",
+               "FPD IoFpga Info get failed, error Duplicate FPD Cpu found");
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Cpu", "IoFpga"));
+}
+
+TEST_F(Reports, WithoutEndDoNotKeepTheDrain) {
+    static std::atomic<bool> stop;
+    stop = false;
+    pthread_t sender;
+    ASSERT_EQ(pthread_create(
+                  &sender, nullptr,
+                  [](void *test) -> void * {
+                      const mqd_t queue = mq_open(static_cast<Reports *>(test)->card.mq_name, O_WRONLY | O_NONBLOCK);
+                      const std::string bytes = RawRecord(24).put(0, 0xA670F9D4U).bytes;
+                      while (!stop) mq_send(queue, bytes.data(), bytes.size(), 0);
+                      mq_close(queue);
+                      return nullptr;
+                  },
+                  this),
+              0);
+    EXPECT_TRUE(eventually([this] { return waiting_reports() == 256; }));
+    drain_worker_messages(card);
+    EXPECT_THAT(log_lines("FpdUpgMsgRcvInvWorker"), SizeIs(256));
+    stop = true;
+    pthread_join(sender, nullptr);
+}
+
 TEST_F(Reports, OfAnyOtherStateChangeNothing) {
     for (const std::uint32_t state : {0U, 14U, 15U, 20U, 0xffffffffU}) {
         clear_log();
@@ -766,12 +797,12 @@ TEST_F(LateWorker, TouchesNothingOfARunThatIsOver) {
     supervise_fpd_upgrades(*run_card);
     ASSERT_EQ(run_card->planned_count, 0U);
     ASSERT_EQ(interface_deinit(*run_card, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(run_card->hanging_workers, 1U);
     ASSERT_EQ(context_deinit(&run_card, err_msg, sizeof err_msg), 0);
     EXPECT_FALSE(has_ended(*worker));
 
     wake(*worker);
     expect_log(worker_module, "INFO", "FpdUpgHdlUpgradeSuccess", "FPD IoFpga Upgrade state 'FPD Upgrade Done'");
-    pthread_join(worker->thread, nullptr);
     std::free(worker);  // kept for the thread that hung; nobody else has it
 }
 

@@ -577,11 +577,11 @@ TEST_F(Worker, KeepsItsContextWhileItHangsInThePlatformLibrary) {
     retire_worker(card, fpd, false);
     release_retired_workers(card);
     EXPECT_EQ(card.retired_workers, nullptr);
+    EXPECT_EQ(card.hanging_workers, 1U);
     EXPECT_FALSE(has_ended(*worker));
     gate.open();
     ASSERT_TRUE(eventually([&] { return has_ended(*worker); }));
     EXPECT_STREQ(worker->name, "IoFpga");
-    pthread_join(worker->thread, nullptr);
     std::free(worker);  // nobody else has it any more
 }
 
@@ -593,6 +593,7 @@ TEST_F(Worker, IsReleasedOnceItsThreadEnded) {
     release_retired_workers(card);
     EXPECT_EQ(interpose::calls(Call::pthread_join), joins + 1);
     EXPECT_EQ(card.retired_workers, nullptr);
+    EXPECT_EQ(card.hanging_workers, 0U);
 }
 
 TEST_F(Worker, MayBeAThreadWithoutAHandle) {
