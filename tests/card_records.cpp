@@ -3,22 +3,27 @@
 #include <toml++/toml.h>
 #include <algorithm>
 #include <iterator>
-#include <regex>
 #include <stdexcept>
 
 #include "subprocess.h"
+#include "text_match.h"
 
 namespace fs = std::filesystem;
 
 namespace card_tests {
 namespace {
 
-/// Everything of a line but its message.
-const std::regex &log_head() {
-    static const std::regex head(
-        R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.(?:0|[1-9]\d{0,5}) [A-Za-z0-9+-]+\] \[(\d+):(\d+)\] )"
-        R"(\[(FPD|EVENTS|BRD|PLATFORM|LED)\] \[(ERROR|INFO|DEBUG)\] \[([A-Za-z0-9]+)\] \[([a-z_]+):(\d+)\] \[)");
-    return head;
+/// A line of the log, its message as far as it stands in the line.
+const std::string log_line =
+    R"(\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.(0|[1-9][0-9]{0,5}) [A-Za-z0-9+-]+\] )"
+    R"(\[([0-9]+):([0-9]+)\] \[(FPD|EVENTS|BRD|PLATFORM|LED)\] \[(ERROR|INFO|DEBUG)\] )"
+    R"(\[([A-Za-z0-9]+)\] \[([a-z_]+):([0-9]+)\] \[(.*))";
+
+LogRecord log_record(const std::string &line) {
+    const std::vector<std::string> parts = match(log_line, line);
+    if (parts.empty()) throw std::runtime_error("not a line of the diagnostic log: " + line);
+    return {parts[4],           parts[5], parts[6], parts[7], std::stoi(parts[8]), parts[9], std::stoi(parts[2]),
+            std::stoi(parts[3])};
 }
 
 std::string version_of(const toml::node_view<toml::node> &node) {
@@ -43,15 +48,10 @@ std::vector<LogRecord> read_log(const fs::path &file) {
     std::vector<LogRecord> log;
     bool open = false;  // a message goes on in the next line
     for (const std::string &line : lines_of(read_file(file))) {
-        std::smatch head;
-        if (!open) {
-            if (!std::regex_search(line, head, log_head(), std::regex_constants::match_continuous)) {
-                throw std::runtime_error("not a line of the diagnostic log: " + line);
-            }
-            log.push_back({head[3], head[4], head[5], head[6], std::stoi(head[7]), head.suffix(), std::stoi(head[1]),
-                           std::stoi(head[2])});
-        } else {
+        if (open) {
             log.back().message += "\n" + line;
+        } else {
+            log.push_back(log_record(line));
         }
         std::string &message = log.back().message;
         open = message.empty() || message.back() != ']';

@@ -3,8 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <regex>
 #include <stdexcept>
+
+#include "text_match.h"
 
 namespace fs = std::filesystem;
 
@@ -20,14 +21,24 @@ std::vector<std::string> last_lines(const fs::path &file) {
 }
 
 std::vector<std::string> event_lines(const fs::path &file) {
-    static const std::regex head(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [A-Za-z0-9+-]+ \[Bootup FPD\] (.*))");
+    const std::string pattern =
+        R"([0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} [A-Za-z0-9+-]+ \[Bootup FPD\] (.*))";
     std::vector<std::string> events;
     for (const std::string &line : lines_of(read_file(file))) {
-        std::smatch match;
-        if (!std::regex_match(line, match, head)) throw std::runtime_error("not an event line: " + line);
-        events.push_back(match[1]);
+        const std::vector<std::string> parts = match(pattern, line);
+        if (parts.empty()) throw std::runtime_error("not an event line: " + line);
+        events.push_back(parts[1]);
     }
     return events;
+}
+
+/// The card's record has every argument in single quotes, and one within it as '\''.
+std::string unquoted(std::string text) {
+    const std::string quote = R"('\'')";
+    for (std::size_t at = text.find(quote); at != std::string::npos; at = text.find(quote, at + 1)) {
+        text.replace(at, quote.size(), "'");
+    }
+    return text;
 }
 
 }  // namespace
@@ -112,14 +123,11 @@ std::vector<std::string> CardTest::scripts() const {
 }
 
 std::vector<std::string> CardTest::events() const {
-    // The card's record has every argument in single quotes, and one within it as '\''.
-    static const std::regex call(R"(/usr/local/etc/send_fpd_doorbell_event\.sh '-e' '(\w+)' '-m' '(.*)')");
-    static const std::regex quote(R"('\\'')");
+    const std::string call = R"(/usr/local/etc/send_fpd_doorbell_event\.sh '-e' '([a-z_]+)' '-m' '(.*)')";
     std::vector<std::string> events;
     for (const std::string &line : scripts()) {
-        std::smatch match;
-        if (!std::regex_match(line, match, call)) continue;
-        events.push_back(match[1].str() + ": " + std::regex_replace(match[2].str(), quote, "'"));
+        const std::vector<std::string> parts = match(call, line);
+        if (!parts.empty()) events.push_back(parts[1] + ": " + unquoted(parts[2]));
     }
     return events;
 }
@@ -151,13 +159,11 @@ fs::path CardTest::marker_file() const {
 }
 
 std::vector<std::string> CardTest::plan() const {
-    static const std::regex planned(R"(FPD (.*) would be upgrade in the sequence queue # (\d+))");
+    const std::string planned = "FPD (.*) would be upgrade in the sequence queue # ([0-9]+)";
     std::vector<std::string> plan;
     for (const LogRecord &record : log()) {
-        std::smatch match;
-        if (record.level == "INFO" && std::regex_match(record.message, match, planned)) {
-            plan.push_back(match[1].str() + " " + match[2].str());
-        }
+        const std::vector<std::string> parts = match(planned, record.message);
+        if (record.level == "INFO" && !parts.empty()) plan.push_back(parts[1] + " " + parts[2]);
     }
     return plan;
 }

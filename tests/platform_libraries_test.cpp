@@ -164,19 +164,19 @@ TEST_F(PlatformLibraries, ConfigurationOnOtherLibraries) {
 // ---- the divisor of the periods and limits
 
 TEST_F(PlatformLibraries, TheDivisorIsTheLibrarysToSet) {
-    EXPECT_EQ(on_other_libraries("-b -c upgrade", "FAKE_TIME_DIV=25").status, 0);
+    EXPECT_EQ(on_other_libraries("-b -c upgrade", "FAKE_ONE_PART=1 FAKE_TIME_DIV=25").status, 0);
     EXPECT_THAT(asked("usleep"), Each("usleep 40000"));
     EXPECT_THAT(asked("usleep"), Not(IsEmpty()));
 }
 
 TEST_F(PlatformLibraries, TheDivisorIsOneUnlessALibrarySetsIt) {
-    EXPECT_EQ(on_other_libraries("-b -c upgrade", "").status, 0);
+    EXPECT_EQ(on_other_libraries("-b -c upgrade", "FAKE_ONE_PART=1").status, 0);
     EXPECT_THAT(asked("usleep"), Each("usleep 1000000"));
     EXPECT_THAT(asked("usleep"), Not(IsEmpty()));
 }
 
 TEST_F(PlatformLibraries, ADivisorOfZeroCountsAsOne) {
-    EXPECT_EQ(on_other_libraries("-b -c upgrade", "FAKE_TIME_DIV=0").status, 0);
+    EXPECT_EQ(on_other_libraries("-b -c upgrade", "FAKE_ONE_PART=1 FAKE_TIME_DIV=0").status, 0);
     EXPECT_THAT(asked("usleep"), Each("usleep 1000000"));
     EXPECT_THAT(asked("usleep"), Not(IsEmpty()));
 }

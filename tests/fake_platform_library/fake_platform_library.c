@@ -3,7 +3,8 @@
  *
  * Made of the public headers alone, as a card's maker would. What it is asked is written to CALLS_FILE, a line a call.
  * It fills what is its own of every record with rubbish and complains when it comes back dirty.
- * FAKE_TIME_DIV in the environment is put into the tool's divisor when the library is loaded. */
+ * FAKE_TIME_DIV in the environment is put into the tool's divisor when the library is loaded; with FAKE_ONE_PART there
+ * is but the FPD that waits for none. */
 #define _GNU_SOURCE
 
 #include <errno.h>
@@ -42,6 +43,7 @@ static struct part parts[] = {
     {21, "CoreFpga", "core.bin", "", 0},
 };
 #define PART_COUNT (sizeof parts / sizeof parts[0])
+static size_t first_part = 0;
 
 static uint32_t led_state = 2;
 static uint32_t led_color = 5;
@@ -80,7 +82,8 @@ static struct part *find_named(const char *name) {
     abort();
 }
 
-__attribute__((constructor)) static void set_time_div(void) {
+__attribute__((constructor)) static void read_environment(void) {
+    if (getenv("FAKE_ONE_PART")) first_part = PART_COUNT - 1;
     const char *const text = getenv("FAKE_TIME_DIV");
     if (text) bootup_fpd_time_div = (uint32_t)strtoul(text, NULL, 10);
 }
@@ -105,12 +108,12 @@ int brd_local_card_group_id_get(uint32_t *group_id) {
 }
 
 int brd_group_fpd_num_fpds_get(uint32_t group_id, uint32_t *count) {
-    *count = PART_COUNT;
+    *count = (uint32_t)(PART_COUNT - first_part);
     return group_id == GROUP ? 0 : ENODEV;
 }
 
 int brd_group_fpd_obj_id_list_get(uint32_t group_id, uint32_t *ids) {
-    for (size_t i = 0; i < PART_COUNT; ++i) ids[i] = parts[i].id;
+    for (size_t i = first_part; i < PART_COUNT; ++i) ids[i - first_part] = parts[i].id;
     return group_id == GROUP ? 0 : ENODEV;
 }
 
