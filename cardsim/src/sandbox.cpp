@@ -31,8 +31,7 @@ namespace {
 constexpr int power_off_signal = SIGUSR2;  // to the supervisor
 constexpr const char *command_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-// What the sandbox tells the caller while it starts: one byte a step, text behind `refused`.
-constexpr char unshared = 'u';
+// What one process of the sandbox tells another while it starts: one byte, text behind `refused`.
 constexpr char ready = 'r';
 constexpr char refused = 'e';
 
@@ -92,8 +91,8 @@ struct Start {
     const sigset_t &before;
     struct sigaction child_action;
     mode_t mask;
-    Pipe report = make_pipe();     // sandbox to caller
-    Pipe maps_done = make_pipe();  // caller to supervisor
+    Pipe report = make_pipe();     // supervisor and init to caller
+    Pipe maps_done = make_pipe();  // supervisor to init
     Pipe alive = make_pipe();      // supervisor to init: closed when the supervisor is gone
 };
 
@@ -116,6 +115,12 @@ std::string receive_rest(const Descriptor &pipe) {
 
 int exit_status(int wait_status) {
     return WIFSIGNALED(wait_status) ? 128 + WTERMSIG(wait_status) : WEXITSTATUS(wait_status);
+}
+
+/// Ends a process of the sandbox that could not start.
+[[noreturn]] void refuse(Start &start, const std::string &reason) {
+    send(start.report.writer, refused + reason);
+    _exit(1);
 }
 
 // ---- inside: the body and the init
@@ -189,18 +194,17 @@ void die_with_supervisor(Start &start) {
 /// Process 1 of the sandbox: its end ends everything in the PID namespace.
 [[noreturn]] void run_init(Start &start) {
     die_with_supervisor(start);
+    start.maps_done.writer.reset();
+    if (receive(start.maps_done.reader) != ready) _exit(1);
+    start.maps_done.reader.reset();
     try {
         sandbox_root_enter(start.layout);
     } catch (const std::exception &reason) {
-        send(start.report.writer, refused + std::string(reason.what()));
-        _exit(1);
+        refuse(start, reason.what());
     }
     const pid_t body = fork();
     if (body == 0) run_body(start);
-    if (body < 0) {
-        send(start.report.writer, refused + std::string("fork: ") + std::strerror(errno));
-        _exit(1);
-    }
+    if (body < 0) refuse(start, std::string("fork: ") + std::strerror(errno));
     send(start.report.writer, std::string(1, ready));
     start.report.writer.reset();
     _exit(supervise(body));
@@ -208,47 +212,19 @@ void die_with_supervisor(Start &start) {
 
 // ---- outside: the supervisor, child of the caller
 
-/// The kernel frees dead IPC namespaces late: with many sandboxes in a row its limit may be met for a moment.
-bool unshare_namespaces() {
-    const int flags = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
+/// A copy of this process as the first one of new namespaces; the result is that of fork. Not fork and unshare: that
+/// is refused to a process with threads, and a sanitizer's runtime has one of its own.
+pid_t clone_init() {
+    const int namespaces = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
+    long init = -1;
+    // The kernel frees dead IPC namespaces late: with many sandboxes in a row its limit may be met for a moment.
     for (int attempt = 0; attempt < 20; ++attempt) {
-        if (unshare(flags) == 0) return true;
-        if (errno != ENOSPC) return false;
+        init = syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+        if (init >= 0 || errno != ENOSPC) break;
         usleep(10'000);
     }
-    return false;
+    return static_cast<pid_t>(init);
 }
-
-[[noreturn]] void run_supervisor(Start &start, pid_t caller) {
-    start.report.reader.reset();
-    start.maps_done.writer.reset();
-    struct sigaction ordinary = {};
-    ordinary.sa_handler = SIG_DFL;
-    sigaction(SIGCHLD, &ordinary, &start.child_action);
-    start.mask = umask(022);
-    if (!unshare_namespaces()) {
-        const int error_number = errno;
-        send(start.report.writer, refused + std::string("new user, mount, IPC and PID namespaces: ") +
-                                      std::strerror(error_number) + sandbox_refusal_hint(error_number));
-        _exit(1);
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != caller) _exit(1);
-    send(start.report.writer, std::string(1, unshared));
-    if (receive(start.maps_done.reader) != ready) _exit(1);
-    start.maps_done.reader.reset();
-    const pid_t init = fork();
-    if (init == 0) run_init(start);
-    if (init < 0) {
-        send(start.report.writer, refused + std::string("fork: ") + std::strerror(errno));
-        _exit(1);
-    }
-    start.report.writer.reset();
-    start.alive.reader.reset();
-    _exit(supervise(init));
-}
-
-// ---- the caller
 
 bool write_file(const std::string &path, const std::string &text) {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
@@ -267,8 +243,8 @@ std::string identity_map(const char *own_map) {
 }
 
 /// Root keeps all ids; anybody else, and a root that lacks the capabilities, is only root inside.
-void write_id_maps(pid_t supervisor) {
-    const std::string process = "/proc/" + std::to_string(supervisor);
+void write_id_maps(pid_t init) {
+    const std::string process = "/proc/" + std::to_string(init);
     if (geteuid() == 0 && write_file(process + "/uid_map", identity_map("/proc/self/uid_map"))) {
         if (write_file(process + "/gid_map", identity_map("/proc/self/gid_map"))) return;
     } else if (write_file(process + "/uid_map", "0 " + std::to_string(geteuid()) + " 1") &&
@@ -281,21 +257,42 @@ void write_id_maps(pid_t supervisor) {
                              sandbox_refusal_hint(error_number));
 }
 
-void expect(const Descriptor &report, char step) {
-    const char byte = receive(report);
-    if (byte == step) return;
-    if (byte == refused) throw std::runtime_error(receive_rest(report));
-    throw std::runtime_error("its first process was killed while it started");
+[[noreturn]] void run_supervisor(Start &start, pid_t caller) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != caller) _exit(1);
+    struct sigaction ordinary = {};
+    ordinary.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &ordinary, &start.child_action);
+    start.mask = umask(022);
+    start.report.reader.reset();
+    const pid_t init = clone_init();
+    if (init == 0) run_init(start);
+    if (init < 0) {
+        const int error_number = errno;
+        refuse(start, std::string("new user, mount, IPC and PID namespaces: ") + std::strerror(error_number) +
+                          sandbox_refusal_hint(error_number));
+    }
+    try {
+        write_id_maps(init);
+    } catch (const std::exception &reason) {
+        refuse(start, reason.what());
+    }
+    send(start.maps_done.writer, std::string(1, ready));
+    start.report.writer.reset();
+    start.alive.reader.reset();
+    _exit(supervise(init));
 }
 
-/// Lets the supervisor go on to the running body. Throws with the reason when something refused.
-void bring_up(Start &start, pid_t supervisor) {
+// ---- the caller
+
+/// Waits until the body runs. Throws with the reason when something refused.
+void await_body(Start &start) {
     start.report.writer.reset();
+    start.maps_done = {};
     start.alive = {};
-    expect(start.report.reader, unshared);
-    write_id_maps(supervisor);
-    send(start.maps_done.writer, std::string(1, ready));
-    expect(start.report.reader, ready);
+    const char answer = receive(start.report.reader);
+    if (answer == refused) throw std::runtime_error(receive_rest(start.report.reader));
+    if (answer != ready) throw std::runtime_error("its first process was killed while it started");
 }
 
 int pidfd_open(pid_t pid) {
@@ -346,7 +343,7 @@ bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body
     try {
         const SandboxLayout resolved = sandbox_layout_resolve(layout);
         const SignalsBlocked signals;
-        Sandbox started;  // outlives the pipes: a supervisor that still waits for one of them ends when they close
+        Sandbox started;
         Start start = {resolved, body, signals.before(), {}, 0};
         const pid_t caller = getpid();
         std::cout.flush();
@@ -356,7 +353,7 @@ bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body
         if (supervisor < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
         started.supervisor_ = supervisor;
         started.supervisor_fd_ = pidfd_open(supervisor);
-        bring_up(start, supervisor);
+        await_body(start);
         sandbox = std::move(started);
         return true;
     } catch (const std::exception &reason) {
