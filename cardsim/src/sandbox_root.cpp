@@ -272,7 +272,7 @@ std::string sandbox_refusal_hint(int error_number) {
     if (error_number != EPERM && error_number != EACCES && error_number != ENOSPC) return {};
     return " (allow user namespaces: sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 0, "
            "kernel.apparmor_restrict_unprivileged_userns=0 where AppArmor restricts them; in a container, its "
-           "seccomp profile must allow unshare and mount)";
+           "seccomp profile must allow them and mount)";
 }
 
 SandboxLayout sandbox_layout_resolve(const SandboxLayout &layout) {
