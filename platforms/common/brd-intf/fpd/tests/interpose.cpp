@@ -257,4 +257,9 @@ int __wrap_usleep(useconds_t microseconds) {
     return 0;
 }
 
+ssize_t __real_write(int fd, const void *bytes, std::size_t size);
+ssize_t __wrap_write(int fd, const void *bytes, std::size_t size) {
+    return failure(Call::write) ? -1 : __real_write(fd, bytes, size);
+}
+
 }  // extern "C"

@@ -37,6 +37,7 @@ enum class Call {
     sigemptyset,
     stat,
     unlink,
+    write,
     count  // of the values above
 };
 

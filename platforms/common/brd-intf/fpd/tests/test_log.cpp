@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,7 +16,7 @@
 
 #include "fpd_log.h"
 #include "interpose.h"
-#include "test_support.h"
+#include "run_support.h"
 
 namespace {
 
@@ -159,6 +161,15 @@ TEST_F(DiagnosticLog, IgnoresAFullDisk) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
+TEST_F(DiagnosticLog, LosesTheLineThatCannotBeWrittenAndIsClosed) {
+    const auto before = open_descriptors();
+    interpose::fail(Call::write, EIO);
+    log_error({here, "A"}, "lost");
+    EXPECT_EQ(open_descriptors(), before);
+    log_error({here, "B"}, "written");
+    EXPECT_THAT(log_lines(), ElementsAre(log_line(module_here, "ERROR", "B", "written")));
+}
+
 TEST_F(DiagnosticLog, KeepsErrno) {
     errno = EXDEV;
     log_error({here, "A"}, "m");
@@ -202,8 +213,9 @@ void log_letters(char letter) {
     fpd_log("FPD", "INFO", "Long", nullptr, 0, "%s", std::string(long_message, letter).c_str());
 }
 
-TEST_F(DiagnosticLog, WritesLongLinesWhole) {
+TEST_F(DiagnosticLog, WritesLongLinesWholeAndAtOnce) {
     log_letters('x');
+    EXPECT_EQ(interpose::calls(Call::write), 1U);
     const auto lines = physical_lines();
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_TRUE(is_whole(lines[0]));
@@ -219,7 +231,7 @@ TEST_F(DiagnosticLog, WritesALineOfEveryLengthAroundItsFirstBufferWhole) {
 }
 
 TEST_F(DiagnosticLog, KeepsTheLongLinesOfManyThreadsApart) {
-    constexpr int threads = 6, rounds = 8;
+    constexpr int threads = 4, rounds = 8;
     std::vector<std::jthread> writers;
     for (int i = 0; i < threads; ++i)
         writers.emplace_back([i] {
@@ -286,9 +298,53 @@ TEST_F(DiagnosticLog, IsLeftAloneByAThreadThatWasCancelledBefore) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
+/// The log as a pipe, in which a long line stays stuck until it is read.
+struct PipedLog : DiagnosticLog {
+    PipedLog() {
+        EXPECT_EQ(mkfifo(diagnostic_log_path, 0600), 0);
+        reader = open(diagnostic_log_path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(reader, 0);
+    }
+    ~PipedLog() override { close(reader); }
+
+    bool is_full() const {
+        int waiting = 0;
+        return ioctl(reader, FIONREAD, &waiting) == 0 && waiting == fcntl(reader, F_GETPIPE_SZ);
+    }
+    /// What is written until its last writer closes it.
+    std::string read_to_the_end() const {
+        fcntl(reader, F_SETFL, 0);
+        std::string text;
+        char part[4096];
+        for (ssize_t count; (count = read(reader, part, sizeof part)) > 0;)
+            text.append(part, static_cast<std::size_t>(count));
+        return text;
+    }
+
+    int reader;
+};
+
+TEST_F(PipedLog, HasALineWholeThatWasBeingWrittenWhenItsThreadWasCancelled) {
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void *) -> void * {
+                      log_letters('x');
+                      for (;;) pause();
+                  },
+                  nullptr),
+              0);
+    ASSERT_TRUE(eventually([this] { return is_full(); }));
+    ASSERT_EQ(pthread_cancel(thread), 0);
+    EXPECT_TRUE(is_whole(read_to_the_end()));
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
 TEST_F(DiagnosticLog, HasWholeLinesOnlyAndIsClosedWhereverACancellationStrikes) {
     const auto before = open_descriptors();
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 20; ++round) {
         clear_log();
         static std::atomic<bool> running;
         running = false;
@@ -297,13 +353,13 @@ TEST_F(DiagnosticLog, HasWholeLinesOnlyAndIsClosedWhereverACancellationStrikes) 
                       &thread, nullptr,
                       [](void *) -> void * {
                           running = true;
-                          for (int line = 0; line < 20; ++line) log_letters('x');
+                          for (int line = 0; line < 4; ++line) log_letters('x');
                           for (;;) pause();
                       },
                       nullptr),
                   0);
         while (!running) sched_yield();
-        usleep(static_cast<useconds_t>(round * 17));
+        usleep(static_cast<useconds_t>(round * 200));
         ASSERT_EQ(pthread_cancel(thread), 0);
         void *result = nullptr;
         ASSERT_EQ(pthread_join(thread, &result), 0);
