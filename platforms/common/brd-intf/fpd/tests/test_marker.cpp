@@ -147,6 +147,9 @@ TEST_F(MarkerAdd, RefusesAnEntryWithoutRoomForItsEnd) {
     EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "ERROR", "AddFpdInfoUpgMarkerOOB", message)));
     EXPECT_EQ(upg_marker().length, 144U);
     EXPECT_EQ(text().size(), 143U);
+    EXPECT_EQ(add("Bios", "3.4.0"), -105);
+    EXPECT_EQ(upg_marker().length, 190U);
+    EXPECT_EQ(upg_marker().capacity, 144U);
 }
 
 TEST_F(MarkerAdd, RefusesEveryEntryAfterOneThatDidNotFit) {
