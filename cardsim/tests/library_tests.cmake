@@ -9,8 +9,9 @@ add_executable(cardsim_library_tests
   tests/state_test.cpp)
 target_link_libraries(cardsim_library_tests PRIVATE
   cardsim_model bootup_fpd_build_flags GTest::gmock_main Threads::Threads ${CMAKE_DL_LIBS})
+bootup_fpd_precompile_test_headers(cardsim_library_tests)
 # The library is loaded at run time, a fresh copy for each test: a process has but one card.
 add_dependencies(cardsim_library_tests cardsim)
 target_compile_definitions(cardsim_library_tests PRIVATE CARDSIM_LIBRARY="$<TARGET_FILE:cardsim>")
 target_link_options(cardsim_library_tests PRIVATE -Wl,--export-dynamic-symbol=bootup_fpd_time_div)
-gtest_discover_tests(cardsim_library_tests DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
+gtest_discover_tests(cardsim_library_tests NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)

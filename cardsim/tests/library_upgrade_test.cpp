@@ -125,15 +125,15 @@ TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
 }
 
 TEST_F(UpgradeTest, TakesItsTimeDividedByTheSpeed) {
-    setenv("CARDSIM_SPEED", "10", 1);
+    setenv("CARDSIM_SPEED", "100", 1);
     describe(card_table +
-             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 2\n"
+             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 20\n"
              "reports = 0\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"io.img\"\n");
     start_hardware();
     const auto start = Clock::now();
     EXPECT_EQ(upgrade(), 0);
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(200));
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
     EXPECT_TRUE(reports.percents.empty());
 }
 
@@ -179,15 +179,17 @@ TEST_F(UpgradeTest, AttemptsCountUntilTheReload) {
 }
 
 TEST_F(UpgradeTest, AnAttemptMayBeSlow) {
-    setenv("CARDSIM_SPEED", "10", 1);
-    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"slow\"\nevery = 1.0\n");
+    setenv("CARDSIM_SPEED", "100", 1);
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"slow\"\nevery = 10.0\n");
     std::vector<Clock::time_point> times = {Clock::now()};
     reports.then = [&](int) { times.push_back(Clock::now()); };
     EXPECT_EQ(upgrade(), 0);
     EXPECT_THAT(reports.percents, ElementsAre(25, 50, 75, 100));
-    EXPECT_GE(times[4] - times[0], std::chrono::milliseconds(400));
-    EXPECT_GE(times[2] - times[1], std::chrono::milliseconds(50));
-    EXPECT_LT(times[4] - times[0], std::chrono::milliseconds(2000));
+    ASSERT_EQ(times.size(), 5U);
+    for (size_t report = 1; report < times.size(); ++report) {
+        EXPECT_GE(times[report] - times[0], std::chrono::milliseconds(100) * report);
+    }
+    EXPECT_LT(times[4] - times[0], std::chrono::seconds(10));
 }
 
 TEST_F(UpgradeTest, AVersionMayNotStick) {
@@ -315,9 +317,9 @@ TEST_F(UpgradeTest, AThreadThatMayNotBeCancelledIsNot) {
 }
 
 TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
-    setenv("CARDSIM_SPEED", "10", 1);
+    setenv("CARDSIM_SPEED", "100", 1);
     describe_io_fpga_with(
-        "[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\nat = 50\ncancellable = false\nhang_time = 4\n");
+        "[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\nat = 50\ncancellable = false\nhang_time = 100\n");
     Signal is_halfway;
     Reports late;
     late.then = [&](int percent) {
@@ -338,13 +340,13 @@ TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
     });
     ASSERT_TRUE(is_halfway.wait());
     // Once it hangs it has let go of the region.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     worker.cancel();
     EXPECT_EQ(upgrade(), 0);
     EXPECT_EQ(result, -1);
     EXPECT_FALSE(worker.join());
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(400));
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(3000));
+    EXPECT_GE(Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
     EXPECT_EQ(result, 0);
     EXPECT_EQ(is_cancellable, 1);
     EXPECT_THAT(late.percents, ElementsAre(25, 50, 100));
