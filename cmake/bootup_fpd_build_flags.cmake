@@ -7,8 +7,12 @@ target_compile_options(bootup_fpd_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
   -fstack-protector-strong -fstack-clash-protection)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # gcc 12 sees overlapping copies in std::string's operator+ where there are none.
+  # gcc 12 sees overlapping copies in std::string's operator+ and, under sanitizers, uninitialized members in std::regex
+  # where there are none.
   target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-restrict)
+  if(BOOTUP_FPD_SANITIZE)
+    target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-maybe-uninitialized)
+  endif()
 endif()
 target_link_options(bootup_fpd_build_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 
@@ -24,6 +28,14 @@ if(BOOTUP_FPD_SANITIZE)
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
   target_compile_options(bootup_fpd_build_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
+
+# For each program in which threads are cancelled.
+set(sanitizer_options ${CMAKE_CURRENT_LIST_DIR}/sanitizer_options.cpp)
+function(bootup_fpd_sanitizer_options target)
+  if(BOOTUP_FPD_SANITIZE)
+    target_sources(${target} PRIVATE ${sanitizer_options})
+  endif()
+endfunction()
 
 # Most of the time that a test takes to compile goes into these headers.
 function(bootup_fpd_precompile_test_headers target)

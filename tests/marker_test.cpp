@@ -117,6 +117,8 @@ TEST_F(Marker, ThatCannotBeRemovedFailsTheRun) {
 
 TEST_F(Marker, ThatCannotBeWrittenDoesNotKeepTheCardFromItsReset) {
     // A directory takes the file's place once the run has begun.
+    describe({.fpds = fpd(10, {{.name = "IoFpga", .keys = "activation = 5\n" + duration(30)}})});
+    std::filesystem::remove_all(state_);
     const Result result = shell(
         "bootup_fpd -c upgrade & until grep -q FpdUpgResponseStarted /var/log/fpd.log; do sleep 0.01; done;"
         "mkdir /misc/scratch/bootup_fpd_marker.txt; wait $!");

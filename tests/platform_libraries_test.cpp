@@ -82,7 +82,10 @@ class PlatformLibraries : public CardTest {
 // ---- the executable
 
 TEST_F(PlatformLibraries, TheToolExportsTwoSymbolsOfItsOwn) {
-    EXPECT_THAT(symbols(BOOTUP_FPD, "--defined-only"), ElementsAre("bootup_fpd_time_div", "fpd_upg_handler"));
+    std::set<std::string> defined = symbols(BOOTUP_FPD, "--defined-only");
+    // What a sanitizer asks the program for is there in sanitized builds alone.
+    std::erase_if(defined, [](const std::string &name) { return name.ends_with("san_default_options"); });
+    EXPECT_THAT(defined, ElementsAre("bootup_fpd_time_div", "fpd_upg_handler"));
 }
 
 TEST_F(PlatformLibraries, TheToolLeavesEveryClosedFunctionUndefined) {

@@ -272,7 +272,7 @@ TEST_F(UpgradeRun, OnlyWhatWasUpgradedAsksForAReload) {
 /// Case 3. Two sequence queues: their FPDs run side by side, and the second queue waits for the first.
 TEST_F(UpgradeRun, OneQueueAfterTheOther) {
     const auto in_queue = [](const std::string &name, const std::string &number) {
-        return Region{.name = name, .keys = "activation = 5\nsequence = " + number + "\n" + duration(4)};
+        return Region{.name = name, .keys = "activation = 5\nsequence = " + number + "\n" + duration(10)};
     };
     describe({.fpds = fpd(10, {in_queue("A2", "2"), in_queue("A0", "0"), in_queue("B2", "2"), in_queue("B0", "0")})});
     upgrade();
@@ -535,7 +535,7 @@ TEST_F(UpgradeRun, AWatchdogIsPunchedAgainAndAgain) {
     upgrade();
     const std::size_t punches = tagged("AutoFpdUpgradeProgressWDPunch").size();
     EXPECT_GE(punches, 3U);
-    EXPECT_LE(punches, 6U);
+    EXPECT_LT(punches, 15U);  // far from one in each of the forty rounds
     EXPECT_THAT(messages(tagged("AutoFpdUpgradeProgressWDPunch")), Each("Punching PD watchdog: "));
     EXPECT_THAT(events(), Contains("progress: Auto FPD Upgrade Progressing").Times(static_cast<int>(punches)));
 }

@@ -586,6 +586,10 @@ struct PlanUpgrade : RunTest {
             *count = 1;
             return ++*loads == nth ? 8 : 0;
         };
+        fake_platform().brd_group_fpd_obj_id_list_get = [](std::uint32_t, std::uint32_t *ids) {
+            ids[0] = fake_platform().fpds.front().obj_id;
+            return 0;
+        };
     }
 };
 

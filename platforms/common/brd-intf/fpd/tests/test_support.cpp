@@ -128,13 +128,13 @@ testing::Matcher<const LogLine &> log_line(const Module &module, std::string_vie
 }
 
 void expect_log(const Module &module, std::string_view level, std::string_view tag, std::string_view message,
-                std::source_location where) {
-    const testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_log");
+                const char *file, int line) {
+    const testing::ScopedTrace trace(file, line, "expect_log");
     EXPECT_THAT(log_lines(tag), testing::ElementsAre(log_line(module, level, tag, message)));
 }
 
-void expect_no_log(std::string_view tag, std::source_location where) {
-    const testing::ScopedTrace trace(where.file_name(), static_cast<int>(where.line()), "expect_no_log");
+void expect_no_log(std::string_view tag, const char *file, int line) {
+    const testing::ScopedTrace trace(file, line, "expect_no_log");
     EXPECT_THAT(log_lines(tag), testing::IsEmpty());
 }
 

@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <iosfwd>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -66,9 +65,9 @@ testing::Matcher<const LogLine &> log_line(const Module &module, std::string_vie
                                            std::string_view message);
 /// Expects one line with the tag, and that it is so.
 void expect_log(const Module &module, std::string_view level, std::string_view tag, std::string_view message,
-                std::source_location where = std::source_location::current());
+                const char *file = __builtin_FILE(), int line = __builtin_LINE());
 /// Expects no line with the tag.
-void expect_no_log(std::string_view tag, std::source_location where = std::source_location::current());
+void expect_no_log(std::string_view tag, const char *file = __builtin_FILE(), int line = __builtin_LINE());
 
 /// The file's content; empty when it cannot be read.
 std::string read_file(const std::filesystem::path &path);
