@@ -71,9 +71,8 @@ Result run_program(const std::vector<std::string> &command, const fs::path &dire
 
 void set_sanitizer_options() {
     const std::string ends = "exitcode=" + std::to_string(sanitizer_status) + ":halt_on_error=1";
-    // One text of the flash event log is printed with an odd format on purpose; stand-in libraries come before the
-    // sanitizer's own.
-    add_options("ASAN_OPTIONS", ends + ":check_printf=0:verify_asan_link_order=0:suppressions=" SANITIZER_SUPPRESSIONS);
+    // Stand-in libraries come before the sanitizer's own.
+    add_options("ASAN_OPTIONS", ends + ":verify_asan_link_order=0");
     add_options("UBSAN_OPTIONS", ends + ":print_stacktrace=1");
     add_options("TSAN_OPTIONS", ends + ":check_printf=0");
     add_options("LSAN_OPTIONS", "exitcode=" + std::to_string(sanitizer_status));

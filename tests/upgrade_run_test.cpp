@@ -537,7 +537,7 @@ TEST_F(UpgradeRun, AWatchdogIsPunchedAgainAndAgain) {
     EXPECT_GE(punches, 3U);
     EXPECT_LT(punches, 15U);  // far from one in each of the forty rounds
     EXPECT_THAT(messages(tagged("AutoFpdUpgradeProgressWDPunch")), Each("Punching PD watchdog: "));
-    EXPECT_THAT(events(), Contains("progress: Auto FPD Upgrade Progressing").Times(static_cast<int>(punches)));
+    EXPECT_THAT(events(), Contains("progress: Auto FPD Upgrade Progressing").Times(punches));
 }
 
 /// Case 7. The boot loader refuses its entry: the marker is written, but the card is not reset.
