@@ -184,11 +184,11 @@ int fpd_info_refresh(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t
     char known_name[sizeof fpd.info.name];
     std::memcpy(known_name, fpd.info.name, sizeof known_name);
     const int rc = fpd_info_get(card.group_id, fpd, err_msg, err_len);
-    if (rc != 0) return rc;
     bool taken = another_has_the_name(card.queues.fpd_queue, fpd);
     for (const FpdQueue &queue : card.queues.seq_queues) taken = taken || another_has_the_name(queue, fpd);
-    if (!taken) return 0;
-    const int duplicate = fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
+    if (!taken) return rc;
+    const int duplicate =
+        rc != 0 ? rc : fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
     std::memcpy(fpd.info.name, known_name, sizeof known_name);
     return duplicate;
 }
