@@ -1,0 +1,368 @@
+#include "lives.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+#include "text_match.h"
+
+namespace fs = std::filesystem;
+using testing::AllOf;
+using testing::ElementsAreArray;
+using testing::StartsWith;
+using testing::UnorderedElementsAreArray;
+
+namespace card_tests {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr const char *progress_event = "progress: Auto FPD Upgrade Progressing";
+constexpr const char *punch = "/usr/local/etc/punch-watchdog-once.sh";
+constexpr const char *event_script = "/usr/local/etc/send_fpd_doorbell_event.sh";
+constexpr const char *flash_command = "/usr/sbin/check-flash";
+
+void append(Lines &lines, const Lines &more) {
+    lines.insert(lines.end(), more.begin(), more.end());
+}
+
+/// "FD|D" as "FD" and "D".
+Lines runs_of(const std::string &attempts) {
+    Lines runs;
+    std::istringstream stream(attempts);
+    for (std::string run; std::getline(stream, run, '|');) runs.push_back(run);
+    return runs;
+}
+
+/// Percent at which an attempt fails or hangs; -1: before its first report.
+int stops_at(char attempt) {
+    if (attempt == 'G' || attempt == 'T') return 50;
+    if (attempt == 'H' || attempt == 'U') return 100;
+    return -1;
+}
+bool fails(char attempt) {
+    return attempt == 'F' || attempt == 'G' || attempt == 'H';
+}
+bool hangs_unreported(char attempt) {
+    return attempt == 'S' || attempt == 'X';
+}
+bool hangs(char attempt) {
+    return hangs_unreported(attempt) || attempt == 'T' || attempt == 'U';
+}
+
+std::string fault_of(char attempt, std::size_t number) {
+    const std::string keys =
+        "attempt = " + std::to_string(number) + "\nat = " + std::to_string(stops_at(attempt)) + "\n";
+    if (fails(attempt)) return region_fault("fail", keys + "code = 5\ntext = \"no acknowledge\"");
+    if (attempt == 'X') return region_fault("hang", keys + "cancellable = false\nhang_time = 3600.0");
+    return hangs(attempt) ? region_fault("hang", keys) : "";
+}
+
+/// What the card records of an attempt.
+Lines calls_of(char attempt) {
+    if (fails(attempt)) return {"begin", "-> 5"};
+    if (attempt == 'X' || attempt == 'K') return {"begin"};
+    return {"begin", hangs(attempt) ? "-> cancelled" : "-> 0"};
+}
+
+std::string stuck_where(char attempt) {
+    return hangs_unreported(attempt) ? "started stuck" : "stuck progressing " + std::to_string(stops_at(attempt));
+}
+
+Lines events_of(const std::string &name, char attempt, bool retry) {
+    Lines events = {std::string("warning: Auto FPD Upgrade ") + (retry ? "retrying" : "started") + " for '" + name +
+                    "'"};
+    if (attempt == 'D') events.push_back("warning: Auto FPD Upgrade completed for '" + name + "'");
+    if (fails(attempt)) events.push_back("error: Auto FPD Upgrade failed for '" + name + "'");
+    if (hangs(attempt)) {
+        events.push_back("error: Auto FPD Upgrade worker " + stuck_where(attempt) + " forever and killing for '" +
+                         name + "'");
+    }
+    return events;
+}
+
+Lines flash_lines_of(const Fate &fate, char attempt, bool retry) {
+    const std::string fpd = "FPD '" + fate.name + "' ";
+    const std::string cancels = fpd + "Canceling the upgrade to version " + fate.to + " since ";
+    Lines lines = {fpd + (retry ? "Retry" : "Start") + " upgrading to version " + fate.to + " Run version " +
+                       fate.from + " Programmed version " + fate.from,
+                   fpd + "Started to upgrade version " + fate.to};
+    if (attempt == 'D') lines.push_back(fpd + "Upgraded to version " + fate.to);
+    if (fails(attempt)) lines.push_back(fpd + "Failed to upgrade version " + fate.to);
+    if (hangs_unreported(attempt)) {
+        lines.push_back(cancels + "worked not started within stipulated time");
+    } else if (hangs(attempt)) {
+        lines.push_back(cancels + "no progress made after " + std::to_string(stops_at(attempt)) +
+                        "% within stipulated time");
+    }
+    return lines;
+}
+
+std::string error(const std::string &tag, const std::string &message) {
+    return "[FPD] [ERROR] [" + tag + "] " + message;
+}
+
+/// The time that a worker was waited for is left out of its errors.
+Lines errors_of(const std::string &name, char attempt, bool retry) {
+    if (fails(attempt))
+        return {error("FpdUpgHdlUpgradeFail", "FPD " + name + " upgrade failed err_msg no acknowledge")};
+    if (!hangs(attempt)) return {};
+    const bool unreported = hangs_unreported(attempt);
+    const std::string state = unreported ? "'FPD Upgrade Started'" : fate::progressing;
+    const std::string limit = std::to_string((unreported ? 60'000'000 : 180'000'000) / life_speed);
+    const std::string stuck =
+        "FPD " + name + " Upgrade stuck in the state " + state + " since # time now vs. maximum " + limit + " time";
+    Lines errors = {
+        error(unreported ? "ChkFpdUpgStartedMaxTransTimeOut" : "ChkFpdUpgProgressingMaxTransTimeOut", stuck)};
+    if (retry) {
+        const std::string check = unreported ? "start" : "progressing";
+        errors.push_back(error(unreported ? "FpdUpgProgressCheckStartedFail" : "FpdUpgProgressCheckProgressFail",
+                               std::string("Checking FPD ") + name + " upgrade " + check + " failed error " + stuck));
+    }
+    return errors;
+}
+
+Lines without_times(Lines errors) {
+    static const std::regex time("since [0-9]+ time now");
+    for (std::string &line : errors) line = std::regex_replace(line, time, "since # time now");
+    return errors;
+}
+
+/// What follows from each attempt of a fate, in all runs one after the other, or in one.
+template <typename Of>
+Lines of_attempts(const Lines &runs, Of of) {
+    Lines lines;
+    for (const std::string &run : runs) {
+        for (std::size_t i = 0; i < run.size(); ++i) append(lines, of(run[i], i != 0));
+    }
+    return lines;
+}
+
+Lines events_in_run(const Fate &fate, std::size_t run) {
+    const Lines runs = runs_of(fate.attempts);
+    if (run >= runs.size()) return {};
+    return of_attempts({runs[run]}, [&](char attempt, bool retry) { return events_of(fate.name, attempt, retry); });
+}
+
+/// Those lines that speak of 'name' in its single quotes.
+Lines lines_about(const Lines &lines, const std::string &name) {
+    Lines some;
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(some),
+                 [&](const std::string &line) { return line.find("'" + name + "'") != std::string::npos; });
+    return some;
+}
+
+/// Each run's events, its first and last one among them.
+std::vector<Lines> split_into_runs(const Lines &events) {
+    std::vector<Lines> runs;
+    for (const std::string &event : events) {
+        if (event.starts_with("started: ")) runs.emplace_back();
+        if (runs.empty()) runs.emplace_back();
+        runs.back().push_back(event);
+    }
+    return runs;
+}
+
+/// What a run asks the scripts for once its events are over.
+Lines activation_of(RunEnd end) {
+    const std::string grub_reboot = "/usr/sbin/grub-reboot 'KALDOR-latest'";
+    const std::string reset = "/usr/local/etc/reset_board.sh";
+    const std::string reason = " '-r' 'Auto FPD Upgrade activation' '-b' '36'";
+    switch (end) {
+        case RunEnd::GrubRefused:
+            return {grub_reboot};
+        case RunEnd::Reset:
+            return {grub_reboot, reset + reason};
+        case RunEnd::BigReset:
+            return {grub_reboot, reset + " '-a'" + reason};
+        default:
+            return {};
+    }
+}
+
+std::map<std::string, std::string> last_states(const std::vector<LogRecord> &log) {
+    std::map<std::string, std::string> states;
+    for (const LogRecord &record : with_tag(log, "UpdateFpdTransitionState")) {
+        const Lines parts = match("FPD ([^ ]*) transitioning state from '.*' to ('.*') at [0-9]+", record.message);
+        if (parts.size() == 3) states[parts[1]] = parts[2];
+    }
+    return states;
+}
+
+}  // namespace
+
+Region with_attempts(Region region, const std::string &attempts) {
+    const Lines runs = runs_of(attempts);
+    for (std::size_t i = 0; !runs.empty() && i < runs.front().size(); ++i) {
+        region.tables += fault_of(runs.front()[i], i + 1);
+    }
+    return region;
+}
+
+Lines given_up(const std::string &name, const std::string &dependency, const std::string &state) {
+    const std::string reason =
+        "FPD " + name + " can't be upgraded without dependecny FPD " + dependency + " upgrade state " + state;
+    return {error("StartFpdUpgWorkerDepFpdFail", reason),
+            error("FpdUpgProgressCheckStartUpgFail", "Starting FPD " + name + " upgrade failed error " + reason)};
+}
+
+void LifeTest::power_on(int first_boot, int last_boot) {
+    const Result result = boot(life_speed);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    Lines told = lines_of(result.out);
+    std::erase_if(told, [](const std::string &line) {
+        return !match("boot [0-9]+: the start-up command ended with status 0 after .*", line).empty();
+    });
+    std::vector<testing::Matcher<std::string>> expected;
+    for (int number = first_boot; number <= last_boot; ++number) {
+        const std::string head = "boot " + std::to_string(number) + ": ";
+        expected.push_back(StartsWith(head + (number == first_boot ? "power on: " : "reload: ")));
+        expected.push_back("Auto FPD Upgrade done");
+        if (number < last_boot) {
+            expected.push_back(StartsWith(head + "reload requested: /usr/local/etc/reset_board.sh "));
+        } else {
+            expected.push_back(head + "the card is up");
+        }
+    }
+    EXPECT_THAT(told, ElementsAreArray(expected));
+}
+
+void LifeTest::upgrade(const std::vector<std::string> &options) {
+    std::vector<std::string> words = options;
+    words.insert(words.end(), {"-c", "upgrade"});
+    const Result result = tool(words, life_speed);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "Auto FPD Upgrade done\n");
+    EXPECT_EQ(result.err, "");
+}
+
+void LifeTest::expect_life(const Life &life) const {
+    expect_regions(life);
+    expect_errors(life);
+    expect_scripts(life);
+    expect_events(life);
+    expect_punches(life);
+    expect_flash_log(life);
+    EXPECT_EQ(fs::exists(marker_file()), !life.marker.empty());
+    EXPECT_EQ(read_file(marker_file()), life.marker);
+    EXPECT_EQ(state().led(1), life.led);
+    EXPECT_EQ(state().boot, life.boots);
+}
+
+void LifeTest::expect_regions(const Life &life) const {
+    const std::map<std::string, std::string> states = last_states(log());
+    std::map<std::string, int> queues;
+    for (const std::string &line : plan()) {
+        const std::size_t blank = line.rfind(' ');
+        queues[line.substr(0, blank)] = std::stoi(line.substr(blank + 1));
+    }
+    ASSERT_EQ(state().regions.size(), life.fates.size());
+    for (std::size_t i = 0; i < life.fates.size(); ++i) {
+        const Fate &fate = life.fates[i];
+        SCOPED_TRACE(fate.name);
+        ASSERT_EQ(state().regions[i].first, fate.name);
+        EXPECT_EQ(state().regions[i].second.running, fate.versions.running);
+        EXPECT_EQ(state().regions[i].second.programmed, fate.versions.programmed);
+        EXPECT_EQ(states.contains(fate.name) ? states.at(fate.name) : "never seen", fate.state);
+        EXPECT_EQ(queues.contains(fate.name) ? queues.at(fate.name) : -1, fate.queue);
+        expect_attempts(fate, i);
+    }
+}
+
+void LifeTest::expect_attempts(const Fate &fate, std::size_t region) const {
+    const std::string arguments = "group=3 obj=10 region=" + std::to_string(region) + " ";
+    Lines outcomes;
+    for (const CallRecord &call : of_function(calls(), "brd_fpd_upgrade")) {
+        if (call.arguments.starts_with(arguments)) outcomes.push_back(call.outcome);
+    }
+    EXPECT_EQ(outcomes, of_attempts(runs_of(fate.attempts), [](char attempt, bool) { return calls_of(attempt); }));
+}
+
+void LifeTest::expect_errors(const Life &life) const {
+    Lines expected = life.errors;
+    for (const Fate &fate : life.fates) {
+        append(expected, of_attempts(runs_of(fate.attempts),
+                                     [&](char attempt, bool retry) { return errors_of(fate.name, attempt, retry); }));
+    }
+    EXPECT_THAT(without_times(errors()), UnorderedElementsAreArray(expected));
+}
+
+/// All scripts in their order, but those whose moment nobody can tell: of attempts and flash, and the periodic ones.
+void LifeTest::expect_scripts(const Life &life) const {
+    const std::string event = std::string(event_script) + " '-e' ";
+    Lines expected;
+    for (const RunEnd end : life.runs) {
+        expected.push_back(event + "'started' '-m' 'Auto FPD Upgrade Operation Started'");
+        if (end == RunEnd::Killed) continue;
+        expected.push_back(event + "'ended' '-m' 'Auto FPD Upgrade Operation Ended'");
+        append(expected, activation_of(end));
+    }
+    Lines called = scripts();
+    std::erase_if(called, [&](const std::string &line) {
+        return line == punch || line.starts_with(flash_command) ||
+               (line.starts_with(event) && !line.starts_with(event + "'started'") &&
+                !line.starts_with(event + "'ended'"));
+    });
+    EXPECT_EQ(called, expected);
+    Lines flash;
+    for (const std::string &line : scripts()) {
+        const Lines parts = match(std::string(flash_command) + " '(start|stop)' 'obfl'", line);
+        if (!parts.empty()) flash.push_back(parts[1]);
+    }
+    EXPECT_EQ(flash, life.flash_commands);
+}
+
+/// Of each run: its FPDs' events in their order, and no queue before the one in front of it is through.
+void LifeTest::expect_events(const Life &life) const {
+    const std::vector<Lines> runs = split_into_runs(events_but_progress());
+    ASSERT_EQ(runs.size(), life.runs.size());
+    for (std::size_t run = 0; run < runs.size(); ++run) {
+        SCOPED_TRACE("run " + std::to_string(run + 1));
+        std::size_t expected = life.runs[run] == RunEnd::Killed ? 1 : 2;
+        std::map<int, std::pair<std::size_t, std::size_t>> queues;  // first and last event of each
+        for (const Fate &fate : life.fates) {
+            const Lines events = events_in_run(fate, run);
+            EXPECT_EQ(lines_about(runs[run], fate.name), events);
+            expected += events.size();
+            for (std::size_t at = 0; at < runs[run].size() && !events.empty(); ++at) {
+                if (runs[run][at].find("'" + fate.name + "'") == std::string::npos) continue;
+                auto &[first, last] = queues.try_emplace(fate.queue, at, at).first->second;
+                first = std::min(first, at);
+                last = std::max(last, at);
+            }
+        }
+        EXPECT_EQ(runs[run].size(), expected) << "events of nobody";
+        for (auto queue = queues.begin(); queue != queues.end() && std::next(queue) != queues.end(); ++queue) {
+            EXPECT_LT(queue->second.second, std::next(queue)->second.first) << "queue " << queue->first;
+        }
+    }
+}
+
+/// Each with an event beside it and a line in the log; one at least in every run.
+void LifeTest::expect_punches(const Life &life) const {
+    const Lines called = scripts();
+    const auto punches = static_cast<std::size_t>(std::count(called.begin(), called.end(), punch));
+    const Lines all = events();
+    EXPECT_EQ(static_cast<std::size_t>(std::count(all.begin(), all.end(), progress_event)), punches);
+    EXPECT_EQ(tagged("AutoFpdUpgradeProgressWDPunch").size(), punches);
+    EXPECT_GE(punches, life.runs.size());
+    EXPECT_EQ(punches == 0, life.runs.empty());
+}
+
+void LifeTest::expect_flash_log(const Life &life) const {
+    const Lines lines = life.flash_file == 0 ? temporary_flash_log() : flash_log(life.flash_file);
+    std::size_t expected = 0;
+    for (const Fate &fate : life.fates) {
+        const Lines told = of_attempts(runs_of(fate.attempts),
+                                       [&](char attempt, bool retry) { return flash_lines_of(fate, attempt, retry); });
+        EXPECT_EQ(lines_about(lines, fate.name), told) << fate.name;
+        expected += told.size();
+    }
+    EXPECT_EQ(lines.size(), expected) << "event lines of nobody";
+    EXPECT_EQ(fs::exists(state_ / "log/fpd_obfl_log.txt"), life.flash_file == 0 && !lines.empty());
+}
+
+}  // namespace card_tests
