@@ -37,6 +37,14 @@ function(bootup_fpd_sanitizer_options target)
   endif()
 endfunction()
 
+# For what the tool is made of. Workers count too: atomically.
+function(bootup_fpd_coverage target)
+  if(BOOTUP_FPD_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+    target_link_options(${target} PUBLIC --coverage -Wl,--undefined=__gcov_dump)
+  endif()
+endfunction()
+
 # Most of the time that a test takes to compile goes into these headers.
 function(bootup_fpd_precompile_test_headers target)
   target_precompile_headers(${target} PRIVATE
