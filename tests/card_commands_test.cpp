@@ -20,9 +20,7 @@ const std::string context_failed = "Local Card Auto FPD Upgrade Context Init fai
 class CardCommands : public CardTest {
   protected:
     void expect_failure(const Result &result, const std::string &text) const {
-        EXPECT_EQ(result.status, failed);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, text);
+        expect_answer(result, failed, "", text);
     }
     void describe_faulty(const std::string &tables, const std::string &keys = {}) {
         describe(Card{.keys = keys, .tables = tables, .fpds = fpd(10, {plain_region("IoFpga")})});
@@ -38,19 +36,13 @@ Region current(const std::string &name) {
 TEST_F(CardCommands, NothingToUpgradeIsNotWorthAWord) {
     describe({.fpds = fpd(10, {current("IoFpga"), current("Bios")})});
     for (const char *word : {"check_upgrade", "list_upgrade"}) {
-        const Result result = tool({"-c", word});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, "");
+        expect_answer(tool({"-c", word}), 0, "");
     }
 }
 
 TEST_F(CardCommands, OneFpdToUpgrade) {
     describe({.fpds = fpd(10, {current("IoFpga"), plain_region("Bios")})});
-    const Result result = tool({"-c", "check_upgrade"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "FPD available that need to be upgraded\n");
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-c", "check_upgrade"}), 1, "FPD available that need to be upgraded\n");
 }
 
 TEST_F(CardCommands, CheckingAndListingChangeNothing) {
@@ -67,7 +59,7 @@ TEST_F(CardCommands, CheckingAndListingChangeNothing) {
 TEST_F(CardCommands, ACardWithoutFpds) {
     describe(Card{});
     EXPECT_EQ(tool({"-c", "check_upgrade"}).status, 0);
-    EXPECT_EQ(tool({"-c", "upgrade"}).out, "Auto FPD Upgrade done\n");
+    expect_answer(tool({"-c", "upgrade"}), 0, "Auto FPD Upgrade done\n");
     EXPECT_THAT(texts(tagged("LoadFpdsNoFpds")), Contains("[FPD] [INFO] [LoadFpdsNoFpds] No FPDs Defined"));
 }
 
@@ -79,15 +71,13 @@ TEST_F(CardCommands, TheListGoesThroughTheSequenceQueues) {
     };
     describe({.fpds = fpd(10, {in_queue("Last", "15"), in_queue("Second", "1"), in_queue("Zero", "0")}) +
                       fpd(11, {in_queue("Third", "1"), in_queue("One", "0"), current("Current")})});
-    const Result result = tool({"-b", "-c", "list_upgrade"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, std::string(header) +
-                              "Zero             1.1.0\n"
-                              "One              1.1.0\n"
-                              "Second           1.1.0\n"
-                              "Third            1.1.0\n"
-                              "Last             1.1.0\n");
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-b", "-c", "list_upgrade"}), 0,
+                  std::string(header) +
+                      "Zero             1.1.0\n"
+                      "One              1.1.0\n"
+                      "Second           1.1.0\n"
+                      "Third            1.1.0\n"
+                      "Last             1.1.0\n");
 }
 
 TEST_F(CardCommands, TheListShowsEveryKindOfVersion) {
@@ -96,11 +86,12 @@ TEST_F(CardCommands, TheListShowsEveryKindOfVersion) {
                                {.name = "Unknown", .packaged = "unknown"},
                                {.name = "Largest", .packaged = "255.65535.255"}})});
     // A version's text holds ten characters.
-    EXPECT_EQ(tool({"-b", "-c", "list_upgrade"}).out, std::string(header) +
-                                                          "Normal           1.12.3\n"
-                                                          "NoDebug          1.13\n"
-                                                          "Unknown          Unknown\n"
-                                                          "Largest          255.65535.\n");
+    expect_answer(tool({"-b", "-c", "list_upgrade"}), 0,
+                  std::string(header) +
+                      "Normal           1.12.3\n"
+                      "NoDebug          1.13\n"
+                      "Unknown          Unknown\n"
+                      "Largest          255.65535.\n");
 }
 
 TEST_F(CardCommands, ALongNameShiftsItsColumn) {
@@ -108,18 +99,16 @@ TEST_F(CardCommands, ALongNameShiftsItsColumn) {
     const std::string long_name = "Qbcdefghijklmnopqrstuvwxyz";
     describe({.fpds = fpd(10, {{.name = long_name}, {.name = sixteen}})});
     // The marker has room for two lines of the usual width and no more.
-    const Result result = tool({"-b", "-c", "list_upgrade"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, std::string(header) + long_name + " 1.1.0\n" + sixteen + " 1.1.0\n");
+    expect_answer(tool({"-b", "-c", "list_upgrade"}), 0,
+                  std::string(header) + long_name + " 1.1.0\n" + sixteen + " 1.1.0\n");
 }
 
 TEST_F(CardCommands, ALongNameThatTheMarkerHasNoRoomFor) {
     const std::string long_name = "Qbcdefghijklmnopqrstuvwxyz";
     describe({.fpds = fpd(10, {{.name = "IoFpga"}, {.name = long_name}})});
-    const Result result = tool({"-b", "-c", "list_upgrade"});
-    EXPECT_EQ(result.status, failed);
-    EXPECT_THAT(result.err, StartsWith(interface_failed));
-    EXPECT_THAT(result.err, EndsWith("Out of buffer to add FPD info for " + long_name + "\n"));
+    expect_failure(tool({"-b", "-c", "list_upgrade"}),
+                   interface_failed + "Constructing FPD Upgrade queue failed err_msg Failed to add FPD " + long_name +
+                       " into Upgrade Marker, error Out of buffer to add FPD info for " + long_name + "\n");
     EXPECT_EQ(errors().front(),
               "[FPD] [ERROR] [AddFpdInfoUpgMarkerOOB] Out of buffer to add FPD info for " + long_name);
     EXPECT_THAT(errors(), Contains("[FPD] [ERROR] [AddFPDUpgMarkerFail] Failed to add FPD " + long_name +
@@ -131,7 +120,7 @@ TEST_F(CardCommands, ABackendRunAlsoTakesWhatTheBootLeavesAlone) {
                                {.name = "Never", .keys = "capabilities = 0x9"}})});
     EXPECT_EQ(tool({"-c", "check_upgrade"}).status, 0);
     EXPECT_EQ(tool({"-b", "-c", "check_upgrade"}).status, 1);
-    EXPECT_EQ(tool({"-b", "-c", "list_upgrade"}).out, std::string(header) + "ByHand           1.1.0\n");
+    expect_answer(tool({"-b", "-c", "list_upgrade"}), 0, std::string(header) + "ByHand           1.1.0\n");
     EXPECT_THAT(messages(tagged("InitFpdSkipAutoFpdUpgNotBootUp")),
                 ElementsAre("FPD ByHand Bootup Auto upgrade is not supported"));
     EXPECT_THAT(messages(tagged("InitFpdSkipAutoFpdUpgNotSupported")),
@@ -177,10 +166,9 @@ TEST_F(CardCommands, AModeThatCannotBeRead) {
 
 TEST_F(CardCommands, FpdsThatCannotBeCounted) {
     describe_faulty(call_fault("brd_group_fpd_num_fpds_get", 9));
-    const Result result = tool({"-c", "check_upgrade"});
-    EXPECT_EQ(result.status, failed);
-    EXPECT_THAT(result.err, StartsWith(interface_failed));
-    EXPECT_THAT(result.err, EndsWith("Failed to get No. of FPDs for group id 3\n"));
+    expect_failure(tool({"-c", "check_upgrade"}), interface_failed +
+                                                      "Initializing FPDs failed err_msg Failed to get No. "
+                                                      "of FPDs for group id 3\n");
     EXPECT_THAT(errors(),
                 ElementsAre("[FPD] [ERROR] [LoadFpdsNumFpdsGetFail] Failed to get No. of FPDs for group id 3",
                             "[FPD] [ERROR] [LoadFpdsFail] Initializing FPDs failed err_msg Failed to get No. of FPDs "
@@ -189,7 +177,8 @@ TEST_F(CardCommands, FpdsThatCannotBeCounted) {
 
 TEST_F(CardCommands, FpdsThatCannotBeListed) {
     describe_faulty(call_fault("brd_group_fpd_obj_id_list_get", 9));
-    EXPECT_THAT(tool({"-c", "check_upgrade"}).err, EndsWith("Failed to get FPD object ids\n"));
+    expect_failure(tool({"-c", "check_upgrade"}),
+                   interface_failed + "Initializing FPDs failed err_msg Failed to get FPD object ids\n");
     EXPECT_EQ(errors().front(), "[FPD] [ERROR] [LoadFpdsBrdObjGetFail] Failed to get FPD object ids");
 }
 
@@ -283,7 +272,7 @@ TEST_F(CardCommands, TheStatusLedIsFoundByTypeAndName) {
               .leds =
                   "[[led]]\nid = 5\ntype = 2\nname = \"Status\"\n[[led]]\nid = 6\nname = \"Fan\"\n"
                   "[[led]]\nid = 7\nname = \"STATUS\"\nstate = 1\ncolor = 1\n[[led]]\nid = 8\nname = \"Status\"\n"});
-    EXPECT_EQ(tool({"-b", "-c", "upgrade"}).out, "Auto FPD Upgrade done\n");
+    expect_answer(tool({"-b", "-c", "upgrade"}), 0, "Auto FPD Upgrade done\n");
     for (const CallRecord &call : of_function(calls(), "brd_led_state_and_color_set")) {
         EXPECT_THAT(call.arguments, StartsWith("group=3 obj=7 "));
     }
@@ -294,26 +283,35 @@ TEST_F(CardCommands, TheStatusLedIsFoundByTypeAndName) {
 
 TEST_F(CardCommands, AMessageLimitThatIsTooLow) {
     describe_faulty("");
-    for (const char *word : {"upgrade", "check_upgrade", "list_upgrade"}) {
-        const Result result = shell(std::string("echo 10 >/proc/sys/fs/mqueue/msg_max && bootup_fpd -c ") + word);
-        EXPECT_EQ(result.status, failed);
-        EXPECT_EQ(result.out, "");
-        EXPECT_THAT(result.err, StartsWith(interface_failed));
-        EXPECT_THAT(result.err, EndsWith("Couldn't open FPD msg queue err_msg Invalid argument\n"));
-    }
     const std::string reason = "Couldn't open FPD msg queue err_msg Invalid argument";
+    const std::string creation = "Creating Auto FPD Upgrade msg queue failed err_msg " + reason;
+    const std::string interface = "Initializing Auto FPD Upgrade msg queue failed err_msg " + creation;
+    for (const char *word : {"upgrade", "check_upgrade", "list_upgrade"}) {
+        expect_failure(shell(std::string("echo 10 >/proc/sys/fs/mqueue/msg_max && bootup_fpd -c ") + word),
+                       interface_failed + interface + "\n");
+    }
     EXPECT_THAT(errors(), Contains("[FPD] [ERROR] [FpdMQOpenFail] " + reason).Times(3));
+    EXPECT_THAT(errors(), Contains("[FPD] [ERROR] [CreateFpdMqFail] " + creation).Times(3));
+    EXPECT_THAT(errors(), Contains("[FPD] [ERROR] [InitMQFail] " + interface).Times(3));
+}
+
+TEST_F(CardCommands, AQueueThatCannotBeClosedFailsWhatWasAnswered) {
+    describe_faulty("");
+    const std::string closing = "Couldn't close FPD msg queue err_msg Bad file descriptor";
+    const std::string deletion = "Deleting Auto FPD Upgrade msg queue failed err_msg " + closing;
+    const std::string interface = "Deinitializing FPD msg queue failed err_msg " + deletion;
+    expect_answer(shell("LD_PRELOAD=" UNCLOSED_QUEUE " bootup_fpd -c check_upgrade"), failed,
+                  "FPD available that need to be upgraded\n",
+                  "Local Card Auto FPD Upgrade Interface Deinit failed err_msg " + interface + "\n");
     EXPECT_THAT(errors(),
-                Contains(HasSubstr("[CreateFpdMqFail] Creating Auto FPD Upgrade msg queue failed err_msg " + reason)));
-    EXPECT_THAT(errors(), Contains(testing::MatchesRegex(".*.InitMQFail. Initializing Auto FPD Upgrade msg queue "
-                                                         "failed err_msg .*" +
-                                                         reason)));
+                ElementsAre("[FPD] [ERROR] [MQClodeFail] " + closing, "[FPD] [ERROR] [DeleteFpdMqFail] " + deletion,
+                            "[FPD] [ERROR] [DeinitFpdMQFail] " + interface));
 }
 
 TEST_F(CardCommands, ConfigurationNeedsNoMessageQueue) {
     describe_faulty("");
-    EXPECT_EQ(shell("echo 10 >/proc/sys/fs/mqueue/msg_max && bootup_fpd -c get_config").out,
-              "Auto FPD Upgrade Config is 'ENABLED'\n");
+    expect_answer(shell("echo 10 >/proc/sys/fs/mqueue/msg_max && bootup_fpd -c get_config"), 0,
+                  "Auto FPD Upgrade Config is 'ENABLED'\n");
 }
 
 TEST_F(CardCommands, TheQueueIsRemovedBehindEveryCommand) {

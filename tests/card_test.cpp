@@ -5,6 +5,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "comparison_record.h"
 #include "text_match.h"
 
 namespace fs = std::filesystem;
@@ -172,6 +173,17 @@ std::string marker_line(const std::string &name, const std::string &version) {
     char line[256];
     std::snprintf(line, sizeof line, "FPD: %-16s | Version: %-12s\n", name.c_str(), version.c_str());
     return line;
+}
+
+void expect_answer(const Result &result, int status, const std::string &out, const std::string &err, const char *file,
+                   int line) {
+    const testing::ScopedTrace trace(file, line, "expect_answer");
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.out, out);
+    EXPECT_EQ(result.err, err);
+    if (!catalogue::recording()) return;
+    if (result.out == out) catalogue::record({"stdout", out});
+    if (result.err == err) catalogue::record({"stderr", err});
 }
 
 std::string usage_text(const std::string &program) {

@@ -74,6 +74,11 @@ class CardTest : public testing::Test {
 /// The line of the marker file for a region and the version it is upgraded to.
 std::string marker_line(const std::string &name, const std::string &version);
 
+/// Expects the status, and all that went to standard output and standard error. Texts that are as expected go on record
+/// for the message catalogue.
+void expect_answer(const Result &result, int status, const std::string &out, const std::string &err = {},
+                   const char *file = __builtin_FILE(), int line = __builtin_LINE());
+
 /// tests/usage.txt with the program's name filled in.
 std::string usage_text(const std::string &program);
 

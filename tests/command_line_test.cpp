@@ -26,9 +26,7 @@ class CommandLine : public CardTest {
         describe(Card{.keys = keys, .tables = tables, .fpds = fpd(10, {plain_region("IoFpga")})});
     }
     void expect_usage_error(const Result &result, const std::string &complaint) const {
-        EXPECT_EQ(result.status, failed);
-        EXPECT_EQ(result.out, usage_text("bootup_fpd"));
-        EXPECT_EQ(result.err, complaint);
+        expect_answer(result, failed, usage_text("bootup_fpd"), complaint);
         EXPECT_THAT(calls(), IsEmpty());
     }
 };
@@ -48,17 +46,14 @@ TEST_F(CommandLine, TheBackendOptionAloneIsNoCommand) {
 }
 
 TEST_F(CommandLine, HelpIsTheUsageAndNoError) {
-    const Result result = tool({"-h"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, usage_text("bootup_fpd"));
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-h"}), 0, usage_text("bootup_fpd"));
     EXPECT_THAT(calls(), IsEmpty());
 }
 
 TEST_F(CommandLine, TheUsageNamesTheProgramAsItWasCalled) {
-    EXPECT_EQ(tool({"-h"}).out, usage_text("bootup_fpd"));
-    EXPECT_EQ(shell(std::string(BOOTUP_FPD) + " -h").out, usage_text(BOOTUP_FPD));
-    EXPECT_EQ(shell("bash -c \"exec -a 'a %s' bootup_fpd -h\"").out, usage_text("a %s"));
+    expect_answer(tool({"-h"}), 0, usage_text("bootup_fpd"));
+    expect_answer(shell(std::string(BOOTUP_FPD) + " -h"), 0, usage_text(BOOTUP_FPD));
+    expect_answer(shell("bash -c \"exec -a 'a %s' bootup_fpd -h\""), 0, usage_text("a %s"));
 }
 
 TEST_F(CommandLine, HelpComesFirstWhereverItStands) {
@@ -67,20 +62,14 @@ TEST_F(CommandLine, HelpComesFirstWhereverItStands) {
                                                   {"-b", "-h"},
                                                   {"-bh"},
                                                   {"-h", "-c", "no_such_word"}}) {
-        const Result result = tool(words);
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, usage_text("bootup_fpd"));
-        EXPECT_EQ(result.err, "");
+        expect_answer(tool(words), 0, usage_text("bootup_fpd"));
     }
     EXPECT_THAT(calls(), IsEmpty());
     EXPECT_THAT(log(), IsEmpty());
 }
 
 TEST_F(CommandLine, HelpBehindAnErrorIsStillHelp) {
-    const Result result = tool({"-c", "no_such_word", "-h"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, usage_text("bootup_fpd"));
-    EXPECT_EQ(result.err, "Unknown Command Subopt, rc -1\n");
+    expect_answer(tool({"-c", "no_such_word", "-h"}), 0, usage_text("bootup_fpd"), "Unknown Command Subopt, rc -1\n");
 }
 
 // ---- words
@@ -94,40 +83,34 @@ TEST_F(CommandLine, AWordIsNotAbbreviated) {
 }
 
 TEST_F(CommandLine, TheLastWordWins) {
-    const Result result = tool({"-c", "upgrade,check_upgrade"});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "FPD available that need to be upgraded\n");
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-c", "upgrade,check_upgrade"}), 1, "FPD available that need to be upgraded\n");
     EXPECT_THAT(events(), IsEmpty());
 }
 
 TEST_F(CommandLine, TheLastOptionWins) {
-    const Result result = tool({"-c", "upgrade", "-b", "-c", "get_config"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "Auto FPD Upgrade Config is 'ENABLED'\n");
+    expect_answer(tool({"-c", "upgrade", "-b", "-c", "get_config"}), 0, "Auto FPD Upgrade Config is 'ENABLED'\n");
     EXPECT_THAT(texts(calls()), ElementsAre(get_config_call));
 }
 
 TEST_F(CommandLine, TheLastValueWins) {
-    EXPECT_EQ(tool({"-c", "set_config=enable,set_config=disable"}).out,
-              "Auto FPD Upgrade Config updated from 'ENABLED' to 'DISABLED'\n");
+    expect_answer(tool({"-c", "set_config=enable,set_config=disable"}), 0,
+                  "Auto FPD Upgrade Config updated from 'ENABLED' to 'DISABLED'\n");
     EXPECT_EQ(state().auto_upgrade, 0);
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=dummy-major-version", "-c", "set_upgrade_mode=mfg"}).status, 0);
+    expect_answer(tool({"-c", "set_upgrade_mode=dummy-major-version", "-c", "set_upgrade_mode=mfg"}), 0,
+                  "FPD Upgrade Mode updated to 'Regular'\n");
     EXPECT_EQ(state().upgrade_mode, 1);
 }
 
 TEST_F(CommandLine, AnEmptyCommandIsSkipped) {
-    const Result result = shell("bootup_fpd -c get_config -c ''");
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "Auto FPD Upgrade Config is 'ENABLED'\n");
+    expect_answer(shell("bootup_fpd -c get_config -c ''"), 0, "Auto FPD Upgrade Config is 'ENABLED'\n");
 }
 
 TEST_F(CommandLine, AValueThatAWordDoesNotTakeIsIgnored) {
-    EXPECT_EQ(tool({"-c", "get_config=disable"}).out, "Auto FPD Upgrade Config is 'ENABLED'\n");
+    expect_answer(tool({"-c", "get_config=disable"}), 0, "Auto FPD Upgrade Config is 'ENABLED'\n");
 }
 
 TEST_F(CommandLine, ATrailingCommaIsNoWord) {
-    EXPECT_EQ(tool({"-c", "get_config,"}).out, "Auto FPD Upgrade Config is 'ENABLED'\n");
+    expect_answer(tool({"-c", "get_config,"}), 0, "Auto FPD Upgrade Config is 'ENABLED'\n");
 }
 
 TEST_F(CommandLine, SetConfigWithoutASignIsEmpty) {
@@ -205,10 +188,7 @@ TEST_F(CommandLine, ShowsTheStoredConfiguration) {
                                        {"256", "'Unknown'"}}) {
         std::filesystem::remove_all(state_);
         describe_card(std::string("auto_upgrade = ") + stored);
-        const Result result = tool({"-c", "get_config"});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, std::string("Auto FPD Upgrade Config is ") + name + "\n");
-        EXPECT_EQ(result.err, "");
+        expect_answer(tool({"-c", "get_config"}), 0, std::string("Auto FPD Upgrade Config is ") + name + "\n");
     }
 }
 
@@ -226,30 +206,28 @@ TEST_F(CommandLine, AnEnabledConfigurationIsNotWorthALine) {
 }
 
 TEST_F(CommandLine, ChangesTheConfiguration) {
-    EXPECT_EQ(tool({"-c", "set_config=disable"}).out, "Auto FPD Upgrade Config updated from 'ENABLED' to 'DISABLED'\n");
+    expect_answer(tool({"-c", "set_config=disable"}), 0,
+                  "Auto FPD Upgrade Config updated from 'ENABLED' to 'DISABLED'\n");
     EXPECT_EQ(state().auto_upgrade, 0);
-    EXPECT_EQ(tool({"-c", "set_config=disable"}).out,
-              "Auto FPD Upgrade Config updated from 'DISABLED' to 'DISABLED'\n");
-    const Result result = tool({"-b", "-c", "set_config=enable"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "Auto FPD Upgrade Config updated from 'DISABLED' to 'ENABLED'\n");
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-c", "set_config=disable"}), 0,
+                  "Auto FPD Upgrade Config updated from 'DISABLED' to 'DISABLED'\n");
+    expect_answer(tool({"-b", "-c", "set_config=enable"}), 0,
+                  "Auto FPD Upgrade Config updated from 'DISABLED' to 'ENABLED'\n");
     EXPECT_EQ(state().auto_upgrade, 1);
 }
 
 TEST_F(CommandLine, ChangesAnUnknownConfiguration) {
     describe_card("auto_upgrade = 9");
-    EXPECT_EQ(tool({"-c", "set_config=enable"}).out, "Auto FPD Upgrade Config updated from 'Unknown' to 'ENABLED'\n");
+    expect_answer(tool({"-c", "set_config=enable"}), 0,
+                  "Auto FPD Upgrade Config updated from 'Unknown' to 'ENABLED'\n");
 }
 
 TEST_F(CommandLine, AConfigurationThatCannotBeReadFailsEveryCommand) {
     describe_card("", call_fault("brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config", 5, "text = \"store is gone\""));
     for (const char *word : {"get_config", "set_config=enable", "get_upgrade_mode", "set_upgrade_mode=mfg", "upgrade",
                              "check_upgrade", "list_upgrade"}) {
-        const Result result = tool({"-b", "-c", word});
-        EXPECT_EQ(result.status, failed);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, "Getting Auto FPD Upgrade configuration is failed, store is gone\n");
+        expect_answer(tool({"-b", "-c", word}), failed, "",
+                      "Getting Auto FPD Upgrade configuration is failed, store is gone\n");
     }
     EXPECT_THAT(calls(), SizeIs(7));
     EXPECT_EQ(
@@ -259,16 +237,15 @@ TEST_F(CommandLine, AConfigurationThatCannotBeReadFailsEveryCommand) {
 
 TEST_F(CommandLine, AConfigurationThatCannotBeStored) {
     describe_card("", call_fault("brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config", 5, "text = \"store is full\""));
-    const Result result = tool({"-c", "set_config=disable"});
-    EXPECT_EQ(result.status, failed);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "Setting Auto FPD Upgrade configuration is failed, store is full\n");
+    expect_answer(tool({"-c", "set_config=disable"}), failed, "",
+                  "Setting Auto FPD Upgrade configuration is failed, store is full\n");
     EXPECT_EQ(state().auto_upgrade, 1);
 }
 
 TEST_F(CommandLine, AStoreWithoutAReasonLeavesNone) {
     describe_card("", call_fault("brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config", 5));
-    EXPECT_EQ(tool({"-c", "set_config=disable"}).err, "Setting Auto FPD Upgrade configuration is failed, \n");
+    expect_answer(tool({"-c", "set_config=disable"}), failed, "",
+                  "Setting Auto FPD Upgrade configuration is failed, \n");
 }
 
 // ---- get_upgrade_mode, set_upgrade_mode
@@ -282,42 +259,34 @@ TEST_F(CommandLine, ShowsTheStoredMode) {
                                        {"-1", "'Unknown'"}}) {
         std::filesystem::remove_all(state_);
         describe_card(std::string("upgrade_mode = ") + stored);
-        const Result result = tool({"-c", "get_upgrade_mode"});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, std::string("FPD Upgrade Mode: ") + name + "\n");
-        EXPECT_EQ(result.err, "");
+        expect_answer(tool({"-c", "get_upgrade_mode"}), 0, std::string("FPD Upgrade Mode: ") + name + "\n");
     }
 }
 
 TEST_F(CommandLine, AChangeOfModeTellsTheOldOne) {
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=mfg"}).out, "FPD Upgrade Mode updated to 'Regular'\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=mfg"}), 0, "FPD Upgrade Mode updated to 'Regular'\n");
     EXPECT_EQ(state().upgrade_mode, 1);
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=dummy-minor-version"}).out,
-              "FPD Upgrade Mode updated to 'Manufacturing'\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=dummy-minor-version"}), 0,
+                  "FPD Upgrade Mode updated to 'Manufacturing'\n");
     EXPECT_EQ(state().upgrade_mode, 2);
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=dummy-major-version"}).out,
-              "FPD Upgrade Mode updated to 'Dummy Minor Version'\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=dummy-major-version"}), 0,
+                  "FPD Upgrade Mode updated to 'Dummy Minor Version'\n");
     EXPECT_EQ(state().upgrade_mode, 3);
-    const Result result = tool({"-b", "-c", "set_upgrade_mode=regular"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "FPD Upgrade Mode updated to 'Dummy Major Version'\n");
-    EXPECT_EQ(result.err, "");
+    expect_answer(tool({"-b", "-c", "set_upgrade_mode=regular"}), 0,
+                  "FPD Upgrade Mode updated to 'Dummy Major Version'\n");
     EXPECT_EQ(state().upgrade_mode, 0);
 }
 
 TEST_F(CommandLine, AChangeOfAnUnknownMode) {
     describe_card("upgrade_mode = 7");
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=regular"}).out, "FPD Upgrade Mode updated to 'Unknown'\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=regular"}), 0, "FPD Upgrade Mode updated to 'Unknown'\n");
     EXPECT_EQ(state().upgrade_mode, 0);
 }
 
 TEST_F(CommandLine, AModeThatCannotBeReadGivesTheStoresCode) {
     describe_card("", call_fault("brd_intf_fpd_upgrade_cookie_get_upgrade_mode", 5, "text = \"no such record\""));
     for (const char *word : {"get_upgrade_mode", "set_upgrade_mode=mfg"}) {
-        const Result result = tool({"-c", word});
-        EXPECT_EQ(result.status, 5);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, "Getting FPD Upgrade Mode failed, no such record\n");
+        expect_answer(tool({"-c", word}), 5, "", "Getting FPD Upgrade Mode failed, no such record\n");
     }
     EXPECT_EQ(state().upgrade_mode, 0);
     EXPECT_THAT(of_function(calls(), "brd_intf_fpd_upgrade_cookie_set_upgrade_mode"), IsEmpty());
@@ -325,17 +294,15 @@ TEST_F(CommandLine, AModeThatCannotBeReadGivesTheStoresCode) {
 
 TEST_F(CommandLine, AModeThatCannotBeStoredGivesTheStoresCode) {
     describe_card("", call_fault("brd_intf_fpd_upgrade_cookie_set_upgrade_mode", -13, "text = \"read-only\""));
-    const Result result = tool({"-c", "set_upgrade_mode=mfg"});
-    EXPECT_EQ(result.status, 256 - 13);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "Setting FPD Upgrade Mode is failed, read-only\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=mfg"}), 256 - 13, "",
+                  "Setting FPD Upgrade Mode is failed, read-only\n");
     EXPECT_EQ(state().upgrade_mode, 0);
 }
 
 TEST_F(CommandLine, TheModeIsAnsweredAlsoWhenAutoUpgradeIsOff) {
     describe_card("auto_upgrade = 0");
-    EXPECT_EQ(tool({"-c", "get_upgrade_mode"}).out, "FPD Upgrade Mode: 'Regular'\n");
-    EXPECT_EQ(tool({"-c", "set_upgrade_mode=mfg"}).out, "FPD Upgrade Mode updated to 'Regular'\n");
+    expect_answer(tool({"-c", "get_upgrade_mode"}), 0, "FPD Upgrade Mode: 'Regular'\n");
+    expect_answer(tool({"-c", "set_upgrade_mode=mfg"}), 0, "FPD Upgrade Mode updated to 'Regular'\n");
 }
 
 // ---- auto-upgrade off
@@ -343,19 +310,16 @@ TEST_F(CommandLine, TheModeIsAnsweredAlsoWhenAutoUpgradeIsOff) {
 TEST_F(CommandLine, CardCommandsStopWhenAutoUpgradeIsOff) {
     describe_card("auto_upgrade = 0");
     for (const char *word : {"check_upgrade", "upgrade", "list_upgrade"}) {
-        const Result result = tool({"-b", "-c", word});
-        EXPECT_EQ(result.status, 0);
-        EXPECT_EQ(result.out, "Auto FPD Upgrade is Disabled\n");
-        EXPECT_EQ(result.err, "");
+        expect_answer(tool({"-b", "-c", word}), 0, "Auto FPD Upgrade is Disabled\n");
     }
     EXPECT_THAT(texts(calls()), ElementsAre(get_config_call, get_config_call, get_config_call));
 }
 
 TEST_F(CommandLine, ACardThatSaysNeitherOnNorOffIsUpgraded) {
     describe_card("auto_upgrade = 2");
-    EXPECT_EQ(tool({"-c", "get_config"}).out, "Auto FPD Upgrade Config is 'Unknown'\n");
+    expect_answer(tool({"-c", "get_config"}), 0, "Auto FPD Upgrade Config is 'Unknown'\n");
     EXPECT_EQ(tool({"-c", "check_upgrade"}).status, 1);
-    EXPECT_EQ(tool({"-b", "-c", "upgrade"}).out, "Auto FPD Upgrade done\n");
+    expect_answer(tool({"-b", "-c", "upgrade"}), 0, "Auto FPD Upgrade done\n");
     EXPECT_EQ(state().region("IoFpga").programmed, "1.1.0");
 }
 

@@ -50,12 +50,12 @@ struct Fate {
 };
 
 /// How a run that was carried out ends.
-enum class RunEnd { NoReset, GrubRefused, Reset, BigReset, Killed };
+enum class RunEnd { NoReset, GrubRefused, Reset, BigReset, Killed, PowerLost };
 
 /// Everything that a card is left with by the runs of its life.
 struct Life {
     std::vector<Fate> fates{};                  ///< of all its regions, in the card's order, all of FPD 10
-    std::vector<RunEnd> runs;                   ///< those that upgraded, or tried to
+    std::vector<RunEnd> runs{};                 ///< those that upgraded, or tried to
     std::vector<std::string> errors{};          ///< in the diagnostic log, besides those of the attempts
     std::string marker{};                       ///< text of the marker file; empty: there is none
     int boots = 1;                              ///< number of the last boot
@@ -69,6 +69,12 @@ Region with_attempts(Region region, const std::string &attempts);
 
 /// The errors of a dependent that is given up when its turn comes.
 std::vector<std::string> given_up(const std::string &name, const std::string &dependency, const std::string &state);
+
+/// The name of a table's row is that of its test.
+template <typename Row>
+std::string name_of(const testing::TestParamInfo<Row> &info) {
+    return info.param.name;
+}
 
 class LifeTest : public CardTest {
   protected:

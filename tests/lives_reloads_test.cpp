@@ -265,14 +265,10 @@ const std::vector<Row> flashes = {
      .first_flash_files = {2, 11, 9}},
 };
 
-std::string name_of(const testing::TestParamInfo<Row> &info) {
-    return info.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Activation, Reloads, testing::ValuesIn(activations), name_of);
-INSTANTIATE_TEST_SUITE_P(Failure, Reloads, testing::ValuesIn(failures), name_of);
-INSTANTIATE_TEST_SUITE_P(Marker, Reloads, testing::ValuesIn(markers), name_of);
-INSTANTIATE_TEST_SUITE_P(Refusal, Reloads, testing::ValuesIn(refusals), name_of);
-INSTANTIATE_TEST_SUITE_P(Flash, Reloads, testing::ValuesIn(flashes), name_of);
+INSTANTIATE_TEST_SUITE_P(Activation, Reloads, testing::ValuesIn(activations), name_of<Row>);
+INSTANTIATE_TEST_SUITE_P(Failure, Reloads, testing::ValuesIn(failures), name_of<Row>);
+INSTANTIATE_TEST_SUITE_P(Marker, Reloads, testing::ValuesIn(markers), name_of<Row>);
+INSTANTIATE_TEST_SUITE_P(Refusal, Reloads, testing::ValuesIn(refusals), name_of<Row>);
+INSTANTIATE_TEST_SUITE_P(Flash, Reloads, testing::ValuesIn(flashes), name_of<Row>);
 
 }  // namespace

@@ -8,11 +8,9 @@ using namespace card_tests;
 
 namespace {
 
-using Retries = LifeTest;
-
 /// A region whose last attempt decides.
-Fate settled(const std::string &attempts, int queue) {
-    Fate fate{.name = "Phy" + attempts, .attempts = attempts, .versions = programmed, .queue = queue};
+Fate settled(const std::string &name, const std::string &attempts, int queue) {
+    Fate fate{.name = name, .attempts = attempts, .versions = programmed, .queue = queue};
     if (attempts.back() != 'D') {
         const bool reported = std::string("FGH").find(attempts.back()) != std::string::npos;
         fate.state = reported ? fate::failed : fate::refused;
@@ -21,34 +19,49 @@ Fate settled(const std::string &attempts, int queue) {
     return fate;
 }
 
-Region part(const Fate &fate) {
-    return with_attempts(
-        {.name = fate.name, .keys = "activation = 5\nsequence = " + std::to_string(fate.queue) + "\n" + duration(2)},
-        fate.attempts);
-}
+class Retries : public LifeTest {
+  protected:
+    void add(const Fate &fate, const std::string &dependency = {}) {
+        const std::string sequence = "sequence = " + std::to_string(fate.queue) + "\n";
+        Region region{.name = fate.name, .keys = "activation = 5\n" + sequence + duration(2)};
+        if (!dependency.empty()) region.image_keys = depends_on(dependency);
+        regions_.push_back(with_attempts(region, fate.attempts));
+        life_.fates.push_back(fate);
+        life_.marker += marker_line(fate.name, fate.to);
+    }
+    /// A region that waits for one in the first queue: it comes to nothing where that one does.
+    void add_waiting(const Fate &base) {
+        if (base.state == fate::done) {
+            add(settled("On" + base.name, "D", 1), base.name);
+            return;
+        }
+        add({.name = "On" + base.name, .state = fate::refused, .versions = old, .queue = 1}, base.name);
+        for (const std::string &error : given_up("On" + base.name, base.name, base.state)) {
+            life_.errors.push_back(error);
+        }
+    }
 
-TEST_F(Retries, EveryRegionHasOneRetryWhereverItFailsOrHangs) {
-    const std::vector<std::string> in_first_queue = {
-        "D",                                                         // nothing to be retried
-        "FD", "FF", "GD", "GG", "HD", "HH",                          // failures
-        "SD", "SS", "TD", "TT", "UD", "UU",                          // hangs
-        "FS", "SF", "FT", "SG", "HU", "TH", "FH", "ST", "GS", "UF",  // one behind the other
-        "XD", "XX", "XF",                                            // hangs that cannot be ended
-    };
-    Life life{.runs = {RunEnd::Reset}};
-    for (const std::string &attempts : in_first_queue) life.fates.push_back(settled(attempts, 0));
-    for (const char *attempts : {"GD", "D", "FF"}) {  // a queue that asks for nothing of the one in front of it
-        life.fates.push_back(settled(attempts, 1));
-        life.fates.back().name += "Next";
+    Life life_{.runs = {RunEnd::Reset}};
+    std::vector<Region> regions_;
+};
+
+TEST_F(Retries, EveryRegionHasOneWhereverItFailsOrHangs) {
+    for (const char *attempts : {
+             "D",                                                         // nothing to be retried
+             "FD", "FF", "GD", "GG", "HD", "HH",                          // failures
+             "SD", "SS", "TD", "TT", "UD", "UU",                          // hangs
+             "FS", "SF", "FT", "SG", "HU", "TH", "FH", "ST", "GS", "UF",  // one behind the other
+             "XD", "XX", "XF",                                            // hangs that cannot be ended
+         }) {
+        add(settled(std::string("Phy") + attempts, attempts, 0));
     }
-    std::vector<Region> regions;
-    for (const Fate &fate : life.fates) {
-        regions.push_back(part(fate));
-        life.marker += marker_line(fate.name, fate.to);
+    for (const char *attempts : {"GD", "D", "FF"}) add(settled(std::string("Next") + attempts, attempts, 1));
+    for (const char *attempts : {"D", "SD", "SS", "TT", "XD", "XF"}) {
+        add_waiting(settled(std::string("Phy") + attempts, attempts, 0));
     }
-    describe({.tables = "[obfl]\nmounted = true\n", .fpds = fpd(10, regions)});
+    describe({.tables = "[obfl]\nmounted = true\n", .fpds = fpd(10, regions_)});
     upgrade();
-    expect_life(life);
+    expect_life(life_);
     // Six minutes of the card's time and more, with a punch every 10 s whatever the workers do.
     EXPECT_GE(tagged("AutoFpdUpgradeProgressWDPunch").size(), 15U);
 }

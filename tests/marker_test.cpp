@@ -91,10 +91,7 @@ TEST_F(Marker, IsRemovedWhenNothingIsLeftToDo) {
 
 TEST_F(Marker, ThatCannotBeReadFailsTheRun) {
     fs::create_directory(marker_file());
-    const Result result = tool({"-c", "upgrade"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "FPD Upgrade failed\n");
+    expect_answer(tool({"-c", "upgrade"}), 0, "", "FPD Upgrade failed\n");
     EXPECT_FALSE(upgraded());
     EXPECT_THAT(errors(),
                 ElementsAre(StartsWith("[FPD] [ERROR] [UpgMarkerCheckFail] Failed to check upgrade marker, error "
@@ -105,10 +102,7 @@ TEST_F(Marker, ThatCannotBeReadFailsTheRun) {
 TEST_F(Marker, ThatCannotBeRemovedFailsTheRun) {
     tool({"-b", "-c", "upgrade"});
     fs::create_directory(marker_file());
-    const Result result = tool({"-c", "upgrade"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "FPD Upgrade failed\n");
+    expect_answer(tool({"-c", "upgrade"}), 0, "", "FPD Upgrade failed\n");
     EXPECT_THAT(errors(),
                 ElementsAre("[FPD] [ERROR] [DeletePreUpgMarkerFail] Failed to remove previously cached Upgrade "
                             "Marker file, error Unable to remove Upgrade Marker file "

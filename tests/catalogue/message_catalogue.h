@@ -2,7 +2,7 @@
 ///
 /// It is written down here by itself, and neither made from the tool's sources nor used by them; catalogue_tests holds
 /// the two against each other, and against what the other tests compare. It lists for each row the tests that do, in
-/// "messages.txt" of its build directory.
+/// the directory "messages" beside its objects.
 #ifndef MESSAGE_CATALOGUE_H
 #define MESSAGE_CATALOGUE_H
 

@@ -56,9 +56,9 @@ TEST_F(DiagnosticLog, WritesEveryFieldOfALine) {
 
 TEST_F(DiagnosticLog, PutsTheFieldsInTheirOrder) {
     hold_time();
-    fpd_log("LED", "DEBUG", "SomeTag", "brd_intf_led", 95, "state %d, colour %s", 2, "green");
+    fpd_log("LED", "DEBUG", "SomeTag", "some_module", 95, "state %d, colour %s", 2, "green");
     EXPECT_EQ(read_file(diagnostic_log_path),
-              line_front() + " [LED] [DEBUG] [SomeTag] [brd_intf_led:95] [state 2, colour green]\n");
+              line_front() + " [LED] [DEBUG] [SomeTag] [some_module:95] [state 2, colour green]\n");
 }
 
 TEST_F(DiagnosticLog, LeavesOutFieldsThatAreNull) {

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <regex>
 
+#include "comparison_record.h"
 #include "fake_platform.h"
 #include "interpose.h"
 
@@ -70,6 +71,42 @@ bool parse_line(std::string_view text, LogLine &line) {
            take_place(text, line.file, line.line) && take_message(text, line.message);
 }
 
+struct ParsedLog {
+    std::vector<LogLine> lines;
+    std::vector<std::string> others;  // what is not of the log's form
+};
+
+ParsedLog parse_log(const std::string &text) {
+    ParsedLog log;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = next_line(text, begin);
+        const std::string_view one = std::string_view(text).substr(begin, end - begin);
+        LogLine line;
+        if (parse_line(one, line))
+            log.lines.push_back(line);
+        else
+            log.others.emplace_back(one);
+        begin = end;
+    }
+    return log;
+}
+
+void record_line(std::string_view what, const LogLine &line) {
+    catalogue::record({what, line.component, line.level, line.tag, line.file, line.message});
+}
+
+/// For the message catalogue: a line that it holds for impossible is one that no test may see.
+void record_seen_lines() {
+    if (!catalogue::recording() || !fs::is_regular_file(diagnostic_log_path)) return;
+    for (const LogLine &line : parse_log(read_file(diagnostic_log_path)).lines) record_line("seen", line);
+}
+
+/// Behind all the other matchers of a line: reached when the line is as they say.
+MATCHER(GoesOnRecord, "") {
+    if (catalogue::recording()) record_line("compared", arg);
+    return true;
+}
+
 }  // namespace
 
 CardTest::CardTest() {
@@ -81,6 +118,7 @@ CardTest::CardTest() {
 
 CardTest::~CardTest() {
     interpose::reset();
+    record_seen_lines();
 }
 
 std::string default_bootstrap_text() {
@@ -93,19 +131,9 @@ void PrintTo(const LogLine &line, std::ostream *out) {
 }
 
 std::vector<LogLine> log_lines() {
-    const std::string text = read_file(diagnostic_log_path);
-    std::vector<LogLine> lines;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const std::size_t end = next_line(text, begin);
-        const std::string_view one = std::string_view(text).substr(begin, end - begin);
-        LogLine line;
-        if (parse_line(one, line))
-            lines.push_back(line);
-        else
-            ADD_FAILURE() << "not a line of the log: " << one.substr(0, 300);
-        begin = end;
-    }
-    return lines;
+    const ParsedLog log = parse_log(read_file(diagnostic_log_path));
+    for (const std::string &other : log.others) ADD_FAILURE() << "not a line of the log: " << other.substr(0, 300);
+    return log.lines;
 }
 
 std::vector<LogLine> log_lines(std::string_view tag) {
@@ -115,6 +143,7 @@ std::vector<LogLine> log_lines(std::string_view tag) {
 }
 
 void clear_log() {
+    record_seen_lines();
     fs::remove(diagnostic_log_path);
 }
 
@@ -124,7 +153,7 @@ testing::Matcher<const LogLine &> log_line(const Module &module, std::string_vie
     return testing::AllOf(Field("component", &LogLine::component, module.component),
                           Field("level", &LogLine::level, level), Field("tag", &LogLine::tag, tag),
                           Field("file", &LogLine::file, module.file), Field("line", &LogLine::line, testing::Gt(0)),
-                          Field("message", &LogLine::message, message));
+                          Field("message", &LogLine::message, message), GoesOnRecord());
 }
 
 void expect_log(const Module &module, std::string_view level, std::string_view tag, std::string_view message,

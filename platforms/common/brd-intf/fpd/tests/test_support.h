@@ -60,7 +60,8 @@ std::vector<LogLine> log_lines(std::string_view tag);
 /// Forgets the lines so far.
 void clear_log();
 
-/// Whether a line has that module's component and file, a line number, and this level, tag and whole message.
+/// Whether a line has that module's component and file, a line number, and this level, tag and whole message. The line
+/// is then on record for the message catalogue.
 testing::Matcher<const LogLine &> log_line(const Module &module, std::string_view level, std::string_view tag,
                                            std::string_view message);
 /// Expects one line with the tag, and that it is so.
