@@ -61,8 +61,9 @@ struct Row {
     std::set<std::string> compared_by{};  // whole
 };
 
+/// In one line.
 void PrintTo(const Row &row, std::ostream *out) {
-    *out << row.place << " \"" << row.format << '"';
+    *out << row.place << ' ' << testing::PrintToString(row.format);
 }
 
 enum class Arguments { any, filled };
