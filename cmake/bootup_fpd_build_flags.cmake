@@ -45,10 +45,22 @@ function(bootup_fpd_coverage target)
   endif()
 endfunction()
 
-# Most of the time that a test takes to compile goes into these headers.
+# Most of the time that a test takes to compile goes into these headers: they are compiled once for all test programs.
+set(test_headers_source ${CMAKE_CURRENT_LIST_DIR}/test_headers.cpp)
 function(bootup_fpd_precompile_test_headers target)
-  target_precompile_headers(${target} PRIVATE
-    <gmock/gmock.h> <gtest/gtest.h> <algorithm> <chrono> <filesystem> <fstream> <functional> <string> <thread> <vector>)
+  if(NOT TARGET test_headers)
+    # A program, as what is compiled once for programs only programs can use.
+    add_executable(test_headers EXCLUDE_FROM_ALL ${test_headers_source})
+    target_link_libraries(test_headers PRIVATE bootup_fpd_build_flags GTest::gmock)
+    target_precompile_headers(test_headers PRIVATE
+      <gmock/gmock.h> <gtest/gtest.h> <algorithm> <chrono> <filesystem> <fstream> <functional> <string> <thread> <vector>)
+    bootup_fpd_test_options(test_headers)
+  endif()
+  target_precompile_headers(${target} REUSE_FROM test_headers)
+  bootup_fpd_test_options(${target})
+endfunction()
+
+function(bootup_fpd_test_options target)
   if(BOOTUP_FPD_SANITIZE MATCHES "undefined")
     # It is what is tested that must be free of undefined behaviour; the tests alone would double the time to build.
     target_compile_options(${target} PRIVATE -fno-sanitize=undefined)
