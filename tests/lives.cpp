@@ -301,7 +301,7 @@ void LifeTest::expect_errors(const Life &life) const {
     EXPECT_THAT(foreseeable(errors()), UnorderedElementsAreArray(expected));
 }
 
-/// All scripts in their order, but those whose moment nobody can tell: of attempts and flash, and the periodic ones.
+/// All scripts in their order, but those whose moment nobody can tell: of attempts, of mounting, and the periodic ones.
 void LifeTest::expect_scripts(const Life &life) const {
     const std::string event = std::string(event_script) + " '-e' ";
     Lines expected;
@@ -310,18 +310,20 @@ void LifeTest::expect_scripts(const Life &life) const {
         if (!cut_off(end)) expected.push_back(event + "'ended' '-m' 'Auto FPD Upgrade Operation Ended'");
         append(expected, scripts_behind(end));
     }
-    Lines called = scripts();
-    std::erase_if(called, [&](const std::string &line) {
-        return line == punch || line.starts_with(flash_command) ||
-               (line.starts_with(event) && !line.starts_with(event + "'started'") &&
-                !line.starts_with(event + "'ended'"));
-    });
-    EXPECT_EQ(called, expected);
+    Lines called;
     Lines flash;
     for (const std::string &line : scripts()) {
-        const Lines parts = match(std::string(flash_command) + " '(start|stop)' 'obfl'", line);
-        if (!parts.empty()) flash.push_back(parts[1]);
+        const Lines operation = match(std::string(flash_command) + " '(start|stop)' 'obfl'", line);
+        if (!operation.empty()) {
+            flash.push_back(operation[1]);
+            const bool right_behind_the_end = !called.empty() && called.back().starts_with(event + "'ended'");
+            EXPECT_TRUE(operation[1] == "start" || right_behind_the_end);
+        } else if (line.starts_with(event + "'started'") || line.starts_with(event + "'ended'") ||
+                   (line != punch && !line.starts_with(event))) {
+            called.push_back(line);
+        }
     }
+    EXPECT_EQ(called, expected);
     EXPECT_EQ(flash, life.flash_commands);
 }
 

@@ -94,6 +94,7 @@ class Dependencies : public LifeTest {
     }
 };
 
+/// Case 4, without the faults.
 TEST_F(Dependencies, AreUpgradedBeforeWhateverWaitsForThem) {
     live({
         {.what = "a chain in the best order",
@@ -137,6 +138,7 @@ TEST_F(Dependencies, AreUpgradedBeforeWhateverWaitsForThem) {
     });
 }
 
+/// Case 4, and every other way not to come.
 TEST_F(Dependencies, ThatNeverComeTakeWhateverWaitsForThemAlong) {
     live({
         {.what = "it fails",

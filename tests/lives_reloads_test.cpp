@@ -1,5 +1,7 @@
 /// From the first power-on until the card is up, over as many reloads as its new firmware asks for.
 
+#include <filesystem>
+
 #include "lives.h"
 
 using namespace card_tests;
@@ -181,6 +183,7 @@ const std::vector<Row> markers = {
      .first_marker = marker_of({"A"})},
 };
 
+/// Cases 7 and 8, and what the next power-on makes of them.
 const std::vector<Row> refusals = {
     {.name = "ABootLoaderThatRefusesLeavesItToTheNextPowerOn",
      .life = {.fates = {settled("A")},
@@ -270,5 +273,34 @@ INSTANTIATE_TEST_SUITE_P(Failure, Reloads, testing::ValuesIn(failures), name_of<
 INSTANTIATE_TEST_SUITE_P(Marker, Reloads, testing::ValuesIn(markers), name_of<Row>);
 INSTANTIATE_TEST_SUITE_P(Refusal, Reloads, testing::ValuesIn(refusals), name_of<Row>);
 INSTANTIATE_TEST_SUITE_P(Flash, Reloads, testing::ValuesIn(flashes), name_of<Row>);
+
+using UnwritableMarker = LifeTest;
+
+/// A directory takes the marker's place once the first run has begun. The card is reloaded all the same, and what the
+/// next boot cannot read keeps it from being reloaded for ever.
+TEST_F(UnwritableMarker, NeitherKeepsTheCardFromItsReloadNorLetsItLoop) {
+    const std::string marker = "/misc/scratch/bootup_fpd_marker.txt";
+    const std::string startup = "test -e " + marker +
+                                " || { until grep -qs FpdUpgResponseStarted /var/log/fpd.log; do sleep 0.01; done; "
+                                "mkdir -p " +
+                                marker + "/full; } & bootup_fpd -c upgrade; status=$?; wait; exit $status";
+    const Region region = {
+        .name = "A", .keys = "activation = 5\n" + duration(30), .tables = region_fault("does_not_stick")};
+    describe({.keys = "startup = '''" + startup + "'''", .tables = mounted_flash, .fpds = fpd(10, {region})});
+    const Result result = boot(life_speed);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "FPD Upgrade failed\n");
+    EXPECT_THAT(result.out, testing::EndsWith("boot 2: the card is up\n"));
+    EXPECT_TRUE(std::filesystem::is_directory(marker_file()));
+    std::filesystem::remove_all(marker_file());
+    expect_life({.fates = {stopped("A", "D")},
+                 .runs = {RunEnd::Reset},
+                 .errors = {"[FPD] [ERROR] [WriteUpgMarkerDataFail] Failed to write Upgrade Marker Data, error Unable "
+                            "to open the Upgrade marker file " +
+                                marker + ", error Is a directory",
+                            "[FPD] [ERROR] [UpgMarkerCheckFail] Failed to check upgrade marker, error Failed to read "
+                            "marker data, error 1"},
+                 .boots = 2});
+}
 
 }  // namespace
