@@ -401,14 +401,14 @@ TEST_F(Order, AResetThatFails) {
 
 /// The mount outlasts the run by far: the lines go to the flash at the run's end.
 TEST_F(Order, AFlashThatIsMountedByTheRun) {
-    describe({.tables = "[obfl]\nmount_time = 20.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
+    describe({.tables = "[obfl]\nmount_time = 30.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
     expect_order("flash_mounted_by_the_run", {"-b", "-c", "upgrade"});
 }
 
 /// The mount ends in the midst of an upgrade: the lines so far go to the flash before the next one.
 TEST_F(Order, AFlashThatIsMountedDuringTheRun) {
-    describe({.tables = "[obfl]\nmount_time = 15.0\n",
-              .fpds = fpd(10, {{.name = "IoFpga", .keys = "reports = 0\n" + duration(30)}})});
+    describe({.tables = "[obfl]\nmount_time = 20.0\n",
+              .fpds = fpd(10, {{.name = "IoFpga", .keys = "reports = 0\n" + duration(40)}})});
     expect_order("flash_mounted_during_the_run", {"-b", "-c", "upgrade"});
 }
 
@@ -420,7 +420,7 @@ TEST_F(Order, AFlashThatCannotBeMounted) {
 
 TEST_F(Order, AFlashThatCannotBeUnmounted) {
     describe(
-        {.tables = "[obfl]\nunmount_fails = true\nmount_time = 20.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
+        {.tables = "[obfl]\nunmount_fails = true\nmount_time = 30.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
     expect_order("flash_not_unmounted", {"-b", "-c", "upgrade"});
 }
 
