@@ -80,10 +80,11 @@ std::string region_name(const std::string &cut_name, FakePlatform &fake) {
     return cut_name;
 }
 
-FakeCommand find_command(const std::string &line) {
+FakeCommand find_command(const std::string &line, const FakeCommandBuffers &buffers) {
     FakePlatform &fake = fake_platform();
     const std::lock_guard guard(fake.lock);
     fake.recorded_commands.push_back(line);
+    fake.recorded_buffers.push_back(buffers);
     for (auto each = fake.commands.rbegin(); each != fake.commands.rend(); ++each)
         if (line.starts_with(each->prefix)) return *each;
     return {};
@@ -132,6 +133,11 @@ std::vector<std::string> FakePlatform::command_lines() {
     return recorded_commands;
 }
 
+std::vector<FakeCommandBuffers> FakePlatform::command_buffers() {
+    const std::lock_guard guard(lock);
+    return recorded_buffers;
+}
+
 std::vector<BrdFpdUpgradeRequest> FakePlatform::upgrade_requests() {
     const std::lock_guard guard(lock);
     return recorded_upgrades;
@@ -151,6 +157,7 @@ void FakePlatform::forget_calls() {
     const std::lock_guard guard(lock);
     recorded.clear();
     recorded_commands.clear();
+    recorded_buffers.clear();
     recorded_upgrades.clear();
     recorded_descriptions.clear();
     recorded_hardware.clear();
@@ -409,7 +416,8 @@ int exec_shell_command(char *output, std::size_t output_size, std::size_t *outpu
     va_start(arguments, format);
     std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    const FakeCommand command = find_command(line);
+    const bool zeroed = std::all_of(output, output + output_size, [](char byte) { return byte == '\0'; });
+    const FakeCommand command = find_command(line, {output_size, err_len, zeroed});
     if (command.effect) command.effect();
     copy_text(output, output_size, command.output);
     if (output && output_len) *output_len = std::strlen(output);

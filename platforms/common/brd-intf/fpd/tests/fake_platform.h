@@ -45,6 +45,14 @@ struct FakeCommand {
     std::function<void()> effect;  // runs first; may be null
 };
 
+/// What exec_shell_command was handed to write into.
+struct FakeCommandBuffers {
+    std::size_t output_size = 0;
+    std::size_t error_size = 0;
+    bool output_zeroed = false;  // every byte of it
+    bool operator==(const FakeCommandBuffers &) const = default;
+};
+
 /// One call of a closed function, with its arguments as text: {"brd_led_type_get", "3, 1"}.
 struct FakeCall {
     std::string function;
@@ -92,6 +100,7 @@ struct FakePlatform {
     std::vector<FakeCall> calls();
     std::vector<FakeCall> calls_of(const std::string &function);
     std::vector<std::string> command_lines();              // of exec_shell_command
+    std::vector<FakeCommandBuffers> command_buffers();     // of its calls
     std::vector<BrdFpdUpgradeRequest> upgrade_requests();  // of brd_fpd_upgrade
     std::vector<FpdDescRequest> description_requests();    // of check_and_get_upgrade_image
     std::vector<FruHwData> hardware_data();                // of brd_fru_hw_data_init
@@ -106,6 +115,7 @@ struct FakePlatform {
     std::mutex lock;  // of everything above and below
     std::vector<FakeCall> recorded;
     std::vector<std::string> recorded_commands;
+    std::vector<FakeCommandBuffers> recorded_buffers;
     std::vector<BrdFpdUpgradeRequest> recorded_upgrades;
     std::vector<FpdDescRequest> recorded_descriptions;
     std::vector<FruHwData> recorded_hardware;

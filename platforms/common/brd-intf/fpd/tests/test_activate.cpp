@@ -124,6 +124,13 @@ TEST_F(Activation, FlagsTheResetBetweenTheCommands) {
                 ElementsAre(FakeCall{"brd_sb_attribute_flag_set", "2"}));
 }
 
+TEST_F(Activation, HasRoomFor256BytesOfEachCommandsOutput) {
+    upgraded(1);
+    EXPECT_EQ(activate(), 0);
+    const FakeCommandBuffers buffers{256, sizeof err_msg, true};
+    EXPECT_THAT(fake_platform().command_buffers(), ElementsAre(buffers, buffers));
+}
+
 TEST_F(Activation, GoesOnWithoutAMarker) {
     upgraded(1);
     interpose::fail(interpose::Call::fopen, EROFS);

@@ -63,6 +63,14 @@ TEST_P(EachEvent, HasASenderOfItsOwn) {
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
+TEST_P(EachEvent, HasRoomFor256BytesOfTheScriptsOutput) {
+    char small[40];
+    EXPECT_EQ(send_auto_fpd_upgrade_event(GetParam().kind, "x", small, sizeof small), 0);
+    EXPECT_EQ(GetParam().sender("x", err_msg, sizeof err_msg), 0);
+    EXPECT_THAT(fake_platform().command_buffers(),
+                ElementsAre(FakeCommandBuffers{256, 40, true}, FakeCommandBuffers{256, 256, true}));
+}
+
 TEST_P(EachEvent, LogsItsFailureAndLeavesTheUtilitysTextToTheCaller) {
     fake_platform().commands = {{.prefix = script, .rc = 127, .output = "", .error = "no such script", .effect = {}}};
     EXPECT_EQ(send_auto_fpd_upgrade_event(GetParam().kind, "x", err_msg, sizeof err_msg), 127);

@@ -255,6 +255,15 @@ TEST_F(Obfl, MountsAndUnmounts) {
     EXPECT_THAT(fake_platform().command_lines(), ElementsAre(mount_line, unmount_line));
 }
 
+TEST_F(Obfl, HasRoomFor256BytesOfEachCommandsOutput) {
+    fake_platform().forget_calls();
+    EXPECT_EQ(obfl_flash_operation(1, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(obfl_flash_operation(0, err_msg, sizeof err_msg), 0);
+    EXPECT_FALSE(obfl_is_mounted(err_msg, sizeof err_msg));
+    EXPECT_THAT(fake_platform().command_buffers(),
+                testing::AllOf(testing::SizeIs(3), testing::Each(FakeCommandBuffers{256, sizeof err_msg, true})));
+}
+
 TEST_F(Obfl, KnowsNoOtherOperation) {
     for (const int operation : {2, -1}) {
         clear_log();

@@ -197,6 +197,7 @@ TEST_F(RemoveFromQueue, LeavesErrorTextAloneWhenTheNameIsNotThere) {
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0], &chain[1]));
     EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "RmFpdQueueNotFound",
                                                   at("Couldn't find FPD IoFpga in the queue head", chain.queue))));
+    EXPECT_EQ(rm_fpd_queue(&chain.queue, &fpd, nullptr, 0), 2);
 }
 
 TEST_F(RemoveFromQueue, RemovesTheFirstOfTheRecordsNameBehindTheHead) {
@@ -284,6 +285,10 @@ TEST_F(MoveBetweenQueues, NeedsNoErrorText) {
     FpdQueue from = nullptr;
     EXPECT_EQ(move_fpd_between_queue(&from, &to, &fpd, nullptr, 0), 0);
     EXPECT_THAT(members(to), ElementsAre(&fpd));
+    Chain other({"IoFpga"});
+    EXPECT_EQ(move_fpd_between_queue(&other.queue, &to, &other[0], nullptr, 0), 0);
+    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueAdd",
+               at("FPD IoFpga failed add into queue", other.queue) + " error ");
 }
 
 // Finding -------------------------------------------------------------------------------------------------------------
