@@ -32,6 +32,7 @@ constinit std::array<Armed, static_cast<std::size_t>(Call::count)> armed_calls;
 constexpr std::int64_t not_held = -1;
 constinit std::atomic<std::int64_t> held_clock{not_held};       // ns
 constinit std::atomic<std::int64_t> held_wall_clock{not_held};  // µs
+constinit std::atomic<std::int64_t> stat_growth{0};             // bytes
 
 std::function<void(std::uint64_t)> &sleep_hook() {
     static std::function<void(std::uint64_t)> hook;
@@ -79,6 +80,10 @@ void hold_wall_clock(timeval now) {
     held_wall_clock = now.tv_sec * 1'000'000 + now.tv_usec;
 }
 
+void grow_stat(std::int64_t bytes) {
+    stat_growth = bytes;
+}
+
 void on_sleep(std::function<void(std::uint64_t)> instead) {
     sleep_hook() = std::move(instead);
 }
@@ -90,6 +95,7 @@ void reset() {
     }
     held_clock = not_held;
     held_wall_clock = not_held;
+    stat_growth = 0;
     sleep_hook() = nullptr;
 }
 
@@ -242,7 +248,9 @@ unsigned __wrap_sleep(unsigned seconds) {
 
 int __real_stat(const char *path, struct stat *status);
 int __wrap_stat(const char *path, struct stat *status) {
-    return failure(Call::stat) ? -1 : __real_stat(path, status);
+    if (failure(Call::stat) || __real_stat(path, status) != 0) return -1;
+    status->st_size += stat_growth;
+    return 0;
 }
 
 int __real_unlink(const char *path);

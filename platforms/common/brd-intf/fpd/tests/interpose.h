@@ -55,6 +55,9 @@ void advance_clock(std::int64_t microseconds);
 /// Holds gettimeofday at `now`.
 void hold_wall_clock(timeval now);
 
+/// Adds so many bytes to the size of every file that stat() tells of.
+void grow_stat(std::int64_t bytes);
+
 /// Calls `instead` with the microseconds of each sleep() and usleep(), which do not sleep then; null: they sleep.
 /// Not while another thread may sleep.
 void on_sleep(std::function<void(std::uint64_t microseconds)> instead);

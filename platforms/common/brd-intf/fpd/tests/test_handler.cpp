@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -194,6 +195,17 @@ TEST_F(Reports, OfProgressAreKeptAndStampTheTimeEachTime) {
                             log_line(handler_module, "DEBUG", "FpdUpgResponseProgress",
                                      "FPD IoFpga state 'FPD Upgrade Progressing' updated upgrade progress 42")));
     EXPECT_THAT(event_log_texts(), IsEmpty());
+}
+
+TEST_F(Reports, OfMoreThan255PercentAreKeptInTheirLow8Bits) {
+    receive_report(FpdState::upgrade_progressing, 300);
+    EXPECT_EQ(fpd.progress, 44);
+    expect_log(handler_module, "DEBUG", "FpdUpgResponse",
+               "FPD IoFpga received response state 'FPD Upgrade Progressing' progress 300");
+    expect_log(handler_module, "DEBUG", "FpdUpgResponseProgress",
+               "FPD IoFpga state 'FPD Upgrade Progressing' updated upgrade progress 300");
+    receive_report(FpdState::upgrade_failed, 513);
+    EXPECT_EQ(fpd.progress, 1);
 }
 
 TEST_F(Reports, OfAFirstFailureQueueTheFpdAgain) {
@@ -490,7 +502,38 @@ TEST_P(Limit, IsMeasuredToTheMicrosecond) {
     EXPECT_EQ(fpd.state, GetParam().state);
 }
 
+TEST_P(Limit, IsNotReachedSoonerByManyChecks) {
+    constexpr int checks = 20;
+    const std::int64_t step = (GetParam().limit - 1) / checks;
+    for (int i = 0; i < checks; ++i) supervise_after(step);
+    supervise_after(GetParam().limit - 1 - checks * step);
+    EXPECT_EQ(fpd.worker, &worker);
+    EXPECT_EQ(interpose::calls(Call::pthread_cancel), 0U);
+    supervise_after(1);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_EQ(interpose::calls(Call::pthread_cancel), 1U);
+}
+
 INSTANTIATE_TEST_SUITE_P(OfEveryState, Limit, testing::ValuesIn(limit_cases));
+
+/// The states that a report of the same state stamps anew.
+struct LimitOfReports : Limit {};
+
+TEST_P(LimitOfReports, IsNeverReachedWhenEachComesAMicrosecondBeforeIt) {
+    for (std::uint32_t percent = 1; percent <= 20; ++percent) {
+        supervise_after(GetParam().limit - 1);
+        ASSERT_EQ(fpd.worker, &worker);
+        report(&worker, GetParam().state, percent);
+        drain_worker_messages(card);
+    }
+    EXPECT_EQ(fpd.retries, 0);
+    EXPECT_EQ(interpose::calls(Call::pthread_cancel), 0U);
+    supervise_after(GetParam().limit);
+    EXPECT_EQ(fpd.worker, nullptr);
+    EXPECT_EQ(fpd.retries, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfTwoStates, LimitOfReports, testing::Values(limit_cases[1], limit_cases[2]));
 
 // Supervision: the pass -----------------------------------------------------------------------------------------------
 
@@ -591,25 +634,6 @@ TEST_F(Supervision, GivesUpADependentWhoseDependencyFailed) {
     expect_log(handler_module, "ERROR", "FpdUpgProgressCheckStartUpgFail",
                "Starting FPD IoFpga upgrade failed error FPD IoFpga can't be upgraded without dependecny FPD Cpu "
                "upgrade state 'FPD Upgrade Failed'");
-}
-
-TEST_F(Supervision, NeverEndsAWorkerThatReportsJustInTime) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = attach_worker(fpd, FpdState::upgrade_started);
-    report(&worker, FpdState::upgrade_progressing, 0);
-    drain_worker_messages(card);
-    for (unsigned percent = 1; percent <= 50; ++percent) {
-        interpose::advance_clock(179'999'999);
-        supervise();
-        ASSERT_EQ(fpd.worker, &worker);
-        report(&worker, FpdState::upgrade_progressing, percent);
-        drain_worker_messages(card);
-    }
-    EXPECT_EQ(fpd.retries, 0);
-    interpose::advance_clock(180'000'000);
-    supervise();
-    EXPECT_EQ(fpd.worker, nullptr);
-    EXPECT_EQ(fpd.retries, 1);
 }
 
 TEST_F(Supervision, StartsTheRetryInTheNextPassAndGivesUpBehindIt) {
@@ -945,6 +969,16 @@ TEST_F(UpgradeRun, SupervisesAndPunchesAtOnce) {
     expect_log(handler_module, "DEBUG", "AutoFpdUpgradeProgressWDPunch", "Punching PD watchdog: punched");
 }
 
+TEST_F(UpgradeRun, HasRoomFor256BytesOfWhatThePunchPrintsAndOfItsError) {
+    plan_marked("IoFpga");
+    EXPECT_EQ(run(), 0);
+    const std::vector<std::string> lines = fake_platform().command_lines();
+    const auto punch = std::find(lines.begin(), lines.end(), "/usr/local/etc/punch-watchdog-once.sh");
+    ASSERT_NE(punch, lines.end());
+    EXPECT_EQ(fake_platform().command_buffers()[static_cast<std::size_t>(punch - lines.begin())],
+              (FakeCommandBuffers{256, 256, true}));
+}
+
 TEST_F(UpgradeRun, UpgradesQueueAfterQueue) {
     fake_platform().fpds = {make_fpd(1, {"A", "B", "C"})};
     plan_marked("C", 7).region = 2;
@@ -1099,6 +1133,37 @@ TEST_F(LoopTimes, SuperviseAfterMoreThan5SecondsAndPunchAfterMoreThan10) {
     EXPECT_THAT(punched, ElementsAre(11000, 22000));
     EXPECT_THAT(sleeps, Each(1'000'000U));
 }
+
+/// One iteration, so long after the last pass and the last punch.
+struct PeriodCase {
+    timespec since;
+    std::size_t passes;
+    std::size_t punches;
+};
+
+void PrintTo(const PeriodCase &one, std::ostream *out) {
+    *out << one.since.tv_sec << " s, " << one.since.tv_nsec << " ns";
+}
+
+struct LoopPeriod : UpgradeRun, testing::WithParamInterface<PeriodCase> {};
+
+TEST_P(LoopPeriod, IsOverByAMicrosecondMore) {
+    const timespec since = GetParam().since;
+    transition(plan_marked("IoFpga"), FpdState::upgrade_done);
+    card.last_check_time = start_time;
+    card.last_punch_time = start_time;
+    interpose::hold_clock({start_time.tv_sec + since.tv_sec, since.tv_nsec});
+    on_tick = [this] { card.planned_count = 0; };
+    EXPECT_EQ(run(run_level_backend), 0);
+    EXPECT_THAT(log_lines("FpdUpgProgressCheckInvState"), SizeIs(GetParam().passes));
+    EXPECT_EQ(punches(), GetParam().punches);
+}
+
+INSTANTIATE_TEST_SUITE_P(Around, LoopPeriod,
+                         testing::Values(PeriodCase{{4, 999'999'999}, 0, 0}, PeriodCase{{5, 0}, 0, 0},
+                                         PeriodCase{{5, 999}, 0, 0}, PeriodCase{{5, 1000}, 1, 0},
+                                         PeriodCase{{9, 999'999'999}, 1, 0}, PeriodCase{{10, 0}, 1, 0},
+                                         PeriodCase{{10, 999}, 1, 0}, PeriodCase{{10, 1000}, 1, 1}));
 
 TEST_F(LoopTimes, AreDivided) {
     bootup_fpd_time_div = 10;

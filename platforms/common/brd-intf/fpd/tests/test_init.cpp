@@ -585,6 +585,18 @@ TEST_F(LoadFpds, RefusesAnInformationBlockWithTheNameOfAnotherRegion) {
     EXPECT_EQ(first().next->state, FpdState::info_get_failed);
 }
 
+TEST_F(LoadFpds, KeepsTheNameOfAnFpdWhoseInformationIsRefusedForItsVersionsToo) {
+    fake_platform().fpds = {make_fpd(1, {"One", "Two"})};
+    std::strcpy(region(1).info.name, "One");
+    region(1).info.programmed_major = 256;
+    ASSERT_EQ(load(), 0);
+    expect_log(init_module, "ERROR", "InitFpdInfoGetFail",
+               "Failed to get FPD info, error Failed to make FPD Programmed version for name One major 0x100 minor 0x0 "
+               "debug 0x0");
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("One", "Two"));
+    EXPECT_EQ(first().next->state, FpdState::info_get_failed);
+}
+
 TEST_F(LoadFpds, EndsAnErrorTextThatTheLibraryDoesNotEnd) {
     fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
         std::memset(text, 'e', size);

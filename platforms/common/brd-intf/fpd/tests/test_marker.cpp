@@ -4,6 +4,7 @@
 
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "interpose.h"
+#include "os_owner.h"
 #include "run_support.h"
 
 namespace {
@@ -270,6 +271,22 @@ TEST_F(MarkerCheck, TakesNoEntriesForTheEmptyText) {
     EXPECT_EQ(check(), 0);
     EXPECT_TRUE(same);
     expect_check_log("", "");
+}
+
+TEST_F(MarkerCheck, TakesTheFilesSizeAsANumberOf32Bits) {
+    constexpr std::int64_t growth = std::int64_t{1} << 32;
+    if (!Allocated<char>(static_cast<char *>(std::malloc(growth)))) GTEST_SKIP() << "no memory for 4 GiB";
+    write_file(marker_path, io_line);
+    interpose::grow_stat(growth);
+    EXPECT_EQ(check(), 0);
+    EXPECT_STREQ(err_msg, "");
+    EXPECT_THAT(log_lines("UpgMarkerCheck"), testing::SizeIs(1));
+    clear_log();
+    interpose::grow_stat(growth + 1);
+    EXPECT_EQ(check(), 0);
+    EXPECT_TRUE(same);
+    EXPECT_STREQ(err_msg, "Failed to read marker data, error 0");
+    EXPECT_THAT(log_lines(), IsEmpty());
 }
 
 TEST_F(MarkerCheck, FailsWhenTheFileIsNotReadable) {
