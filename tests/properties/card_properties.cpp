@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -33,8 +34,17 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint64_t enough_cards = 1000;  // that all has to happen that can
 constexpr unsigned shrinking_tries = 250;
+/// Every card at work has a message queue, and the system lends one user 40 of that size.
+constexpr unsigned most_jobs = 32;
 constexpr std::size_t shown_mismatches = 6;
 constexpr std::size_t most_shrunk_cards = 5;
+
+/// Set by a signal: the cards at work are the last ones, and the workshop is cleared as always.
+volatile std::sig_atomic_t stopped_by = 0;
+
+extern "C" void note_signal(int number) {
+    stopped_by = number;
+}
 
 struct Options {
     uint64_t cards = 1000;
@@ -136,7 +146,7 @@ void explain(const Options &options, uint64_t seed, const fs::path &place, std::
         return;
     }
     const auto fails = [&](const Card &candidate) {
-        if (properties::settled(candidate) != candidate) return false;
+        if (stopped_by != 0 || properties::settled(candidate) != candidate) return false;
         const Verdict found = properties::check(candidate, options.speed, place);
         if (!found.mismatches.empty()) smallest = found;
         return !found.mismatches.empty();
@@ -169,7 +179,7 @@ void run_all(const Options &options, const fs::path &workshop, Totals &totals, P
     std::vector<std::jthread> workers;
     for (unsigned job = 0; job < options.jobs; ++job) {
         workers.emplace_back([&, place = workshop / std::to_string(job)] {
-            for (uint64_t at = next++; at < options.cards; at = next++) {
+            for (uint64_t at = next++; at < options.cards && stopped_by == 0; at = next++) {
                 run_card(options, options.seed + at, place, totals, progress);
             }
         });
@@ -208,7 +218,7 @@ void add_options(CLI::App &app, Options &options) {
     app.add_option("--seed", options.seed, "of the first card; each has its own, one more than the last")
         ->capture_default_str();
     app.add_option("--jobs", options.jobs, "cards at work at a time; most of the time they wait")
-        ->check(CLI::Range(1U, 512U))
+        ->check(CLI::Range(1U, most_jobs))
         ->capture_default_str();
     app.add_option("--speed", options.speed, "of the cards' time")
         ->check(CLI::Range(properties::slowest_speed, 1000U))
@@ -228,6 +238,7 @@ int main(int argc, char **argv) {
         options.seed = *options.replay;
         options.cards = 1;
     }
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, note_signal);
     try {
         card_tests::set_sanitizer_options();
         const Workshop workshop;
@@ -235,6 +246,7 @@ int main(int argc, char **argv) {
         Progress progress(options.cards);
         run_all(options, workshop.path(), totals, progress);
         print_totals(options, totals, progress.seconds());
+        if (stopped_by != 0) return 128 + stopped_by;
         const bool complete = is_complete(options, totals);
         std::fflush(stdout);
         explain_failures(options, totals, workshop.path());

@@ -94,8 +94,8 @@ TEST(Model, RetriesAFailureOnceAndEndsASilentWorker) {
     card.fpds[0].regions[0].troubles = {{.kind = Trouble::Kind::Fail, .attempt = 1, .code = 5}};
     card.fpds[0].regions[1].troubles = {{.kind = Trouble::Kind::Hang}};
     const Prediction prediction = predict(card);
-    EXPECT_THAT(prediction.facts.at("upgrades Bad"), ElementsAre("5", "0"));
-    EXPECT_THAT(prediction.facts.at("upgrades Mute"), ElementsAre("cancelled", "cancelled"));
+    EXPECT_THAT(prediction.facts.at("upgrades Bad"), ElementsAre("begin", "5", "begin", "0"));
+    EXPECT_THAT(prediction.facts.at("upgrades Mute"), ElementsAre("begin", "begin"));
     EXPECT_THAT(prediction.facts.at("transitions Mute"), Contains("16>9"));
     EXPECT_EQ(prediction.time_outs.at("ChkFpdUpgStartedMaxTransTimeOut"), 2U);
 }

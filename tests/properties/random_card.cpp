@@ -61,7 +61,7 @@ Version packaged_version(Dice &dice, const Version &programmed) {
 
 std::string region_name(Dice &dice, unsigned number, bool long_names) {
     const std::string digits = std::to_string(number);
-    if (long_names && dice.percent(20)) return "R" + digits + std::string(dice.one_of({16U, 22U, 60U, 66U}), 'x');
+    if (long_names && dice.percent(35)) return "R" + digits + std::string(dice.one_of({16U, 22U, 60U, 66U}), 'x');
     if (dice.percent(10)) return "R" + digits + std::string(15 - digits.size(), 'y');
     return dice.one_of<std::string>({"IoFpga", "Bios", "Phy-", "Cpu_"}) + digits;
 }
@@ -94,7 +94,7 @@ Image random_image(Dice &dice, unsigned type, const Region &region) {
     image.version = packaged_version(dice, region.programmed);
     if (dice.percent(6)) image.minimum = usual_version(dice);
     image.wrong_md5 = dice.percent(3);
-    if (dice.percent(25)) image.need_upgrade = dice.percent(50);
+    if (dice.percent(30)) image.need_upgrade = dice.percent(50);
     return image;
 }
 
@@ -112,7 +112,7 @@ Region random_region(Dice &dice, const Card &card, unsigned number, bool long_na
     region.name = region_name(dice, number, long_names);
     region.running = reported_version(dice);
     region.programmed = dice.percent(75) ? region.running : reported_version(dice);
-    region.upgrade_type = dice.percent(75) ? 1 : dice.one_of({5U, 5U, 5U, 5U, 0U, 2U, 4U, 255U});
+    region.upgrade_type = dice.percent(72) ? 1 : dice.one_of({5U, 5U, 5U, 5U, 0U, 2U, 4U, 255U});
     region.activation = dice.one_of({0U, 0U, 0U, 1U, 2U, 3U, 4U, 5U, 5U, 5U, 6U, 7U, 255U});
     region.sequence = dice.percent(75)   ? 0
                       : dice.percent(80) ? dice.between(1, 4)
@@ -139,7 +139,7 @@ unsigned region_count(Dice &dice) {
 
 std::vector<Fpd> random_fpds(Dice &dice, const Card &card) {
     std::vector<Fpd> fpds;
-    const bool long_names = dice.percent(6);
+    const bool long_names = dice.percent(10);
     const unsigned count = region_count(dice);
     for (unsigned number = 1; number <= count; ++number) {
         if (fpds.empty() || dice.percent(40)) fpds.push_back({10 + number * 3, {}});
@@ -159,6 +159,13 @@ std::vector<Region *> regions_of(Card &card) {
 
 // ---- dependencies
 
+/// Upgraded only when another region asks for it.
+void leave_to_dependents(Region &region, unsigned type) {
+    for (Image &image : region.images) {
+        if (image.type == type) image.need_upgrade = false;
+    }
+}
+
 /// Without circles: each region depends on an earlier one of a random order, often on the one just before it.
 void add_dependencies(Dice &dice, Card &card) {
     std::vector<Region *> order = regions_of(card);
@@ -172,6 +179,7 @@ void add_dependencies(Dice &dice, Card &card) {
             std::size_t base = chains && dice.percent(80) ? at - 1 : dice.below(at);
             if (circles && dice.percent(30)) base = dice.below(order.size());
             image.depends_on = order[base]->name.substr(0, 16);
+            if (dice.percent(20)) leave_to_dependents(*order[base], image.type);
             if (dice.percent(2)) image.depends_on = dice.percent(50) ? "Nowhere" : order[at]->name.substr(0, 16);
         }
     }
@@ -257,7 +265,7 @@ void add_duplicate_name(Dice &dice, Card &card) {
 }
 
 unsigned script_status(Dice &dice) {
-    return dice.percent(6) ? dice.one_of({1U, 3U, 255U}) : 0;
+    return dice.percent(8) ? dice.one_of({1U, 3U, 255U}) : 0;
 }
 
 void add_settings(Dice &dice, Card &card) {
@@ -306,12 +314,6 @@ void choose_command(Dice &dice, Card &card) {
 
 // ---- the description
 
-std::string version_text(const Version &version) {
-    if (version.kind == 255) return "unknown";
-    const std::string two = std::to_string(version.major) + "." + std::to_string(version.minor);
-    return version.kind == 253 ? two : two + "." + std::to_string(version.debug);
-}
-
 /// A line of the description; texts here hold nothing that a double quote would have to protect.
 template <typename T>
 std::string line(const char *key, const T &value) {
@@ -323,6 +325,12 @@ std::string line(const char *key, const T &value) {
 template <typename T>
 std::string line_if(const char *key, const std::optional<T> &value) {
     return value ? line(key, *value) : "";
+}
+
+/// Nothing for what a card has anyhow.
+template <typename T>
+std::string line_unless(const char *key, const T &value, const T &usual) {
+    return value == usual ? "" : line(key, value);
 }
 
 std::string image_text(const Fpd &fpd, std::size_t region, const Image &image) {
@@ -346,12 +354,15 @@ std::string trouble_text(const Trouble &trouble) {
 
 std::string region_text(const Fpd &fpd, std::size_t index) {
     const Region &region = fpd.regions[index];
-    std::string text = "\n[[fpd.region]]\n" + line("name", region.name) +
-                       line("running", version_text(region.running)) +
-                       line("programmed", version_text(region.programmed)) + line("upgrade_type", region.upgrade_type) +
-                       line("activation", region.activation) + line("sequence", region.sequence) +
-                       line("info_flag", region.info_flag) + line("capabilities", region.capabilities) +
-                       line("duration", region.duration) + line("reports", region.reports);
+    const Region usual;
+    std::string text =
+        "\n[[fpd.region]]\n" + line("name", region.name) + line("running", version_text(region.running)) +
+        line("programmed", version_text(region.programmed)) + line("duration", region.duration) +
+        line("reports", region.reports) + line_unless("upgrade_type", region.upgrade_type, usual.upgrade_type) +
+        line_unless("activation", region.activation, usual.activation) +
+        line_unless("sequence", region.sequence, usual.sequence) +
+        line_unless("info_flag", region.info_flag, usual.info_flag) +
+        line_unless("capabilities", region.capabilities, usual.capabilities);
     for (const Image &image : region.images) text += image_text(fpd, index, image);
     for (const Trouble &trouble : region.troubles) text += trouble_text(trouble);
     return text;
@@ -367,6 +378,24 @@ std::string fault_table(const CallFault &fault) {
            line("code", fault.code) + line("text", fault_text(fault));
 }
 
+std::string identity_text(const Card &card, std::string startup) {
+    for (std::size_t at = startup.find('\\'); at != startup.npos; at = startup.find('\\', at + 2)) {
+        startup.insert(at, "\\");
+    }
+    return "[card]\n" + line("group", group) + line("board_type", 0x3110) + "hw_version = [" +
+           std::to_string(card.hw_major) + ", 2]\n" + line("slot", 4) + line("pid", "SIM-RANDOM") +
+           line("auto_upgrade", card.auto_upgrade) + line("upgrade_mode", card.upgrade_mode) +
+           line("allow_duplicate_names", true) + "startup = \"\"\"" + startup + "\"\"\"\n";
+}
+
+std::string surroundings_text(const Card &card) {
+    return "\n[obfl]\n" + line("mount_time", card.mount_time) + line_unless("mounted", card.flash_mounted, false) +
+           line_unless("mount_fails", card.mount_fails, false) +
+           line_unless("unmount_fails", card.unmount_fails, false) + "\n[scripts]\n" +
+           line_unless("event", card.event_status, 0U) + line_unless("watchdog", card.watchdog_status, 0U) +
+           line_unless("reset", card.reset_status, 0U) + line_unless("grub_reboot", card.grub_status, 0U);
+}
+
 /// For the format of printf in the shell, between single quotes.
 std::string printf_format(const std::string &text) {
     std::string format;
@@ -377,6 +406,12 @@ std::string printf_format(const std::string &text) {
 }
 
 }  // namespace
+
+std::string version_text(const Version &version) {
+    if (version.kind == 255) return "unknown";
+    const std::string two = std::to_string(version.major) + "." + std::to_string(version.minor);
+    return version.kind == 253 ? two : two + "." + std::to_string(version.debug);
+}
 
 std::string fault_text(const CallFault &fault) {
     return fault.call + " fails";
@@ -409,18 +444,7 @@ std::string startup_command(const Card &card, const std::optional<std::string> &
 }
 
 std::string card_toml(const Card &card, const std::optional<std::string> &marker) {
-    std::string text = "[card]\n" + line("group", group) + line("board_type", 0x3110) + "hw_version = [" +
-                       std::to_string(card.hw_major) + ", 2]\n" + line("slot", 4) + line("pid", "SIM-RANDOM") +
-                       line("auto_upgrade", card.auto_upgrade) + line("upgrade_mode", card.upgrade_mode) +
-                       line("allow_duplicate_names", true) + "startup = \"\"\"";
-    std::string startup = startup_command(card, marker);
-    for (std::size_t at = startup.find('\\'); at != startup.npos; at = startup.find('\\', at + 2)) {
-        startup.insert(at, "\\");
-    }
-    text += startup + "\"\"\"\n\n[obfl]\n" + line("mounted", card.flash_mounted) + line("mount_time", card.mount_time) +
-            line("mount_fails", card.mount_fails) + line("unmount_fails", card.unmount_fails) + "\n[scripts]\n" +
-            line("event", card.event_status) + line("watchdog", card.watchdog_status) +
-            line("reset", card.reset_status) + line("grub_reboot", card.grub_status);
+    std::string text = identity_text(card, startup_command(card, marker)) + surroundings_text(card);
     for (const Led &led : card.leds) text += led_text(led);
     for (const Fpd &fpd : card.fpds) {
         text += "\n[[fpd]]\n" + line("id", fpd.id);

@@ -112,6 +112,9 @@ inline constexpr unsigned group = 3;
 /// The reason that a failing closed function gives.
 std::string fault_text(const CallFault &fault);
 
+/// As a card's description writes it.
+std::string version_text(const Version &version);
+
 /// The name of an image's file; no two images of a card have the same.
 std::string image_file(const Fpd &fpd, std::size_t region, const Image &image);
 
