@@ -44,7 +44,7 @@ Entries record_of(const std::string &program, const std::string &filter) {
     const fs::path record = directory.path / "record";
     setenv(record_variable, record.c_str(), 1);
     const card_tests::Result result = card_tests::run_program({program, "--gtest_brief=1", "--gtest_filter=" + filter},
-                                                              directory.path, std::chrono::seconds(240));
+                                                              directory.path, std::chrono::seconds(540));
     unsetenv(record_variable);
     EXPECT_EQ(result.status, 0) << result.out << result.err;
     return read_record(record);
@@ -223,7 +223,8 @@ Row *first_row(std::vector<Row> &rows, const std::string &stream, const std::str
 /// What the tests of all commands compared, and those of an upgrade that fails.
 Texts answers() {
     Texts texts;
-    for (const std::vector<std::string> &entry : record_of(CARD_TESTS, "CommandLine.*:CardCommands.*:Marker.ThatCannot*")) {
+    for (const std::vector<std::string> &entry :
+         record_of(CARD_TESTS, "CommandLine.*:CardCommands.*:Marker.ThatCannot*")) {
         if (entry.size() != 3) throw std::runtime_error("a broken record");
         Tests &tests = texts[{entry[1], entry[2]}];
         tests.seen_by.insert(entry[0]);

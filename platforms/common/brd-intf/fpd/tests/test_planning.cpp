@@ -204,9 +204,9 @@ TEST_F(BuildQueue, MeetsAnFpdAgainBehindItsDependency) {
     EXPECT_EQ(seq_queue(1), &a);
     EXPECT_EQ(a.seq, 1);
     EXPECT_THAT(log_lines("BuildFpdUpgQueue"),
-                ElementsAre(testing::Field(&LogLine::message, "Constructing FPD A for Upgrade"),
-                            testing::Field(&LogLine::message, "Constructing FPD B for Upgrade"),
-                            testing::Field(&LogLine::message, "Constructing FPD A for Upgrade")));
+                ElementsAre(log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD A for Upgrade"),
+                            log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD B for Upgrade"),
+                            log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD A for Upgrade")));
 }
 
 TEST_F(BuildQueue, DoesNotWaitForADependencyThatWasMetBefore) {
@@ -440,8 +440,10 @@ TEST_F(SequenceNumbers, OutOfRangeAreRefusedInTheSecondPassToo) {
     EXPECT_EQ(available.state, FpdState::cant_be_upgraded);
     EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
     EXPECT_THAT(log_lines("BuildQFpdSeqOutOfRange"),
-                ElementsAre(testing::Field(&LogLine::message, "FPD IoFpga sequence queue # 17 is out of range"),
-                            testing::Field(&LogLine::message, "FPD Available sequence queue # 16 is out of range")));
+                ElementsAre(log_line(init_module, "ERROR", "BuildQFpdSeqOutOfRange",
+                                     "FPD IoFpga sequence queue # 17 is out of range"),
+                            log_line(init_module, "ERROR", "BuildQFpdSeqOutOfRange",
+                                     "FPD Available sequence queue # 16 is out of range")));
     EXPECT_EQ(card.planned_count, 0U);
 }
 
