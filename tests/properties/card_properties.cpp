@@ -246,7 +246,10 @@ int main(int argc, char **argv) {
         Progress progress(options.cards);
         run_all(options, workshop.path(), totals, progress);
         print_totals(options, totals, progress.seconds());
-        if (stopped_by != 0) return 128 + stopped_by;
+        if (stopped_by != 0) {
+            std::fprintf(stderr, "card_properties: stopped by signal %d\n", static_cast<int>(stopped_by));
+            return 128 + stopped_by;
+        }
         const bool complete = is_complete(options, totals);
         std::fflush(stdout);
         explain_failures(options, totals, workshop.path());

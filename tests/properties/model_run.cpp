@@ -169,6 +169,7 @@ void Run::upgrade() {
         if (!queue.empty()) run_queue(queue, std::exchange(is_first, false));
     }
     say("ends of the loop", "1");
+    if (shell_works(0)) out_.facts["watchdog"] = {"punched"};
     event("card", "ended", "Auto FPD Upgrade Operation Ended");
     led_off();
     out_.seconds += card_.mount_time + 10;
