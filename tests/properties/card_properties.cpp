@@ -188,7 +188,7 @@ void run_all(const Options &options, const fs::path &workshop, Totals &totals, P
 
 void print_totals(const Options &options, const Totals &totals, double seconds) {
     for (const auto &[what, count] : totals.happenings) std::printf("%10" PRIu64 "  %s\n", count, what.c_str());
-    std::printf("%10" PRIu64 "  runs void for a slow machine, and repeated\n", totals.voids);
+    std::printf("%10" PRIu64 "  runs void for the machine's sake, and repeated\n", totals.voids);
     std::printf("seeds %" PRIu64 " to %" PRIu64 ": %" PRIu64 " cards, %zu mismatches, %.0f s, speed %u, %u jobs\n",
                 options.seed, options.seed + options.cards - 1, totals.done, totals.failed_seeds.size(), seconds,
                 options.speed, options.jobs);

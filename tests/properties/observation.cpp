@@ -300,7 +300,9 @@ void read_result(const Card &card, const card_tests::Result &result, Observation
     add_text(seen.facts, "stdout", card.lives ? without_lines_of(result.out, "boot ") : result.out);
     add_text(seen.facts, "stderr", card.lives ? without_lines_of(result.err, "cardsim: gave up") : result.err);
     if (result.timed_out) seen.broken_rules.emplace_back("the run did not end within its bound");
-    seen.is_void = result.out.find("the card was powered off after") != result.out.npos;
+    const bool was_cut_short = result.out.find("the card was powered off after") != result.out.npos;
+    const bool had_no_queue = result.err.find("msg queue err_msg Too many open files") != result.err.npos;
+    seen.is_void = was_cut_short || had_no_queue;
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ namespace properties {
 struct Observation {
     Facts facts;
     std::vector<std::string> broken_rules;  ///< what must never be seen, whatever the model says
-    /// The machine was too slow for the speed: a limit of the tool was met that the card does not run into. What else
-    /// was seen says nothing then.
+    /// The machine was too slow for the speed: a limit of the tool was met that the card does not run into. Or it had
+    /// no message queue left, which all of a user's cards share. What else was seen says nothing then.
     bool is_void = false;
 };
 
