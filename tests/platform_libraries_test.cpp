@@ -13,6 +13,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::SizeIs;
 
 namespace {
 
@@ -162,6 +163,37 @@ TEST_F(PlatformLibraries, AnUpgradeOnOtherLibraries) {
 TEST_F(PlatformLibraries, ConfigurationOnOtherLibraries) {
     EXPECT_EQ(on_other_libraries("-c get_config").out, "Auto FPD Upgrade Config is 'ENABLED'\n");
     EXPECT_EQ(on_other_libraries("-c set_upgrade_mode=mfg").out, "FPD Upgrade Mode updated to 'Regular'\n");
+}
+
+TEST_F(PlatformLibraries, AStoreThatRefusesWithoutAReasonIsGivenNoneOfAnEarlierCall) {
+    expect_answer(on_other_libraries("-c get_config", "FAKE_STORE=read"), 255, "",
+                  "Getting Auto FPD Upgrade configuration is failed, \n");
+    expect_answer(on_other_libraries("-c get_upgrade_mode", "FAKE_STORE=get"), 5, "",
+                  "Getting FPD Upgrade Mode failed, \n");
+    expect_answer(on_other_libraries("-c set_upgrade_mode=mfg", "FAKE_STORE=set"), 5, "",
+                  "Setting FPD Upgrade Mode is failed, \n");
+    expect_answer(on_other_libraries("-c set_config=enable", "FAKE_STORE=set"), 255, "",
+                  "Setting Auto FPD Upgrade configuration is failed, \n");
+}
+
+TEST_F(PlatformLibraries, AReasonWithoutAnEndIsEndedWhereItsBufferEnds) {
+    const std::string flood(511, 'x');
+    expect_answer(on_other_libraries("-c get_config", "FAKE_FLOOD=1 FAKE_STORE=read"), 255, "",
+                  "Getting Auto FPD Upgrade configuration is failed, " + flood + "\n");
+    expect_answer(on_other_libraries("-c get_upgrade_mode", "FAKE_FLOOD=1 FAKE_STORE=get"), 5, "",
+                  "Getting FPD Upgrade Mode failed, " + flood + "\n");
+    expect_answer(on_other_libraries("-c set_upgrade_mode=mfg", "FAKE_FLOOD=1 FAKE_STORE=set"), 5, "",
+                  "Setting FPD Upgrade Mode is failed, " + flood + "\n");
+    expect_answer(on_other_libraries("-c set_config=enable", "FAKE_FLOOD=1 FAKE_STORE=set"), 255, "",
+                  "Setting Auto FPD Upgrade configuration is failed, " + flood + "\n");
+}
+
+/// The library's own end waits for its upgrades: the tool must not wait for that.
+TEST_F(PlatformLibraries, AnUpgradeThatNeverEndsDoesNotKeepTheTool) {
+    expect_answer(on_other_libraries("-b -c upgrade", "FAKE_HANG=1 FAKE_ONE_PART=1 FAKE_TIME_DIV=100"), 0,
+                  "Auto FPD Upgrade done\n", "");
+    EXPECT_THAT(asked("upgrade"), SizeIs(2));
+    EXPECT_THAT(messages(tagged("ChkFpdUpgStartedMaxTransTimeOut")), SizeIs(2));
 }
 
 // ---- the divisor of the periods and limits

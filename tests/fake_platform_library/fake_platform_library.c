@@ -4,12 +4,17 @@
  * Made of the public headers alone, as a card's maker would. What it is asked is written to CALLS_FILE, a line a call.
  * It fills what is its own of every record with rubbish and complains when it comes back dirty.
  * FAKE_TIME_DIV in the environment is put into the tool's divisor when the library is loaded; with FAKE_ONE_PART there
- * is but the FPD that waits for none. */
+ * is but the FPD that waits for none. With FAKE_HANG no upgrade ever ends, and the library does not end before its
+ * upgrades. FAKE_STORE makes the store refuse what it names, "read" (the
+ * configuration), "get" (the mode) or "set" (either): without a reason, or, with FAKE_FLOOD, with
+ * one that fills the caller's buffer to its last byte; an answer that it does give leaves a text there. */
 #define _GNU_SOURCE
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdarg.h>
+#include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -49,6 +54,7 @@ static uint32_t led_state = 2;
 static uint32_t led_color = 5;
 static int stored_config = 1;
 static int stored_mode = 0;
+static atomic_int hanging_upgrades = 0;
 
 __attribute__((format(printf, 1, 2))) static void record(const char *format, ...) {
     char line[1024];
@@ -86,6 +92,16 @@ __attribute__((constructor)) static void read_environment(void) {
     if (getenv("FAKE_ONE_PART")) first_part = PART_COUNT - 1;
     const char *const text = getenv("FAKE_TIME_DIV");
     if (text) bootup_fpd_time_div = (uint32_t)strtoul(text, NULL, 10);
+}
+
+__attribute__((destructor)) static void await_upgrades(void) {
+    while (hanging_upgrades != 0) pause();
+}
+
+static void hang(void) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, NULL);
+    ++hanging_upgrades;
+    for (;;) pause();
 }
 
 /* The tool's main loop sleeps by this: its period shows the divisor. */
@@ -160,6 +176,7 @@ int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpgradeRequest *re
            request->file_name);
     expect_zero("request1", request->reserved1, sizeof request->reserved1);
     expect_zero("request536", request->reserved536, sizeof request->reserved536);
+    if (getenv("FAKE_HANG")) hang();
     request->progress(request->context, 50);
     part->programmed_minor = 7;
     return 0;
@@ -280,30 +297,32 @@ int brd_intf_fpd_image_md5_validate(const char *directory, const char *image, co
 
 /* The upgrade configuration store. */
 
+static int answer(const char *operation, char *err_msg, size_t err_len) {
+    const char *const refused = getenv("FAKE_STORE");
+    if (!refused || strcmp(refused, operation) != 0) {
+        snprintf(err_msg, err_len, "all is well");
+        return 0;
+    }
+    if (getenv("FAKE_FLOOD")) memset(err_msg, 'x', err_len);
+    return EIO;
+}
+
 int brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(int *value, char *err_msg, size_t err_len) {
-    (void)err_msg;
-    (void)err_len;
     *value = stored_config;
-    return 0;
+    return answer("read", err_msg, err_len);
 }
 
 int brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(int value, char *err_msg, size_t err_len) {
-    (void)err_msg;
-    (void)err_len;
     stored_config = value;
-    return 0;
+    return answer("set", err_msg, err_len);
 }
 
 int brd_intf_fpd_upgrade_cookie_get_upgrade_mode(int *mode, char *err_msg, size_t err_len) {
-    (void)err_msg;
-    (void)err_len;
     *mode = stored_mode;
-    return 0;
+    return answer("get", err_msg, err_len);
 }
 
 int brd_intf_fpd_upgrade_cookie_set_upgrade_mode(int mode, char *err_msg, size_t err_len) {
-    (void)err_msg;
-    (void)err_len;
     stored_mode = mode;
-    return 0;
+    return answer("set", err_msg, err_len);
 }
