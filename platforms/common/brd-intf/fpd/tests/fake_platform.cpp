@@ -27,8 +27,11 @@ std::string join(const Part &...part) {
     return text;
 }
 
+/// As a careless library does: without a NUL where the text fills the buffer, not at all where there is no text.
 void copy_text(char *to, std::size_t size, const std::string &text) {
-    if (to && size > 0) std::snprintf(to, size, "%s", text.c_str());
+    if (!to || text.empty()) return;
+    text.copy(to, size);
+    if (text.size() < size) to[text.size()] = '\0';
 }
 
 /// Puts the call on record and takes a copy of its hook, which may then run without the lock.
@@ -420,7 +423,7 @@ int exec_shell_command(char *output, std::size_t output_size, std::size_t *outpu
     const FakeCommand command = find_command(line, {output_size, err_len, zeroed});
     if (command.effect) command.effect();
     copy_text(output, output_size, command.output);
-    if (output && output_len) *output_len = std::strlen(output);
+    if (output && output_len) *output_len = std::min(command.output.size(), output_size);
     if (command.rc != 0) copy_text(err_msg, err_len, command.error);
     return command.rc;
 }
