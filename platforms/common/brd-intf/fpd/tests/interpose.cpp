@@ -253,6 +253,11 @@ int __wrap_stat(const char *path, struct stat *status) {
     return 0;
 }
 
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    return failure(Call::fsync) ? -1 : __real_fsync(fd);
+}
+
 int __real_unlink(const char *path);
 int __wrap_unlink(const char *path) {
     return failure(Call::unlink) ? -1 : __real_unlink(path);

@@ -19,6 +19,7 @@ enum class Call {
     clock_gettime,
     fopen,
     fread,  // reads nothing, without a stream error
+    fsync,
     malloc,
     mq_close,
     mq_open,

@@ -80,6 +80,12 @@ TEST_P(EachEvent, LogsItsFailureAndLeavesTheUtilitysTextToTheCaller) {
     EXPECT_THAT(fake_platform().command_lines(), ElementsAre(command_line("x"))) << "it is not tried again";
 }
 
+TEST_P(EachEvent, LogsItsFailureForACallerWithoutABuffer) {
+    fake_platform().commands = {{.prefix = script, .rc = 127, .output = "", .error = "", .effect = {}}};
+    EXPECT_EQ(GetParam().sender("x", nullptr, 0), 127);
+    expect_log(events_module, "ERROR", GetParam().tag, GetParam().failure);
+}
+
 TEST_P(EachEvent, PassesTheUtilitysCodeOnFromItsSender) {
     fake_platform().commands = {{.prefix = script, .rc = -5, .output = "", .error = "broken", .effect = {}}};
     EXPECT_EQ(GetParam().sender("x", err_msg, sizeof err_msg), -5);

@@ -433,6 +433,40 @@ TEST_F(MarkerWrite, FailsOnAFullDiskAndKeepsTheText) {
     expect_released();
 }
 
+TEST_F(MarkerWrite, FailsWhenTheFileDoesNotReachTheStorage) {
+    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+    interpose::fail(Call::fsync, EIO);
+    EXPECT_EQ(write(), -5);
+    EXPECT_EQ(err_msg, std::string("Failed to write Upgrade marker data\n") + io_line);
+    expect_marker(io_line, 96);
+}
+
+TEST_F(MarkerWrite, IsDoneWhereTheFileSystemHasNoSync) {
+    for (const int error : {EINVAL, EROFS, ENOTSUP}) {
+        ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+        interpose::fail(Call::fsync, error);
+        EXPECT_EQ(write(), 0) << error;
+        EXPECT_EQ(marker_file(), io_line);
+        expect_released();
+    }
+}
+
+TEST_F(MarkerWrite, HasTheFileReachTheStorageAndThenItsDirectory) {
+    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+    interpose::reset();
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(interpose::calls(Call::fsync), 2U);
+}
+
+TEST_F(MarkerWrite, IsDoneWhenTheDirectoryCannotBeSynced) {
+    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+    constexpr unsigned behind_the_log = 2;
+    interpose::fail(Call::open, EACCES, behind_the_log);
+    EXPECT_EQ(write(), 0);
+    EXPECT_EQ(marker_file(), io_line);
+    EXPECT_EQ(interpose::calls(Call::fsync), 1U);
+}
+
 TEST_F(MarkerWrite, IsDoneWhereAFileCannotBeSynced) {
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
     fs::create_symlink("/dev/null", marker_path);

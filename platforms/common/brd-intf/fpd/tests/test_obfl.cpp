@@ -459,6 +459,21 @@ TEST_F(Obfl, MoveToAFullFlashKeepsTheTemporaryLog) {
     }
 }
 
+TEST_F(Obfl, MoveThatDoesNotReachTheFlashKeepsTheTemporaryLog) {
+    write_file(event_log_path, "text");
+    interpose::fail(Call::fsync, EIO);
+    EXPECT_EQ(move_log(), 5);
+    EXPECT_STREQ(err_msg, "write into OBLF latest file, error 'Input/output error'");
+    EXPECT_EQ(read_file(event_log_path), "text");
+}
+
+TEST_F(Obfl, MoveIsDoneWhereTheFlashHasNoSync) {
+    write_file(event_log_path, "text");
+    interpose::fail(Call::fsync, EINVAL);
+    EXPECT_EQ(move_log(), 0);
+    EXPECT_FALSE(fs::exists(event_log_path));
+}
+
 TEST_F(Obfl, MovesAllAgainAfterAMoveThatTheFlashHadNoRoomFor) {
     if (mount("tmpfs", "/mnt/obfl", "tmpfs", 0, "size=8k") != 0) GTEST_SKIP() << "no mount: " << std::strerror(errno);
     const std::string text(20'000, 'x');
