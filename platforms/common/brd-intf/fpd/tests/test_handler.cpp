@@ -1103,6 +1103,19 @@ TEST_F(UpgradeRun, SupervisesAgainWhenItDoesNotKnowWhenItDid) {
     EXPECT_EQ(time_text(card.last_check_time), "1001.0");
 }
 
+TEST_F(UpgradeRun, SupervisesAtOnceBehindAPassOfWhichItKnowsNoTime) {
+    transition(plan_marked("IoFpga"), FpdState::upgrade_done);  // every pass complains of it
+    std::size_t passes = 0;
+    on_tick = [&] {
+        passes += log_lines("FpdUpgProgressCheckInvState").size();
+        clear_log();
+        if (sleeps.size() == 1) interpose::fail(Call::clock_gettime, EINVAL, 1, 2);
+        if (sleeps.size() == 3) card.planned_count = 0;
+    };
+    EXPECT_EQ(run(run_level_backend), 0);
+    EXPECT_EQ(passes, 3U);
+}
+
 /// The loop's times: an FPD that every supervision pass complains of stays planned for so many iterations.
 struct LoopTimes : UpgradeRun {
     /// Runs so many iterations from a clock on; the clock at each pass and each punch, in milliseconds.
