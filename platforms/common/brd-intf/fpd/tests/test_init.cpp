@@ -193,6 +193,12 @@ TEST_F(FpdName, IsThatOfTheRegion) {
     EXPECT_STREQ(err_msg, "");
 }
 
+TEST_F(FpdName, HasNoRegionsToNameWhenTheLibraryTellsOfNone) {
+    fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t, std::uint8_t *) { return 0; };
+    EXPECT_EQ(get(0), -22);
+    EXPECT_STREQ(err_msg, "Invalid region 0 num_regions 0");
+}
+
 TEST_F(FpdName, FailsWithTheCodeOfTheRegionsCount) {
     fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t, std::uint8_t *) { return 0x77; };
     EXPECT_EQ(get(0), 0x77);

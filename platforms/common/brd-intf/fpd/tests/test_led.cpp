@@ -138,6 +138,12 @@ TEST_F(StatusLed, IsNotOneWhoseNameFillsItsBufferWithoutAnEnd) {
     expect_none();
 }
 
+TEST_F(StatusLed, HasNoneToFindWhenTheLibraryTellsOfNone) {
+    fake_platform().brd_group_led_num_leds_get = [](std::uint32_t, std::uint32_t *) { return 0; };
+    EXPECT_EQ(find(), -2);
+    EXPECT_THAT(fake_platform().calls_of("brd_led_type_get"), testing::IsEmpty());
+}
+
 TEST_F(StatusLed, FailsWithoutTheNumberOfLeds) {
     fake_platform().brd_group_led_num_leds_get = [](std::uint32_t, std::uint32_t *) { return 1281; };
     expect_failure(-22, "NumLedGetFail", "Failed to get number of LEDs for group rc 1281");

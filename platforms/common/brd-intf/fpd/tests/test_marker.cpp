@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -472,6 +474,22 @@ TEST_F(MarkerWrite, IsDoneWhereAFileCannotBeSynced) {
     fs::create_symlink("/dev/null", marker_path);
     EXPECT_EQ(write(), 0);
     expect_released();
+}
+
+TEST_F(MarkerWrite, FailsWhenAnEntryTookTheLastByteToo) {
+    ASSERT_EQ(add_of_length(96), -105);
+    EXPECT_EQ(write(), -5);
+    EXPECT_EQ(marker_file(), "");
+}
+
+TEST_F(MarkerWrite, HasTheDirectoryReachTheStorageWhateverItsDescriptor) {
+    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+    interpose::reset();
+    const Descriptor standard_input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);  // the lowest descriptor is free
+    EXPECT_EQ(write(), 0);
+    dup2(standard_input.fd, STDIN_FILENO);
+    EXPECT_EQ(interpose::calls(Call::fsync), 2U);
 }
 
 TEST_F(MarkerWrite, FailsWhenAnEntryDidNotFit) {
