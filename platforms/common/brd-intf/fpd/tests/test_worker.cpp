@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <mqueue.h>
 #include <signal.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 
 #include "interpose.h"
+#include "os_owner.h"
 #include "os_thread.h"
 #include "run_support.h"
 
@@ -311,6 +313,20 @@ TEST_F(Worker, KeepsItsOwnCopiesOfWhatItNeeds) {
     EXPECT_THAT(reports(&worker), SizeIs(3));
 }
 
+TEST_F(Worker, MindsNoErrorThatThePlatformLibraryLeavesBehind) {
+    Fpd &fpd = plan("IoFpga");
+    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, char *,
+                                         std::size_t) {
+        errno = EIO;
+        request->progress(request->context, 50);
+        errno = EIO;
+        return 0;
+    };
+    run_to_its_end(fpd);
+    expect_no_log("FpdUpgradeProgressMqSendFail");
+    expect_no_log("FpdUpgHdlMqSendFail1");
+}
+
 TEST_F(Worker, ClosesItsQueueEndWhenItIsDone) {
     Fpd &fpd = plan("IoFpga");
     write_file(diagnostic_log_path, "");
@@ -441,6 +457,33 @@ TEST_F(CancelledWorker, LeavesNothingOpenInsideThePlatformLibrary) {
     ASSERT_NE(open_descriptors(), descriptors);
     ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
     expect_end(*fpd.worker);
+}
+
+TEST_F(CancelledWorker, LeavesNothingOpenOfTheLowestDescriptorEither) {
+    FpdWorkerCtx &worker = attach_worker(plan("IoFpga"), FpdState::worker_created);
+    ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
+    worker.ended = false;
+    std::snprintf(worker.mq_name, sizeof worker.mq_name, "%s", card.mq_name);
+    const Gate gate;
+    fake_platform().brd_fpd_upgrade = [gate](auto...) {
+        gate.shared->arrived.release();
+        for (;;) pause();
+        return 0;
+    };
+    const Descriptor standard_input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    ASSERT_EQ(pthread_create(&worker.thread, nullptr, fpd_upg_handler, &worker), 0);
+    gate.await_arrival();
+    EXPECT_EQ(worker.mq, STDIN_FILENO);
+    ASSERT_EQ(pthread_cancel(worker.thread), 0);
+    EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(standard_input.fd, STDIN_FILENO);
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(worker.thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    pthread_create(
+        &worker.thread, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
 }
 
 TEST_F(CancelledWorker, LeavesNoHalfLineInTheLog) {
