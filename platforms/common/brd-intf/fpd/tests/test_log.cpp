@@ -469,6 +469,12 @@ TEST_F(ErrorText, IsCutToItsRoomButLoggedWhole) {
     expect_log(module_here, "ERROR", "Tag", "0123456789");
 }
 
+TEST(ErrorText, IsEmptyInABufferOfOneByte) {
+    char room[1] = {'x'};
+    EXPECT_EQ(fail_unlogged(-1, room, sizeof room, "text"), -1);
+    EXPECT_EQ(room[0], '\0');
+}
+
 TEST_F(ErrorText, IsNotWrittenWithoutRoom) {
     char room[] = "#";
     EXPECT_EQ(fail({here, "Tag"}, -1, room, 0, "text"), -1);
