@@ -469,7 +469,7 @@ TEST_F(ErrorText, IsCutToItsRoomButLoggedWhole) {
     expect_log(module_here, "ERROR", "Tag", "0123456789");
 }
 
-TEST(ErrorText, IsEmptyInABufferOfOneByte) {
+TEST_F(ErrorText, IsEmptyInABufferOfOneByte) {
     char room[1] = {'x'};
     EXPECT_EQ(fail_unlogged(-1, room, sizeof room, "text"), -1);
     EXPECT_EQ(room[0], '\0');
