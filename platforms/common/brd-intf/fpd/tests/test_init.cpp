@@ -764,4 +764,21 @@ TEST_F(LoadFpds, GoesOnBehindAnFpdThatFails) {
     EXPECT_EQ(first().next->state, FpdState::description_received);
 }
 
+// An FPD's information read again -------------------------------------------------------------------------------------
+
+struct InfoRefresh : RunTest {};
+
+TEST_F(InfoRefresh, KeepsTheNameOfAnFpdThatTurnsIntoAPlannedOne) {
+    Fpd &fpd = plan("IoFpga");
+    plan("Bios", 3);
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
+                                          std::size_t) {
+        *info = make_region("Bios").info;
+        return 0;
+    };
+    EXPECT_EQ(fpd_info_refresh(card, fpd, err_msg, sizeof err_msg), -17);
+    EXPECT_STREQ(err_msg, "Duplicate FPD Bios found");
+    EXPECT_STREQ(fpd.info.name, "IoFpga");
+}
+
 }  // namespace
