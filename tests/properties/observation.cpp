@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 #include <optional>
+#include <stdexcept>
 
 #include "card_records.h"
 #include "subprocess.h"
@@ -314,8 +315,13 @@ Observation observe(const Card &card, const Prediction &prediction, unsigned spe
         machine_slack + std::chrono::seconds(static_cast<int64_t>(2 * prediction.seconds / speed));
     const std::string startup = startup_command(card, prediction.marker_before);
     Observation seen;
-    read_result(card, card_tests::run_program(command_of(card, speed, place, startup), place, limit), seen);
+    const card_tests::Result result = card_tests::run_program(command_of(card, speed, place, startup), place, limit);
+    read_result(card, result, seen);
     const fs::path state = place / "state";
+    if (!fs::exists(state / "state.toml")) {
+        throw std::runtime_error("the card was not powered on: status " + std::to_string(result.status) +
+                                 (result.timed_out ? ", ended by its bound: " : ": ") + result.out + result.err);
+    }
     const std::vector<LogRecord> log = card_tests::read_log(state / "log/fpd.log");
     const std::vector<card_tests::CallRecord> calls = card_tests::read_calls(state / "calls.log");
     read_log_facts(log, seen.facts);
