@@ -1,6 +1,7 @@
 #include "subprocess.h"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,28 +10,42 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
 namespace card_tests {
 namespace {
 
-void redirect(const fs::path &path, int flags, int descriptor) {
-    const int file = open(path.c_str(), flags | O_CLOEXEC, 0600);
-    if (file < 0 || dup2(file, descriptor) < 0) _exit(126);
-}
+/// The descriptors 0 to 2 of a program that is started.
+class Redirections {
+  public:
+    Redirections() { posix_spawn_file_actions_init(&actions_); }
+    Redirections(const Redirections &) = delete;
+    Redirections &operator=(const Redirections &) = delete;
+    ~Redirections() { posix_spawn_file_actions_destroy(&actions_); }
+    void add(int descriptor, const char *path, int flags) {
+        posix_spawn_file_actions_addopen(&actions_, descriptor, path, flags, 0600);
+    }
+    const posix_spawn_file_actions_t *get() const { return &actions_; }
 
+  private:
+    posix_spawn_file_actions_t actions_;
+};
+
+/// Not fork: callers have threads, and what runs between fork and exec may meet a lock that one of them held.
 pid_t start(const std::vector<std::string> &command, const fs::path &out, const fs::path &err) {
     std::vector<char *> words;
     for (const std::string &word : command) words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    redirect("/dev/null", O_RDONLY, STDIN_FILENO);
-    redirect(out, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
-    redirect(err, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
-    execv(words.front(), words.data());
-    _exit(127);
+    Redirections redirections;
+    redirections.add(STDIN_FILENO, "/dev/null", O_RDONLY);
+    redirections.add(STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+    redirections.add(STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, words.front(), redirections.get(), nullptr, words.data(), environ);
+    if (rc != 0) throw std::system_error(rc, std::generic_category(), command.front());
+    return pid;
 }
 
 /// Returns the wait status; kills what is not done in time.
@@ -61,7 +76,6 @@ Result run_program(const std::vector<std::string> &command, const fs::path &dire
     const fs::path out = directory / "stdout";
     const fs::path err = directory / "stderr";
     const pid_t pid = start(command, out, err);
-    if (pid < 0) return result;
     const int status = wait_for(pid, limit, result.timed_out);
     result.status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     result.out = read_file(out);

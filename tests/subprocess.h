@@ -17,7 +17,7 @@ struct Result {
 };
 
 /// Runs `command` (its first word is the path of the program) with nothing on stdin; its output goes by way of files in
-/// `directory`. A program that takes longer than `limit` is killed.
+/// `directory`. A program that takes longer than `limit` is killed. Throws when the program cannot be started.
 Result run_program(const std::vector<std::string> &command, const std::filesystem::path &directory,
                    std::chrono::seconds limit);
 
