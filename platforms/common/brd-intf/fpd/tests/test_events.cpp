@@ -180,4 +180,12 @@ TEST_F(RaisedEvent, LogsItsFailureAtItsSiteBehindTheSendersLine) {
                                                   "Sending FPD event is failed, error no script")));
 }
 
+TEST_F(RaisedEvent, LogsOfALongFailureWhatFitsInto255Characters) {
+    fake_platform().commands = {
+        {.prefix = script, .rc = 3, .output = "", .error = std::string(300, 'e'), .effect = {}}};
+    raise("x");
+    expect_log({"FPD", "raising_module"}, "ERROR", "RaiseFail",
+               "Sending FPD event is failed, error " + std::string(255, 'e'));
+}
+
 }  // namespace

@@ -392,6 +392,13 @@ TEST_F(LoadFpds, FailsWithoutTheirNumber) {
     expect_log(init_module, "ERROR", "LoadFpdsNumFpdsGetFail", "Failed to get No. of FPDs for group id 3");
 }
 
+TEST_F(LoadFpds, LoadsNothingWhereTheirNumberIsLeftOut) {
+    fake_platform().brd_group_fpd_num_fpds_get = [](std::uint32_t, std::uint32_t *) { return 0; };
+    EXPECT_EQ(load(), 0);
+    expect_log(init_module, "INFO", "LoadFpdsNoFpds", "No FPDs Defined");
+    EXPECT_THAT(fake_platform().calls_of("brd_group_fpd_obj_id_list_get"), IsEmpty());
+}
+
 TEST_F(LoadFpds, FailsWithoutMemoryForTheirIds) {
     interpose::fail(Call::calloc, ENOMEM);
     EXPECT_EQ(load(), -12);
@@ -693,6 +700,17 @@ TEST_F(LoadFpds, ShowsNoEarlierTextWhenTheDescriptionLibraryGivesNone) {
     expect_log(init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg ");
 }
 
+TEST_F(LoadFpds, DoesNotTakeWhatTheInformationCameWithForTheReasonOfAMissingDescription) {
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *text,
+                                          std::size_t size) {
+        std::snprintf(text, size, "all is well");
+        return 0;
+    };
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return -1; };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg ");
+}
+
 TEST_F(LoadFpds, HeedsOnlyTheLowBitsOfTheDescriptionsResult) {
     fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) {
         return 0x7ff00;
@@ -719,6 +737,16 @@ TEST_F(LoadFpds, LeavesAnFpdWithAWrongSumInItsStateSoThatItIsNeverPlanned) {
     ASSERT_EQ(build_upgrade_queue(UpgradeStage::regular, card, err_msg, sizeof err_msg), 0);
     EXPECT_EQ(card.planned_count, 0U);
     EXPECT_EQ(first().state, FpdState::description_failed);
+}
+
+TEST_F(LoadFpds, DoesNotTakeWhatTheDescriptionLibrarySaidForTheReasonOfAWrongSum) {
+    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
+        std::snprintf(text, size, "all is well");
+        return 0;
+    };
+    fake_platform().image_md5_validate = [](const char *, const char *, const char *, char *, std::size_t) { return 1; };
+    expect_state(FpdState::description_failed);
+    expect_log(init_module, "ERROR", "InitFpdMd5SumFailed", "md5 checksum validation failed, ");
 }
 
 TEST_F(LoadFpds, TellsTheVerdict) {

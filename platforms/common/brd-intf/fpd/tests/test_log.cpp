@@ -427,6 +427,26 @@ TEST_F(LogTimestamp, LeavesAShortBufferAlone) {
 
 // Modules -------------------------------------------------------------------------------------------------------------
 
+TEST(TextUnderConstruction, IsEndedBehindItsLastCharacters) {
+    TextBuilder text;
+    text.add("%d of %d", 1, 2);
+    text.end_with("]\n");
+    EXPECT_EQ(text.view(), "1 of 2]\n");
+    EXPECT_STREQ(text.text(), "1 of 2]\n");
+}
+
+TEST(TextUnderConstruction, IsEndedWhateverItsMemoryHeldBefore) {
+    constexpr std::size_t length = 3000;
+    char *const used = static_cast<char *>(std::malloc(length + 3));
+    ASSERT_NE(used, nullptr);
+    std::memset(used, 'x', length + 3);
+    std::free(used);
+    TextBuilder text;
+    text.add("%s", std::string(length, 'm').c_str());
+    text.end_with("]\n");
+    EXPECT_EQ(text.text(), std::string(length, 'm') + "]\n");
+}
+
 TEST(LogModuleName, IsTheBaseNameOfItsSourceFile) {
     static constexpr LogModule with_directories{"LED", "/a/b.c/src/brd_intf_led.cpp"};
     EXPECT_STREQ(with_directories.file, "brd_intf_led");
