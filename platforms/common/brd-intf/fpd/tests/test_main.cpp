@@ -11,6 +11,8 @@
 
 /// Writes what was counted of the lines that ran; there in a build that counts.
 extern "C" void __gcov_dump() __attribute__((weak));
+/// Ends the process with a report if there is memory that nobody knows any more; there in a build that looks for it.
+extern "C" void __lsan_do_leak_check() __attribute__((weak));
 
 namespace {
 
@@ -60,6 +62,7 @@ bool only_lists(int argc, char **argv) {
 int run_tests() {
     const int status = RUN_ALL_TESTS();
     if (__gcov_dump) __gcov_dump();
+    if (__lsan_do_leak_check) __lsan_do_leak_check();
     return status;
 }
 
