@@ -425,7 +425,7 @@ TEST_F(LogTimestamp, LeavesAShortBufferAlone) {
     }
 }
 
-// Modules -------------------------------------------------------------------------------------------------------------
+// Texts under construction --------------------------------------------------------------------------------------------
 
 TEST(TextUnderConstruction, IsEndedBehindItsLastCharacters) {
     TextBuilder text;
@@ -446,6 +446,8 @@ TEST(TextUnderConstruction, IsEndedWhateverItsMemoryHeldBefore) {
     text.end_with("]\n");
     EXPECT_EQ(text.text(), std::string(length, 'm') + "]\n");
 }
+
+// Modules -------------------------------------------------------------------------------------------------------------
 
 TEST(LogModuleName, IsTheBaseNameOfItsSourceFile) {
     static constexpr LogModule with_directories{"LED", "/a/b.c/src/brd_intf_led.cpp"};
