@@ -26,6 +26,7 @@ struct ObflContext {
     char latest_file[128];  // path of the flash log file in use; empty: not chosen yet
     ObflMountStatus mount_status;
     pthread_t mount_thread;          // 0: none was started
+    bool mount_thread_joined;        // its handle is no longer valid
     std::atomic<bool> mounted_here;  // set by the mount thread, once, and read by the main thread
     bool flash_ready;                // the temporary log was moved: lines go to the flash
 };
@@ -39,6 +40,10 @@ ObflContext &obfl_context();
 void fpd_obfl_timestamp(char *buffer, std::size_t size);
 /// Path of the file for the next event line; also drives the mount of the flash on. Static text.
 const char *GetFpdObflLogFilename();
+/// Whether no mount thread runs, or no longer; never waits.
+bool obfl_mount_is_over();
+/// Gives a mount thread up that does not end, and forgets all; what was logged stays in the temporary file.
+void obfl_flash_abandon();
 /// Waits for the mount thread, moves the temporary log to the flash, unmounts what this program mounted, and forgets
 /// all.
 void obfl_flash_release();

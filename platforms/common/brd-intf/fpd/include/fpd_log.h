@@ -52,11 +52,14 @@ void fpd_log_timestamp(char *buffer, std::size_t size);
 /// Detail.
 [[gnu::format(printf, 2, 3)]] void log_debug(LogSite site, const char *format, ...);
 
-/// Logs a failure as ERROR, writes the same text into err_msg and returns `rc`. The arguments may point into err_msg,
-/// which is how a caller logs again what its callee reported. A null err_msg takes no text.
+/// Logs a failure as ERROR, writes the same text into err_msg and returns `rc`. The arguments may point into
+/// err_msg. A null err_msg takes no text.
 [[gnu::format(printf, 5, 6)]] int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *format,
                                        ...);
-/// The same without a log line: the caller that logs is told by err_msg.
+/// Logs as ERROR that a callee failed which was handed err_msg and left its reason there, and returns `rc`. The text
+/// stays as it is: a caller sees the innermost reason, once.
+[[gnu::format(printf, 3, 4)]] int pass_on(LogSite site, int rc, const char *format, ...);
+/// As fail(), without a log line: the caller that logs is told by err_msg.
 [[gnu::format(printf, 4, 5)]] int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...);
 /// Empties err_msg, so that a callee that writes nothing leaves nothing of an earlier call there. Null is allowed.
 void clear_error(char *err_msg, std::size_t err_len);
@@ -69,7 +72,9 @@ struct TextBuilder {
     TextBuilder(const TextBuilder &) = delete;
     TextBuilder &operator=(const TextBuilder &) = delete;
     [[gnu::format(printf, 2, 3)]] void add(const char *format, ...);
+    /// A format that printf refuses is added as it stands.
     [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
+    void add_text(std::string_view text);
     /// Adds the last characters of a line, which replace those before them when the text had to be cut.
     void end_with(std::string_view ending);
     /// What was added so far, without the NUL behind it; valid until more is added.
@@ -81,9 +86,5 @@ struct TextBuilder {
     std::size_t capacity = sizeof small;
     std::size_t length = 0;  // characters, without the NUL
 };
-
-/// Appends `text` to the file in one write, creating it if need be. Returns 0 or -errno of the failed open; a failed
-/// write is not reported. A cancellation point, before anything is done.
-int append_to_file(const char *path, std::string_view text);
 
 #endif

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "fpd_log.h"
-#include "os_owner.h"
+#include "os_file.h"
 
 namespace {
 
@@ -33,10 +33,10 @@ int file_not_found(const char *tag, int error) {
 
 /// The boot environment may still be writing the file when the card comes up.
 File open_with_retries() {
-    File file(std::fopen(bootstrap_file, "r"));
+    File file = open_file(bootstrap_file, "r");
     for (int i = 0; !file && i < open_retries; ++i) {
-        sleep(1);
-        file.reset(std::fopen(bootstrap_file, "r"));
+        for (unsigned left = 1; left > 0;) left = sleep(left);
+        file = open_file(bootstrap_file, "r");
     }
     return file;
 }
@@ -69,7 +69,7 @@ int find_line(std::FILE *file, const char *key, KeyLine &line) {
     start_line(line);
     for (;;) {
         // As a signed char, so that a byte 0xFF ends the reading as the end of the file does.
-        const auto character = static_cast<signed char>(std::fgetc(file));
+        const auto character = static_cast<signed char>(read_byte(file));
         if (character == '\0' || character == EOF) break;
         if (character == '\n') {
             *line.cursor = '\0';

@@ -6,16 +6,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string>
 
 #include "fpd_log.h"
 #include "fpd_utility.h"
-#include "os_owner.h"
+#include "os_file.h"
 #include "os_thread.h"
 
 namespace {
@@ -36,17 +36,17 @@ constexpr std::size_t timestamp_size = 32;
 
 ObflContext context;
 
-/// A compiled regular expression.
-struct Regex {
-    explicit Regex(const char *pattern) : rc(regcomp(&compiled, pattern, REG_EXTENDED)) {}
-    ~Regex() {
-        if (rc == 0) regfree(&compiled);
+/// The compiled regular expression of the flash log files' names.
+struct LogFileRegex {
+    LogFileRegex() : error(regcomp(&compiled, log_file_pattern, REG_EXTENDED)) {}
+    ~LogFileRegex() {
+        if (error == 0) regfree(&compiled);
     }
-    Regex(const Regex &) = delete;
-    Regex &operator=(const Regex &) = delete;
+    LogFileRegex(const LogFileRegex &) = delete;
+    LogFileRegex &operator=(const LogFileRegex &) = delete;
 
     regex_t compiled{};
-    int rc;  // of regcomp
+    int error;  // of regcomp
 };
 
 /// Moves what was logged so far to the flash; from then on lines go there.
@@ -92,14 +92,15 @@ void check_mount_thread() {
 
 /// Unmounting writes out what the flash holds; a flash that stays mounted would lose it to the reset that may follow.
 void sync_flash_log() {
-    const Descriptor file(open(context.latest_file, O_RDONLY | O_CLOEXEC));
-    if (file.fd >= 0) fsync(file.fd);
+    const Descriptor file(uninterrupted([] { return open(context.latest_file, O_RDONLY | O_CLOEXEC); }));
+    if (file.fd >= 0) sync_to_storage(file.fd);
 }
 
 void forget_flash() {
     std::memset(context.latest_file, 0, sizeof context.latest_file);
     context.mount_status = ObflMountStatus::none;
     context.mount_thread = 0;
+    context.mount_thread_joined = false;
     context.mounted_here = false;
     context.flash_ready = false;
 }
@@ -120,19 +121,42 @@ int write_failed(char *err_msg, std::size_t err_len) {
 int copy_stream(std::FILE *from, std::FILE *to, char *err_msg, std::size_t err_len) {
     char chunk[copy_chunk_size];
     std::size_t count;
-    while ((count = std::fread(chunk, 1, sizeof chunk, from)) > 0)
-        if (std::fwrite(chunk, 1, count, to) != count) return write_failed(err_msg, err_len);
+    while ((count = read_bytes(from, chunk, sizeof chunk)) > 0)
+        if (!write_bytes(to, {chunk, count})) return write_failed(err_msg, err_len);
     if (std::ferror(from))
         return fail_unlogged(EIO, err_msg, err_len, "read from temp file, error '%s'", std::strerror(errno));
-    // A reset may follow at once. Some files cannot be synced, and need not be.
-    if (std::fflush(to) != 0 || (fsync(fileno(to)) != 0 && errno != EINVAL)) return write_failed(err_msg, err_len);
+    if (!sync_to_storage(fileno(to))) return write_failed(err_msg, err_len);
     return 0;
 }
 
-int regex_error(int rc, int error, const Regex &regex, char *err_msg, std::size_t err_len) {
+/// The number as atoi has it, a too long one included. Not atoi itself, which would go on where the digits end: the
+/// character that the pattern's '.' matched may be a digit too.
+std::uint32_t number_from(const char *digits, const char *end) {
+    long number = 0;
+    for (; digits != end; ++digits) {
+        const long digit = *digits - '0';
+        number = number > (LONG_MAX - digit) / 10 ? LONG_MAX : number * 10 + digit;
+    }
+    return static_cast<std::uint32_t>(number);
+}
+
+int regex_failed(int rc, int error, const LogFileRegex &regex, char *err_msg, std::size_t err_len) {
     char text[error_size] = "";
     regerror(error, &regex.compiled, text, sizeof text);
     return fail_unlogged(rc, err_msg, err_len, "%s", text);
+}
+
+int parse_file_number(const LogFileRegex &regex, const char *name, std::uint32_t *number, char *err_msg,
+                      std::size_t err_len) {
+    clear_error(err_msg, err_len);
+    if (regex.error != 0) return regex_failed(EOPNOTSUPP, regex.error, regex, err_msg, err_len);
+    regmatch_t matches[2];
+    const int rc = regexec(&regex.compiled, name, std::size(matches), matches, 0);
+    if (rc != 0) return regex_failed(EINVAL, rc, regex, err_msg, err_len);
+    const regmatch_t &group = matches[1];
+    if (group.rm_so < 0) return EINVAL;
+    *number = number_from(name + group.rm_so, name + group.rm_eo);
+    return 0;
 }
 
 }  // namespace
@@ -176,9 +200,22 @@ const char *GetFpdObflLogFilename() {
     return temporary_log;
 }
 
+bool obfl_mount_is_over() {
+    if (context.mount_thread == 0 || context.mount_thread_joined) return true;
+    context.mount_thread_joined = pthread_tryjoin_np(context.mount_thread, nullptr) != EBUSY;
+    return context.mount_thread_joined;
+}
+
+void obfl_flash_abandon() {
+    log_error({here, "ObflMountThreadHdlrFlashOperFail"}, "Failed to mount OBFL Flash, error '%s'",
+              std::strerror(ETIMEDOUT));
+    pthread_detach(context.mount_thread);
+    forget_flash();
+}
+
 void obfl_flash_release() {
     if (context.mount_thread != 0) {
-        pthread_join(context.mount_thread, nullptr);
+        if (!context.mount_thread_joined) pthread_join(context.mount_thread, nullptr);
         check_mount_thread();
     }
     char err_msg[error_size] = "";
@@ -198,7 +235,7 @@ int obfl_flash_operation(int op, char *err_msg, std::size_t err_len) {
     std::size_t output_len = 0;
     const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", command);
     terminate_error(err_msg, err_len);
-    if (rc != 0) return fail({here, "ObflOperCmdFail"}, EOPNOTSUPP, err_msg, err_len, "%s", err_msg);
+    if (rc != 0) return pass_on({here, "ObflOperCmdFail"}, EOPNOTSUPP, "%s", err_msg);
     output[sizeof output - 1] = '\0';
     log_debug({here, "ObflOperCmd"}, "Executed OBFL Flashoperation command '%s' output '%s'", command, output);
     return 0;
@@ -241,11 +278,12 @@ int obfl_latest_file_get(const char **path, char *err_msg, std::size_t err_len) 
         return fail_unlogged(ENOENT, err_msg, err_len, "Failed to OBFL directory name: %s, error %s", flash_directory,
                              std::strerror(errno));
     set_latest_file("fpd_local_log_1.txt");
+    // Once for all names: a flash may hold very many.
+    const LogFileRegex regex;
     std::uint32_t highest = 0;
     while (const dirent *const entry = readdir(directory.get())) {
         std::uint32_t number = 0;
-        char parse_error[error_size];
-        if (obfl_file_number_parse(entry->d_name, &number, parse_error, sizeof parse_error) != 0) continue;
+        if (parse_file_number(regex, entry->d_name, &number, nullptr, 0) != 0) continue;
         if (number <= highest) continue;
         if (!set_latest_file(entry->d_name))
             return fail_unlogged(E2BIG, err_msg, err_len, "Insufficient buffer to store filename %s", entry->d_name);
@@ -255,18 +293,7 @@ int obfl_latest_file_get(const char **path, char *err_msg, std::size_t err_len) 
 }
 
 int obfl_file_number_parse(const char *name, std::uint32_t *number, char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
-    const Regex regex(log_file_pattern);
-    if (regex.rc != 0) return regex_error(EOPNOTSUPP, regex.rc, regex, err_msg, err_len);
-    regmatch_t matches[2];
-    const int rc = regexec(&regex.compiled, name, std::size(matches), matches, 0);
-    if (rc != 0) return regex_error(EINVAL, rc, regex, err_msg, err_len);
-    const regmatch_t &group = matches[1];
-    if (group.rm_so < 0) return EINVAL;
-    // The digits alone: the character that '.' matched may be a digit too.
-    const std::string digits(name + group.rm_so, name + group.rm_eo);
-    *number = static_cast<std::uint32_t>(std::atoi(digits.c_str()));
-    return 0;
+    return parse_file_number(LogFileRegex(), name, number, err_msg, err_len);
 }
 
 int obfl_move_temp_log(char *err_msg, std::size_t err_len) {
@@ -275,8 +302,8 @@ int obfl_move_temp_log(char *err_msg, std::size_t err_len) {
     const char *flash_log = nullptr;
     int rc = obfl_latest_file_get(&flash_log, err_msg, err_len);
     if (rc != 0) return rc;
-    const File from(std::fopen(temporary_log, "r"));
-    const File to(from ? std::fopen(flash_log, "a") : nullptr);
+    const File from = open_file(temporary_log, "r");
+    const File to = from ? open_file(flash_log, "a") : nullptr;
     if (!from || !to) return fail_unlogged(EIO, err_msg, err_len, "open file, error '%s'", std::strerror(errno));
     rc = copy_stream(from.get(), to.get(), err_msg, err_len);
     if (rc == 0) unlink(temporary_log);

@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "fpd_log.h"
-#include "os_owner.h"
+#include "os_file.h"
 
 namespace {
 
@@ -21,6 +21,8 @@ constexpr LogModule here{"FPD", __FILE__};
 constexpr const char *marker_directory = "/misc/scratch";
 constexpr const char *marker_file = "/misc/scratch/bootup_fpd_marker.txt";
 constexpr const char *entry_format = "FPD: %-16s | Version: %-12s\n";
+// In the place of the first character of a marker that is not whole: no entry begins with it.
+constexpr std::string_view unfinished_mark = "#";
 // In entries of the minimal width: two to begin with, and one at a time.
 constexpr std::size_t first_capacity = 96;
 constexpr std::size_t capacity_step = 48;
@@ -77,7 +79,7 @@ int read_text(std::FILE *file, std::size_t size, Allocated<char> &text, char *er
         return fail_unlogged(-error, err_msg, err_len, "malloc() failed size %ld, error %s", static_cast<long>(size),
                              std::strerror(error));
     }
-    const std::size_t count = std::fread(text.get(), 1, size, file);
+    const std::size_t count = read_bytes(file, text.get(), size);
     const int stream_error = std::ferror(file);
     if (count != static_cast<std::uint32_t>(size)) {
         text.reset();
@@ -87,21 +89,26 @@ int read_text(std::FILE *file, std::size_t size, Allocated<char> &text, char *er
     return 0;
 }
 
-/// The card resets next: what is still in a cache then is lost. Some files cannot be synced, and need not be.
-bool sync_to_storage(int fd) {
-    return fsync(fd) == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP;
+bool write_to_storage(std::FILE *file, std::string_view text) {
+    return write_bytes(file, text) && sync_to_storage(fileno(file));
 }
 
+/// A power cut between two entries must not leave the marker of a smaller plan, whose upgrade would then be skipped at
+/// every boot. So the first character, with which every plan begins, comes last: whatever reaches the storage without
+/// it, and in whatever order, is the marker of no plan.
 bool write_text(File file, std::string_view text) {
-    const bool written = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size();
-    const bool synced = std::fflush(file.get()) == 0 && sync_to_storage(fileno(file.get()));
-    return std::fclose(file.release()) == 0 && written && synced;
+    const bool prepared =
+        write_bytes(file.get(), unfinished_mark) && write_to_storage(file.get(), text.substr(unfinished_mark.size()));
+    const bool written = prepared && std::fseek(file.get(), 0, SEEK_SET) == 0 &&
+                         write_to_storage(file.get(), text.substr(0, unfinished_mark.size()));
+    return std::fclose(file.release()) == 0 && written;
 }
 
 /// The file is new in its directory, which has to last as well.
 void sync_directory() {
-    const Descriptor directory(open(marker_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.fd >= 0) fsync(directory.fd);
+    const Descriptor directory(
+        uninterrupted([] { return open(marker_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (directory.fd >= 0) sync_to_storage(directory.fd);
 }
 
 }  // namespace
@@ -136,7 +143,7 @@ int upg_marker_check(bool *same, char *err_msg, std::size_t err_len) {
     }
     struct stat status;
     if (stat(marker_file, &status) != 0) return access_error(errno, err_msg, err_len);
-    File file(std::fopen(marker_file, "rb"));
+    const File file = open_file(marker_file, "rb");
     if (!file) return access_error(errno, err_msg, err_len);
     if (status.st_size == 0) {
         *same = false;
@@ -154,7 +161,7 @@ int upg_marker_check(bool *same, char *err_msg, std::size_t err_len) {
 int upg_marker_write(char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     if (marker.length == 0) return 0;
-    File file(std::fopen(marker_file, "w+"));
+    File file = open_file(marker_file, "w+");
     if (!file) {
         const int error = errno;
         return fail_unlogged(-error, err_msg, err_len, "Unable to open the Upgrade marker file %s, error %s",

@@ -1,6 +1,5 @@
 #include "fpd_log.h"
 
-#include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+
+#include "os_file.h"
 
 namespace {
 
@@ -59,17 +60,6 @@ void add_field(TextBuilder &line, const char *field) {
 }
 
 }  // namespace
-
-int append_to_file(const char *path, std::string_view text) {
-    // A worker is cancelled before a line or after it: within, the descriptor or half of the line could be lost.
-    pthread_testcancel();
-    const CancelHold hold;
-    Descriptor file(open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
-    if (file.fd < 0) return -errno;
-    // One write keeps the lines of concurrent threads apart. A full disk makes it short, and the rest is lost then.
-    [[maybe_unused]] const ssize_t written = write(file.fd, text.data(), text.size());
-    return 0;
-}
 
 void fpd_log_timestamp(char *buffer, std::size_t size) {
     if (size < timestamp_size) return;
@@ -133,6 +123,14 @@ int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *f
     return rc;
 }
 
+int pass_on(LogSite site, int rc, const char *format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    VaListEnd end(arguments);
+    log_at(site, "ERROR", format, arguments);
+    return rc;
+}
+
 int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...) {
     TextBuilder text;
     std::va_list arguments;
@@ -179,12 +177,25 @@ void TextBuilder::add_list(const char *format, std::va_list arguments) {
     va_copy(measured, arguments);
     const int count = std::vsnprintf(nullptr, 0, format, measured);
     va_end(measured);
-    if (count < 0) return;
+    if (count < 0) {
+        // A text that printf refuses tells more as it stands than not at all.
+        add_text(format);
+        return;
+    }
     grow(*this, static_cast<std::size_t>(count));
     char *const end = (grown ? grown.get() : small) + length;
     const std::size_t room = capacity - length;
     std::vsnprintf(end, room, format, arguments);
     length += std::min(static_cast<std::size_t>(count), room - 1);
+}
+
+void TextBuilder::add_text(std::string_view text) {
+    grow(*this, text.size());
+    const std::size_t count = std::min(text.size(), capacity - 1 - length);
+    char *const end = (grown ? grown.get() : small) + length;
+    text.copy(end, count);
+    end[count] = '\0';
+    length += count;
 }
 
 void TextBuilder::end_with(std::string_view ending) {

@@ -5,6 +5,7 @@
 #include <mqueue.h>
 #include <pthread.h>
 #include <regex.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 using interpose::Call;
 
@@ -39,12 +41,31 @@ std::function<void(std::uint64_t)> &sleep_hook() {
     return hook;
 }
 
+using Hooks = std::array<std::function<void()>, static_cast<std::size_t>(Call::count)>;
+
+Hooks &hooks() {
+    static Hooks all;
+    return all;
+}
+// Set when a hook is: calls arrive before `hooks` is made, and from many threads.
+constinit std::atomic<bool> hooked{false};
+
+void run_hook(Call call) {
+    if (!hooked) return;
+    std::function<void()> &hook = hooks()[static_cast<std::size_t>(call)];
+    if (!hook) return;
+    const std::function<void()> once = std::exchange(hook, nullptr);
+    once();
+    hook = once;
+}
+
 Armed &armed(Call call) {
     return armed_calls[static_cast<std::size_t>(call)];
 }
 
 /// The error with which this call is to fail, set as errno too; 0: it is not to fail.
 int failure(Call call) {
+    run_hook(call);
     Armed &one = armed(call);
     const unsigned number = ++one.calls;
     const unsigned first = one.first;
@@ -88,6 +109,11 @@ void on_sleep(std::function<void(std::uint64_t)> instead) {
     sleep_hook() = std::move(instead);
 }
 
+void before_each(Call call, std::function<void()> before) {
+    hooks()[static_cast<std::size_t>(call)] = std::move(before);
+    hooked = true;
+}
+
 void reset() {
     for (Armed &one : armed_calls) {
         one.first = 0;
@@ -97,6 +123,7 @@ void reset() {
     held_wall_clock = not_held;
     stat_growth = 0;
     sleep_hook() = nullptr;
+    if (hooked.exchange(false)) hooks() = {};
 }
 
 }  // namespace interpose
@@ -121,6 +148,11 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now) {
     if (held == not_held) return __real_clock_gettime(clock, now);
     *now = {held / 1'000'000'000, held % 1'000'000'000};
     return 0;
+}
+
+int __real_flock(int fd, int operation);
+int __wrap_flock(int fd, int operation) {
+    return failure(Call::flock) ? -1 : __real_flock(fd, operation);
 }
 
 std::FILE *__real_fopen(const char *path, const char *mode);
@@ -173,6 +205,11 @@ int __wrap_mq_send(mqd_t queue, const char *message, std::size_t size, unsigned 
     return failure(Call::mq_send) ? -1 : __real_mq_send(queue, message, size, priority);
 }
 
+int __real_mq_unlink(const char *name);
+int __wrap_mq_unlink(const char *name) {
+    return failure(Call::mq_unlink) ? -1 : __real_mq_unlink(name);
+}
+
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
     if (failure(Call::open)) return -1;
@@ -216,6 +253,12 @@ int __real_pthread_sigmask(int how, const sigset_t *signals, sigset_t *before);
 int __wrap_pthread_sigmask(int how, const sigset_t *signals, sigset_t *before) {
     const int error = failure(Call::pthread_sigmask);
     return error ? error : __real_pthread_sigmask(how, signals, before);
+}
+
+int __real_pthread_tryjoin_np(pthread_t thread, void **result);
+int __wrap_pthread_tryjoin_np(pthread_t thread, void **result) {
+    const int error = failure(Call::pthread_tryjoin_np);
+    return error ? error : __real_pthread_tryjoin_np(thread, result);
 }
 
 void *__real_realloc(void *memory, std::size_t size);

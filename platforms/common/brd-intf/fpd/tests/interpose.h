@@ -17,6 +17,7 @@ enum class Call {
     access,
     calloc,
     clock_gettime,
+    flock,
     fopen,
     fread,  // reads nothing, without a stream error
     fsync,
@@ -25,6 +26,7 @@ enum class Call {
     mq_open,
     mq_receive,
     mq_send,
+    mq_unlink,
     open,
     open_memstream,
     opendir,
@@ -32,6 +34,7 @@ enum class Call {
     pthread_create,
     pthread_join,
     pthread_sigmask,
+    pthread_tryjoin_np,
     realloc,
     regcomp,
     sigaddset,
@@ -58,6 +61,10 @@ void hold_wall_clock(timeval now);
 
 /// Adds so many bytes to the size of every file that stat() tells of.
 void grow_stat(std::int64_t bytes);
+
+/// Calls `before` ahead of each such call, but not of those that it makes itself; null: nothing.
+/// Not while another thread may make the call.
+void before_each(Call call, std::function<void()> before);
 
 /// Calls `instead` with the microseconds of each sleep() and usleep(), which do not sleep then; null: they sleep.
 /// Not while another thread may sleep.

@@ -525,23 +525,4 @@ TEST_F(ErrorText, IsEmptiedAndEnded) {
     EXPECT_STREQ(full, "ful");
 }
 
-// Appending -----------------------------------------------------------------------------------------------------------
-
-struct AppendToFile : CardTest {};
-
-TEST_F(AppendToFile, MakesTheFileAndAddsToIt) {
-    EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
-    EXPECT_EQ(append_to_file("/misc/scratch/a", " two"), 0);
-    EXPECT_EQ(read_file("/misc/scratch/a"), "one two");
-}
-
-TEST_F(AppendToFile, TellsWhyTheFileCannotBeOpened) {
-    EXPECT_EQ(append_to_file("/misc/scratch", "one"), -EISDIR);
-    EXPECT_EQ(append_to_file("/misc/scratch/none/a", "one"), -ENOENT);
-}
-
-TEST_F(AppendToFile, DoesNotTellOfAFullDisk) {
-    EXPECT_EQ(append_to_file("/dev/full", "one"), 0);
-}
-
 }  // namespace

@@ -13,8 +13,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using interpose::Call;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
 
 constexpr const char *io_line = "FPD: IoFpga           | Version: 1.12.0      \n";
 constexpr const char *bios_line = "FPD: Bios             | Version: 3.4.0       \n";
@@ -457,7 +460,31 @@ TEST_F(MarkerWrite, HasTheFileReachTheStorageAndThenItsDirectory) {
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
     interpose::reset();
     EXPECT_EQ(write(), 0);
-    EXPECT_EQ(interpose::calls(Call::fsync), 2U);
+    EXPECT_EQ(interpose::calls(Call::fsync), 3U);
+}
+
+TEST_F(MarkerWrite, IsTheMarkerOfNoPlanUntilItIsWhole) {
+    std::vector<std::string> plans;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(add("Fpd" + std::to_string(i), "1.2.3"), 0);
+        plans.push_back(text());
+    }
+    std::vector<std::string> on_storage;
+    interpose::before_each(Call::fsync, [&] { on_storage.push_back(marker_file()); });
+    EXPECT_EQ(write(), 0);
+    // Before the first sync the storage may have any part of it; after it all but the first character is there.
+    ASSERT_THAT(on_storage, SizeIs(3));
+    for (std::size_t size = 0; size <= on_storage[0].size(); ++size)
+        EXPECT_THAT(plans, Not(Contains(on_storage[0].substr(0, size)))) << size;
+    EXPECT_EQ(on_storage[0].substr(1), plans.back().substr(1));
+    EXPECT_EQ(on_storage[1], plans.back());
+}
+
+TEST_F(MarkerWrite, FailsWhenItsEndDoesNotReachTheStorage) {
+    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+    interpose::fail(Call::fsync, EIO, 2);
+    EXPECT_EQ(write(), -5);
+    expect_marker(io_line, 96);
 }
 
 TEST_F(MarkerWrite, IsDoneWhenTheDirectoryCannotBeSynced) {
@@ -466,7 +493,7 @@ TEST_F(MarkerWrite, IsDoneWhenTheDirectoryCannotBeSynced) {
     interpose::fail(Call::open, EACCES, behind_the_log);
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(marker_file(), io_line);
-    EXPECT_EQ(interpose::calls(Call::fsync), 1U);
+    EXPECT_EQ(interpose::calls(Call::fsync), 2U);
 }
 
 TEST_F(MarkerWrite, IsDoneWhereAFileCannotBeSynced) {
@@ -489,7 +516,7 @@ TEST_F(MarkerWrite, HasTheDirectoryReachTheStorageWhateverItsDescriptor) {
     close(STDIN_FILENO);  // the lowest descriptor is free
     EXPECT_EQ(write(), 0);
     dup2(standard_input.fd, STDIN_FILENO);
-    EXPECT_EQ(interpose::calls(Call::fsync), 2U);
+    EXPECT_EQ(interpose::calls(Call::fsync), 3U);
 }
 
 TEST_F(MarkerWrite, FailsWhenAnEntryDidNotFit) {
