@@ -22,7 +22,8 @@ std::uint32_t progressing_limit();
 /// begun, whatever becomes of single FPDs; else the failed marker operation's code.
 int run_fpd_upgrade(LocalCard &card, unsigned run_level);
 
-/// Receives and handles the workers' reports until there are none, or a malformed one, or a whole queue was handled.
+/// Receives and handles the workers' reports until there are none, or a malformed one. A flood of them ends after one
+/// supervision period, but not before all that were sent when it began.
 void drain_worker_messages(LocalCard &card);
 /// One supervision pass over the lowest sequence queue that is not empty: starts workers for queued FPDs, and ends
 /// those that stay too long in one state.

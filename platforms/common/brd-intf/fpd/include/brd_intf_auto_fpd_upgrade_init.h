@@ -33,7 +33,7 @@ struct LocalCard {
     timespec last_check_time;       // of the last supervision pass, CLOCK_MONOTONIC_RAW
     timespec last_punch_time;       // of the last watchdog punch, CLOCK_MONOTONIC_RAW
     FpdWorkerCtx *retired_workers;  // off their FPDs, to be released when the run is over
-    unsigned hanging_workers;       // whose threads were still in the platform library then
+    unsigned hanging_threads;       // that were still in the platform library then
 };
 static_assert(std::is_trivial_v<LocalCard>, "taken with calloc");
 
@@ -54,8 +54,8 @@ void leave_sequence_queue(LocalCard &card, Fpd &fpd, LogSite site);
 
 /// Creates the message queue and plans the run.
 int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len);
-/// Frees the plan, removes the message queue and releases the workers; card.hanging_workers tells how many of these are
-/// beyond release.
+/// Frees the plan, removes the message queue and releases the workers, also when the queue cannot be removed;
+/// card.hanging_threads tells how many are beyond release.
 int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len);
 
 /// Plans the run in the stages of the stored upgrade mode. EINVAL (positive) for a mode that is none.

@@ -12,8 +12,9 @@ inline constexpr const char *fpd_mq_base_name = "/auto_fpd_upg_mq";
 /// Reports that may be pending; a worker with another waits.
 inline constexpr long fpd_mq_max_messages = 256;
 
-/// Makes an empty queue of that name, whatever was there before, and opens it for receiving without waiting.
-/// Main thread.
+/// Makes an empty queue of that name and opens it for receiving without waiting. It belongs to this run until it is
+/// deleted or the process ends: that of a run that is on is left alone (EBUSY in the text), one that an ended run left
+/// is removed, and so is a stranger's, for a second at most (EEXIST). Main thread.
 int create_fpd_mq(const char *name, int *mqd, char *err_msg, std::size_t err_len);
 /// Closes the receiving end, sets *mqd to -1 and removes the queue; all is left as it was when closing fails.
 /// Main thread.

@@ -59,9 +59,10 @@ int start_fpd_upgrade_worker(LocalCard &card, Fpd &fpd, char *err_msg, std::size
 /// Takes the worker off its FPD. From here on its reports are a stranger's. Main thread.
 /// @param reported_end its last report arrived, so that its thread is about to end
 void retire_worker(LocalCard &card, Fpd &fpd, bool reported_end);
-/// Joins and releases the retired workers whose thread has ended or is about to. One that still hangs in the platform
-/// library keeps its context until the process ends, and is counted in card.hanging_workers. Not before the message
-/// queue is gone: until then no address of a retired worker may be handed out again. Main thread.
+/// Joins and releases the retired workers whose thread has ended or is about to, for which all of them have a second.
+/// One that still runs then, or hangs in the platform library, keeps its context until the process ends, and is counted
+/// in card.hanging_threads. Not before the last drain: until then no address of a retired worker may be handed out
+/// again. Main thread.
 void release_retired_workers(LocalCard &card);
 
 /// Entry of the worker thread. Returns 0, or -EIO as a pointer-sized integer when its queue cannot be opened.

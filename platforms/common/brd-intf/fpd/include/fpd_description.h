@@ -36,7 +36,7 @@ typedef struct FpdDescRequest {
     uint8_t info_flag;
     uint8_t reserved40;
     uint8_t reserved41[3];
-    uint32_t magic; /* FPD_DESC_MAGIC */
+    uint32_t magic;  /* FPD_DESC_MAGIC */
     uint8_t version; /* FPD_DESC_VERSION */
     uint8_t reserved49[3];
     uint32_t upgrade_type; /* requested: 0 regular, 1 manufacturing, 2 unlocks Golden, 3 dummy minor, 4 dummy major */
@@ -44,9 +44,9 @@ typedef struct FpdDescRequest {
 
 /// The answer; 576 bytes. The caller sets magic and version, the library the rest.
 typedef struct FpdDesc {
-    char dependency[17]; /* name of the FPD this one depends on; empty: none */
-    char image[255];     /* file name of the packaged image */
-    char md5[255];       /* expected MD5 sum of the image as hex text */
+    char dependency[17];  /* name of the FPD this one depends on; empty: none */
+    char image[255];      /* file name of the packaged image */
+    char md5[255];        /* expected MD5 sum of the image as hex text */
     uint8_t need_upgrade; /* non-zero: must be upgraded */
     FpdVersion packaged_version;
     uint8_t reserved534[2];

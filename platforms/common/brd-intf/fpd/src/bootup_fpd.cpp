@@ -1,8 +1,10 @@
 /// The command line: parses it, answers the configuration commands, and runs the card commands.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +15,7 @@
 #include "brd_platform_access.h"
 #include "fpd_log.h"
 #include "fpd_upgrade_cookie.h"
+#include "os_signal.h"
 
 namespace {
 
@@ -37,7 +40,7 @@ struct Run {
     char err_msg[512] = "";
     // Stays with the process when the upgrade interface cannot be initialised.
     LocalCard *card = nullptr;
-    bool worker_hangs = false;  // a thread is still in the platform library
+    bool thread_hangs = false;  // one is still in the platform library
 };
 
 constexpr int status_failed = -1;
@@ -267,9 +270,9 @@ int card_command(Run &run) {
     if (interface_init(run.run_level, *run.card, run.err_msg, sizeof run.err_msg) != 0)
         return card_command_failed("Interface Init", run.err_msg);
     const int result = run_command_on_card(run);
-    if (interface_deinit(*run.card, run.err_msg, sizeof run.err_msg) != 0)
-        return card_command_failed("Interface Deinit", run.err_msg);
-    run.worker_hangs = run.card->hanging_workers != 0;
+    const int rc = interface_deinit(*run.card, run.err_msg, sizeof run.err_msg);
+    run.thread_hangs = run.card->hanging_threads != 0;
+    if (rc != 0) return card_command_failed("Interface Deinit", run.err_msg);
     if (context_deinit(&run.card, run.err_msg, sizeof run.err_msg) != 0)
         return card_command_failed("Context Deinit", run.err_msg);
     return result;
@@ -319,12 +322,23 @@ int bootup_fpd(int argc, char **argv, Run &run) {
     return run_command(run);
 }
 
+/// Standard descriptors that are closed would become those of the queue, or of a device of the platform library, which
+/// would then be written our answers.
+void open_closed_standard_descriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) open("/dev/null", O_RDWR);
+}
+
+// Before the libraries' constructors, which may open something.
+[[gnu::section(".preinit_array"), gnu::used]] void (*const before_libraries)() = open_closed_standard_descriptors;
+
 }  // namespace
 
 int main(int argc, char **argv) {
+    survive_file_size_limit();
     Run run;
     const int status = bootup_fpd(argc, argv, run);
-    if (run.worker_hangs) {
+    if (run.thread_hangs) {
         // The platform library's own end could wait for that thread, or pull the ground from under it.
         std::fflush(stdout);
         std::fflush(stderr);

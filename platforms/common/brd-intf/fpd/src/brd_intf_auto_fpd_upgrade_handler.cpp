@@ -19,6 +19,8 @@
 #include "brd_intf_events_fpd.h"
 #include "fpd_log.h"
 #include "fpd_utility.h"
+#include "os_file.h"
+#include "os_signal.h"
 
 std::uint32_t bootup_fpd_time_div = 1;
 
@@ -28,6 +30,8 @@ namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
+// The mount command is ended after five minutes of the wall, whatever divides the times of the run.
+constexpr std::int64_t flash_mount_limit = 360'000'000;  // µs
 constexpr const char *watchdog_script = "/usr/local/etc/punch-watchdog-once.sh";
 
 std::uint32_t scaled(std::uint32_t microseconds) {
@@ -68,7 +72,8 @@ namespace {
 /// Receives one report without waiting; false when there is none, or what there is is malformed.
 bool receive_report(int mq, WorkerMsg &msg) {
     std::memset(&msg, 0, sizeof msg);
-    const ssize_t size = mq_receive(mq, reinterpret_cast<char *>(&msg), sizeof msg, nullptr);
+    const ssize_t size =
+        uninterrupted([&] { return mq_receive(mq, reinterpret_cast<char *>(&msg), sizeof msg, nullptr); });
     if (size < 0) {
         if (errno != EAGAIN)
             log_error({here, "FpdUpgMsgRcvErr"}, "FPD Upgrade msgqueue received error %s", std::strerror(errno));
@@ -166,18 +171,40 @@ void handle_report(LocalCard &card, Fpd &fpd, const WorkerMsg &msg) {
                   fpd.info.name, state_name(msg.state), fpd.seq);
 }
 
+void handle_message(LocalCard &card, const WorkerMsg &msg) {
+    Fpd *const fpd = fpd_of_running_worker(card, msg.worker);
+    if (fpd)
+        handle_report(card, *fpd, msg);
+    else
+        log_error({here, "FpdUpgMsgRcvInvWorker"}, "FPD Upgrade msgqueue received an unknown worker %p",
+                  static_cast<const void *>(msg.worker));
+}
+
+/// Time that the reports of a flood have; without a clock they have none.
+struct FloodTime {
+    bool is_up() {
+        timespec now{};
+        const bool now_is_known = clock_gettime(CLOCK_MONOTONIC_RAW, &now) == 0;
+        if (!begun) began = now;
+        begun = true;
+        return !now_is_known || elapsed(began, now) > std::int64_t{supervision_period()};
+    }
+
+    bool begun = false;
+    timespec began{};
+};
+
 }  // namespace
 
 void drain_worker_messages(LocalCard &card) {
+    // What may wait at this moment: a queue full, and a report of each worker that waits for room. Whoever sent one of
+    // these must not look stuck to the supervision. Behind them, reports without end must not keep it from its work.
+    const std::int64_t waiting = std::int64_t{fpd_mq_max_messages} + card.planned_count;
+    FloodTime flood;
     WorkerMsg msg;
-    // As many as the queue holds: a worker that reports without end must not keep the others from being supervised.
-    for (long i = 0; i < fpd_mq_max_messages && receive_report(card.mq, msg); ++i) {
-        Fpd *const fpd = fpd_of_running_worker(card, msg.worker);
-        if (fpd)
-            handle_report(card, *fpd, msg);
-        else
-            log_error({here, "FpdUpgMsgRcvInvWorker"}, "FPD Upgrade msgqueue received an unknown worker %p",
-                      static_cast<const void *>(msg.worker));
+    for (std::int64_t count = 1; receive_report(card.mq, msg); ++count) {
+        handle_message(card, msg);
+        if (count >= waiting && flood.is_up()) return;
     }
 }
 
@@ -253,9 +280,8 @@ constexpr auto progress_checks = std::to_array<ProgressCheck>({
         .retry_tag = "ChkFpdUpgProgressingTransRetry",
         .event_tag = "FpdUpgSendFpdWorkerStuckProgressing",
         .event = "Auto FPD Upgrade worker stuck progressing %d forever and killing for '%s'",
-        // "%d%" goes to printf as it stands: readers of existing logs expect the number with its percent sign.
         .cancel_event =
-            "FPD '%s' Canceling the upgrade to version %s since no progress made after %d% within stipulated time",
+            "FPD '%s' Canceling the upgrade to version %s since no progress made after %d%% within stipulated time",
         .failure_tag = "FpdUpgProgressCheckProgressFail",
         .failure = "Checking FPD %s upgrade progressing failed error %s",
     },
@@ -427,6 +453,42 @@ void run_main_loop(LocalCard &card) {
     log_info({here, "AutoFpdUpgMainLoopDone"}, "No more FPD available in the sequence queue");
 }
 
+/// Waits for the thread that mounts the flash, which may take minutes: the watchdog has to be fed meanwhile, or the
+/// card reloads, and mounts, and reloads. False when the thread does not come back.
+bool wait_for_flash_mount(LocalCard &card) {
+    timespec began{};
+    bool timed = false;
+    while (!obfl_mount_is_over()) {
+        timespec now{};
+        const bool now_is_known = clock_gettime(CLOCK_MONOTONIC_RAW, &now) == 0;
+        if (now_is_known && !timed) began = now;
+        timed = timed || now_is_known;
+        if (now_is_known && elapsed(began, now) > flash_mount_limit) return false;
+        if (!now_is_known || elapsed(card.last_punch_time, now) > std::int64_t{punch_period()}) {
+            punch_watchdog();
+            card.last_punch_time = now;
+        }
+        usleep(main_loop_sleep());
+    }
+    return true;
+}
+
+void flush_flash_log(LocalCard &card) {
+    if (wait_for_flash_mount(card)) {
+        obfl_flash_release();
+        return;
+    }
+    obfl_flash_abandon();
+    ++card.hanging_threads;
+}
+
+void upgrade_planned_fpds(LocalCard &card, char *err_msg, std::size_t err_len) {
+    const EndingSignalsHeld held;
+    announce_start(card, err_msg, err_len);
+    run_main_loop(card);
+    announce_end(card, err_msg, err_len);
+}
+
 }  // namespace
 
 int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
@@ -438,10 +500,8 @@ int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
     rc = delete_previous_marker(err_msg, sizeof err_msg);
     if (rc != 0) return rc;
 
-    announce_start(card, err_msg, sizeof err_msg);
-    run_main_loop(card);
-    announce_end(card, err_msg, sizeof err_msg);
-    obfl_flash_release();
+    upgrade_planned_fpds(card, err_msg, sizeof err_msg);
+    flush_flash_log(card);
     if (run_level == run_level_boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgActivationRequestFailed"}, "Auto FPD Upgrade Activation request failed %s", err_msg);
     return 0;

@@ -162,9 +162,7 @@ int fpd_info_get(std::uint32_t group_id, Fpd &fpd, char *err_msg, std::size_t er
     std::memcpy(info.name, fpd.info.name, sizeof info.name);
     const int rc = brd_fpd_info_get(group_id, fpd.obj_id, fpd.region, &info, err_msg, err_len);
     terminate_error(err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "FpdInfoGetBrdFail"}, -EACCES, err_msg, err_len, "Failed to get FPD info, error %s",
-                    err_msg);
+    if (rc != 0) return pass_on({here, "FpdInfoGetBrdFail"}, -EACCES, "Failed to get FPD info, error %s", err_msg);
     info.name[sizeof info.name - 1] = '\0';
     fpd.info = info;
     return make_versions(fpd, err_msg, err_len);
@@ -246,8 +244,8 @@ int get_description(Fpd &fpd, char *err_msg, std::size_t err_len) {
     fpd.desc.image[sizeof fpd.desc.image - 1] = '\0';
     fpd.desc.md5[sizeof fpd.desc.md5 - 1] = '\0';
     if (rc != 0)
-        return fail({here, "InitFpdDescFail"}, rc, err_msg, err_len,
-                    "Does not have a Firmware packaged for FPD %s err_msg %s", fpd.info.name, err_msg);
+        return pass_on({here, "InitFpdDescFail"}, rc, "Does not have a Firmware packaged for FPD %s err_msg %s",
+                       fpd.info.name, err_msg);
     return 0;
 }
 
@@ -258,8 +256,7 @@ int validate_image(const Fpd &fpd, char *err_msg, std::size_t err_len) {
     const int rc =
         brd_intf_fpd_image_md5_validate(packaged_firmware_directory, fpd.desc.image, fpd.desc.md5, err_msg, err_len);
     terminate_error(err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "InitFpdMd5SumFailed"}, rc, err_msg, err_len, "md5 checksum validation failed, %s", err_msg);
+    if (rc != 0) return pass_on({here, "InitFpdMd5SumFailed"}, rc, "md5 checksum validation failed, %s", err_msg);
     return 0;
 }
 
@@ -296,9 +293,7 @@ int discover_fpd(LocalCard &card, std::uint32_t obj_id, std::uint8_t region, Fpd
                  std::size_t err_len) {
     *fpd = nullptr;
     Fpd *const made = alloc_fpd(err_msg, err_len);
-    if (!made)
-        return fail({here, "InitNewFpdNoMem"}, -ENOMEM, err_msg, err_len, "Failed to create new FPD err_msg %s",
-                    err_msg);
+    if (!made) return pass_on({here, "InitNewFpdNoMem"}, -ENOMEM, "Failed to create new FPD err_msg %s", err_msg);
     made->obj_id = obj_id;
     made->region = region;
     transition(*made, FpdState::initialized);
@@ -457,8 +452,8 @@ int plan_fpd(LocalCard &card, Fpd &fpd, unsigned seq, const PassTexts &texts, ch
              static_cast<int>(seq));
     const int rc = upg_marker_add_fpd(fpd, err_msg, err_len);
     if (rc != 0)
-        return fail({here, texts.marker_failed_tag}, rc, err_msg, err_len,
-                    "Failed to add FPD %s into Upgrade Marker, error %s", fpd.info.name, err_msg);
+        return pass_on({here, texts.marker_failed_tag}, rc, "Failed to add FPD %s into Upgrade Marker, error %s",
+                       fpd.info.name, err_msg);
     return 0;
 }
 
@@ -639,12 +634,10 @@ namespace {
 
 int build_stage(unsigned run_level, UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
     int rc = load_fpds(run_level, stage, card, err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "LoadFpdsFail"}, rc, err_msg, err_len, "Initializing FPDs failed err_msg %s", err_msg);
+    if (rc != 0) return pass_on({here, "LoadFpdsFail"}, rc, "Initializing FPDs failed err_msg %s", err_msg);
     rc = build_upgrade_queue(stage, card, err_msg, err_len);
     if (rc != 0)
-        return fail({here, "BuildingFpdQueueFail"}, rc, err_msg, err_len,
-                    "Constructing FPD Upgrade queue failed err_msg %s", err_msg);
+        return pass_on({here, "BuildingFpdQueueFail"}, rc, "Constructing FPD Upgrade queue failed err_msg %s", err_msg);
     return 0;
 }
 
@@ -661,8 +654,8 @@ int build_golden_stage(unsigned run_level, UpgradeStage stage, LogSite failure_s
                        std::size_t err_len) {
     const int rc = build_stage(run_level, stage, card, err_msg, err_len);
     if (rc != 0)
-        return fail(failure_site, rc, err_msg, err_len,
-                    "FPD Upgrade stage %s check failed to build fpd upgrade, error %s", stage_name(stage), err_msg);
+        return pass_on(failure_site, rc, "FPD Upgrade stage %s check failed to build fpd upgrade, error %s",
+                       stage_name(stage), err_msg);
     return 0;
 }
 
@@ -676,16 +669,13 @@ int plan_manufacturing(unsigned run_level, LocalCard &card, char *err_msg, std::
 
     log_debug({here, "FpdUpgdStageReqGoldenUnlock"}, "Building FPDs to unlock Golden");
     rc = clean_stage(card, err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "FpdUpgdStageCleanUpFail"}, rc, err_msg, err_len, "Failed to clean Stage 1.a) fpd upgrade");
+    if (rc != 0) return pass_on({here, "FpdUpgdStageCleanUpFail"}, rc, "Failed to clean Stage 1.a) fpd upgrade");
     rc = build_golden_stage(run_level, UpgradeStage::can_unlock_golden,
                             {here, "FpdUpgdStageCheckCanUnlckGlndUnlckFail"}, card, err_msg, err_len);
     if (rc != 0 || card.planned_count != 0) return rc;
 
     rc = clean_stage(card, err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "FpdUpgdStage1BCleanUpFail"}, rc, err_msg, err_len,
-                    "Failed to clean Stage 1.b) fpd upgrade");
+    if (rc != 0) return pass_on({here, "FpdUpgdStage1BCleanUpFail"}, rc, "Failed to clean Stage 1.b) fpd upgrade");
     return build_stage(run_level, UpgradeStage::manufacturing, card, err_msg, err_len);
 }
 
@@ -697,8 +687,7 @@ int plan_upgrade(unsigned run_level, LocalCard &card, char *err_msg, std::size_t
     const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, err_msg, err_len);
     terminate_error(err_msg, err_len);
     if (rc != 0)
-        return fail({here, "FpdUpgdCookieGetModeFail"}, rc, err_msg, err_len,
-                    "Failed to get FPD Upgrade Mode, error %s", err_msg);
+        return pass_on({here, "FpdUpgdCookieGetModeFail"}, rc, "Failed to get FPD Upgrade Mode, error %s", err_msg);
     switch (static_cast<UpgradeMode>(mode)) {
         case UpgradeMode::regular:
             return build_stage(run_level, UpgradeStage::regular, card, err_msg, err_len);
@@ -715,8 +704,7 @@ int plan_upgrade(unsigned run_level, LocalCard &card, char *err_msg, std::size_t
 int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
     const int rc = create_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);
     if (rc != 0)
-        return fail({here, "InitMQFail"}, rc, err_msg, err_len,
-                    "Initializing Auto FPD Upgrade msg queue failed err_msg %s", err_msg);
+        return pass_on({here, "InitMQFail"}, rc, "Initializing Auto FPD Upgrade msg queue failed err_msg %s", err_msg);
     return plan_upgrade(run_level, card, err_msg, err_len);
 }
 
@@ -725,9 +713,8 @@ int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len) {
     int rc = free_queues(card);
     if (rc != 0) return fail({here, "DeinitFpdFail"}, rc, err_msg, err_len, "Deinitializing FPDs failed");
     rc = delete_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);
-    if (rc != 0)
-        return fail({here, "DeinitFpdMQFail"}, rc, err_msg, err_len, "Deinitializing FPD msg queue failed err_msg %s",
-                    err_msg);
     release_retired_workers(card);
+    if (rc != 0)
+        return pass_on({here, "DeinitFpdMQFail"}, rc, "Deinitializing FPD msg queue failed err_msg %s", err_msg);
     return 0;
 }

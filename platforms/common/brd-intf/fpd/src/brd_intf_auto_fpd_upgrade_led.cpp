@@ -29,8 +29,7 @@ constexpr LedLook upgrading{LedState::blink, LedColor::green};
 void log_current_look(std::uint32_t group_id, std::uint32_t obj_id, char *err_msg, std::size_t err_len) {
     LedLook now{};
     if (led_state_and_color_get(group_id, obj_id, &now.state, &now.color, err_msg, err_len) != 0)
-        fail({here, "BrdIntfLedStateColorGetFail"}, 0, err_msg, err_len, "BRD LED state and color get failed error %s",
-             err_msg);
+        log_error({here, "BrdIntfLedStateColorGetFail"}, "BRD LED state and color get failed error %s", err_msg);
     else
         log_debug({here, "BrdIntfLedStateColorGet"}, "Current LED state %s and color %s", led_state_name(now.state),
                   led_color_name(now.color));
@@ -38,8 +37,7 @@ void log_current_look(std::uint32_t group_id, std::uint32_t obj_id, char *err_ms
 
 void save_look(std::uint32_t group_id, std::uint32_t obj_id, char *err_msg, std::size_t err_len) {
     if (led_state_and_color_get(group_id, obj_id, &led.saved_state, &led.saved_color, err_msg, err_len) != 0)
-        fail({here, "BrdIntfOrgLedStateColorGetFail"}, 0, err_msg, err_len,
-             "BRD LED state and color get failed error %s", err_msg);
+        log_error({here, "BrdIntfOrgLedStateColorGetFail"}, "BRD LED state and color get failed error %s", err_msg);
     else
         log_info({here, "BrdIntfLedStateColorGet2"}, "Original LED state %s and color %s",
                  led_state_name(led.saved_state), led_color_name(led.saved_color));
@@ -50,13 +48,11 @@ void save_look(std::uint32_t group_id, std::uint32_t obj_id, char *err_msg, std:
 int upg_led_init(std::uint32_t group_id, std::uint32_t *obj_id, char *err_msg, std::size_t err_len) {
     if (!led.group_initialised) {
         if (led_group_init(group_id, err_msg, err_len) != 0)
-            return fail({here, "LedGroupInitFail"}, -EACCES, err_msg, err_len, "BRD LED Group Init failed error %s",
-                        err_msg);
+            return pass_on({here, "LedGroupInitFail"}, -EACCES, "BRD LED Group Init failed error %s", err_msg);
         led.group_initialised = true;
     }
     if (led_status_obj_id_get(group_id, obj_id, err_msg, err_len) != 0)
-        return fail({here, "GetLedObjIdFail"}, -EACCES, err_msg, err_len,
-                    "BRD status LED Object id get failed error %s", err_msg);
+        return pass_on({here, "GetLedObjIdFail"}, -EACCES, "BRD status LED Object id get failed error %s", err_msg);
     return 0;
 }
 
@@ -79,8 +75,8 @@ int upg_led_notify(std::uint32_t group_id, std::uint32_t obj_id, UpgLedRequest r
         look = {led.saved_state, led.saved_color};
     }
     if (led_state_and_color_set(group_id, obj_id, look.state, look.color, err_msg, err_len) != 0)
-        return fail({here, "BrdIntfLedStateColorSetFail"}, -EACCES, err_msg, err_len,
-                    "BRD LED state and color get failed error %s", err_msg);
+        return pass_on({here, "BrdIntfLedStateColorSetFail"}, -EACCES, "BRD LED state and color get failed error %s",
+                       err_msg);
     led.last_request = request;
     return 0;
 }

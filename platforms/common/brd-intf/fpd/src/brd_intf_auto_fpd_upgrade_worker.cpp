@@ -1,6 +1,7 @@
 #include "brd_intf_auto_fpd_upgrade_worker.h"
 
 #include <mqueue.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,13 +14,16 @@
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_events_fpd.h"
 #include "fpd_log.h"
-#include "os_owner.h"
+#include "os_file.h"
 #include "os_thread.h"
 
 namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
+// All threads that are about to end have a second together.
+constexpr unsigned join_looks = 100;
+constexpr unsigned join_look_period = 10'000;  // µs
 
 /// Tells the main thread, at the very end of the worker's thread and however it ends, that it is through with its
 /// context.
@@ -94,7 +98,8 @@ int send_report(FpdWorkerCtx &worker, FpdState state, std::uint32_t progress) {
     msg.worker = &worker;
     msg.progress = progress;
     msg.state = state;
-    return mq_send(worker.mq, reinterpret_cast<const char *>(&msg), sizeof msg, 0) == 0 ? 0 : -errno;
+    const auto send = [&] { return mq_send(worker.mq, reinterpret_cast<const char *>(&msg), sizeof msg, 0); };
+    return uninterrupted(send) == 0 ? 0 : -errno;
 }
 
 void report_state(FpdWorkerCtx &worker, FpdState state, std::uint32_t progress, LogSite failure_site) {
@@ -148,8 +153,7 @@ int start_fpd_upgrade_worker(LocalCard &card, Fpd &fpd, char *err_msg, std::size
                     "A worker context already created for this FPD %p", static_cast<const void *>(fpd.worker));
     FpdWorkerCtx *const worker = create_worker_context(card, fpd, err_msg, err_len);
     if (!worker)
-        return fail({here, "StartFpdUpgWorkerCreateCtxFail"}, -ENOMEM, err_msg, err_len,
-                    "Creating Worker context failed %s", err_msg);
+        return pass_on({here, "StartFpdUpgWorkerCreateCtxFail"}, -ENOMEM, "Creating Worker context failed %s", err_msg);
     const int rc = os_thread_create(&fpd.worker_thread, nullptr, fpd_upg_handler, worker);
     if (rc != 0) {
         std::free(worker);
@@ -172,17 +176,36 @@ void retire_worker(LocalCard &card, Fpd &fpd, bool reported_end) {
     fpd.worker = nullptr;
 }
 
+namespace {
+
+/// Whether the worker is through with the platform library, and its thread should end any moment.
+bool is_ending(FpdWorkerCtx &worker) {
+    return worker.reported_end || std::atomic_ref(worker.ended).load(std::memory_order_acquire);
+}
+
+/// Joins the thread if it ends; each look at one that still runs takes one of the looks that are left. A thread may be
+/// held up for ever even behind the worker's last line: by what the platform library does at the end of a thread.
+bool join(pthread_t thread, unsigned &looks_left) {
+    while (pthread_tryjoin_np(thread, nullptr) == EBUSY) {
+        if (looks_left == 0) return false;
+        --looks_left;
+        usleep(join_look_period);
+    }
+    return true;
+}
+
+}  // namespace
+
 void release_retired_workers(LocalCard &card) {
+    unsigned looks_left = join_looks;
     while (FpdWorkerCtx *const worker = card.retired_workers) {
         card.retired_workers = worker->next;
-        const bool ended = std::atomic_ref(worker->ended).load(std::memory_order_acquire);
-        if (!ended && !worker->reported_end) {
-            pthread_detach(worker->thread);
-            ++card.hanging_workers;
+        if (is_ending(*worker) && join(worker->thread, looks_left)) {
+            std::free(worker);
             continue;
         }
-        pthread_join(worker->thread, nullptr);
-        std::free(worker);
+        pthread_detach(worker->thread);
+        ++card.hanging_threads;
     }
 }
 

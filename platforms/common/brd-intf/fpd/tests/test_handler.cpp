@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
+#include "brd_intf_auto_fpd_obfl.h"
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
@@ -281,8 +283,7 @@ TEST_F(Reports, OfTheEndAreHandledWhenTheVersionsCannotBeRead) {
         return 1;
     };
     receive_report(FpdState::upgrade_done);
-    expect_log(handler_module, "ERROR", "FpdUpgDoneInfoGetFail",
-               "FPD IoFpga Info get failed, error Failed to get FPD info, error bus timeout");
+    expect_log(handler_module, "ERROR", "FpdUpgDoneInfoGetFail", "FPD IoFpga Info get failed, error bus timeout");
     EXPECT_EQ(fpd.state, FpdState::upgrade_done);
     EXPECT_EQ(card.planned_count, 0U);
     EXPECT_THAT(event_log_texts(), ElementsAre("FPD 'IoFpga' Upgraded to version 1.0.0"));
@@ -297,26 +298,66 @@ TEST_F(Reports, OfTheEndAreHandledWhenThePlatformNowGivesAnothersName) {
     EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Cpu", "IoFpga"));
 }
 
-TEST_F(Reports, WithoutEndDoNotKeepTheDrain) {
-    static std::atomic<bool> stop;
-    stop = false;
-    pthread_t sender;
-    ASSERT_EQ(pthread_create(
-                  &sender, nullptr,
-                  [](void *test) -> void * {
-                      const mqd_t queue = mq_open(static_cast<Reports *>(test)->card.mq_name, O_WRONLY | O_NONBLOCK);
-                      const std::string bytes = RawRecord(24).put(0, 0xA670F9D4U).bytes;
-                      while (!stop) mq_send(queue, bytes.data(), bytes.size(), 0);
-                      mq_close(queue);
-                      return nullptr;
-                  },
-                  this),
-              0);
-    EXPECT_TRUE(eventually([this] { return waiting_reports() == 256; }));
+/// Somebody who fills the queue again whenever a report is taken out of it.
+struct Flood : Reports {
+    Flood() {
+        interpose::hold_clock(start_time);
+        interpose::before_each(Call::mq_receive, [this] {
+            if (!flooding) return;
+            send_bytes(stranger);
+            ++sent;
+            interpose::advance_clock(microseconds_per_report);
+        });
+    }
+
+    const std::string stranger = RawRecord(24).put(0, 0xA670F9D4U).bytes;
+    bool flooding = true;
+    unsigned sent = 0;
+    std::int64_t microseconds_per_report = 1000;
+};
+
+TEST_F(Flood, KeepsTheDrainForOneSupervisionPeriodAtMost) {
     drain_worker_messages(card);
-    EXPECT_THAT(log_lines("FpdUpgMsgRcvInvWorker"), SizeIs(256));
-    stop = true;
-    pthread_join(sender, nullptr);
+    const unsigned reports_of_a_period = 5'000'000 / 1000;
+    EXPECT_EQ(sent, 256U + card.planned_count + reports_of_a_period + 1);
+}
+
+TEST_F(Flood, KeepsTheDrainForAPeriodAsItIsDivided) {
+    bootup_fpd_time_div = 10;
+    drain_worker_messages(card);
+    EXPECT_EQ(sent, 256U + card.planned_count + 500 + 1);
+}
+
+TEST_F(Flood, HidesNoReportThatWasSentBefore) {
+    // Even when what has to be done about each takes longer than a period.
+    microseconds_per_report = 6'000'000;
+    drain_worker_messages(card);
+    EXPECT_EQ(sent, 256U + card.planned_count + 1) << "a queue full, and one of each worker that waits for room";
+}
+
+TEST_F(Flood, IsReceivedToItsEndWhenItHasOne) {
+    for (int i = 0; i < 256; ++i) send_bytes(stranger);
+    flooding = false;
+    std::size_t received = 0;
+    interpose::before_each(Call::mq_receive, [&] {
+        if (++received <= 1000 && waiting_reports() < 256) send_bytes(stranger);
+    });
+    drain_worker_messages(card);
+    EXPECT_EQ(waiting_reports(), 0);
+    EXPECT_GT(received, 1000U);
+}
+
+TEST_F(Flood, OfWhichTheTimeIsNotKnownEndsWithWhatWasSentBefore) {
+    interpose::fail(Call::clock_gettime, EINVAL, 1, interpose::for_ever);
+    drain_worker_messages(card);
+    EXPECT_EQ(sent, 256U + card.planned_count);
+}
+
+TEST_F(Reports, AreReceivedWhateverSignalsInterrupt) {
+    interpose::fail(Call::mq_receive, EINTR, 1, 3);
+    receive_report(FpdState::upgrade_done);
+    EXPECT_EQ(card.planned_count, 0U);
+    expect_no_log("FpdUpgMsgRcvErr");
 }
 
 TEST_F(Reports, OfAnyOtherStateChangeNothing) {
@@ -679,9 +720,9 @@ TEST_F(Supervision, EndsAWorkerWithoutAQueueAndReleasesItOnce) {
     await_end(*fpd.worker);
     drain_worker_messages(card);
     EXPECT_EQ(fpd.state, FpdState::upgrade_done);
-    const unsigned joins = interpose::calls(Call::pthread_join);
+    const unsigned joins = interpose::calls(Call::pthread_tryjoin_np);
     EXPECT_EQ(interface_deinit(card, err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(interpose::calls(Call::pthread_join), joins + 2);
+    EXPECT_EQ(interpose::calls(Call::pthread_tryjoin_np), joins + 2);
 }
 
 // A worker that was given up on wakes up ------------------------------------------------------------------------------
@@ -770,9 +811,9 @@ TEST_F(LateWorker, IsNotCreditedToItsSuccessor) {
     EXPECT_EQ(fpd.state, FpdState::upgrade_done);
     EXPECT_EQ(card.planned_count, 0U);
     expect_dropped(worker, 0);
-    const unsigned joins = interpose::calls(Call::pthread_join);
+    const unsigned joins = interpose::calls(Call::pthread_tryjoin_np);
     release_retired_workers(card);
-    EXPECT_EQ(interpose::calls(Call::pthread_join), joins + 2);
+    EXPECT_EQ(interpose::calls(Call::pthread_tryjoin_np), joins + 2);
 }
 
 TEST_F(LateWorker, IsNotCreditedToAnFpdThatIsDone) {
@@ -821,7 +862,7 @@ TEST_F(LateWorker, TouchesNothingOfARunThatIsOver) {
     supervise_fpd_upgrades(*run_card);
     ASSERT_EQ(run_card->planned_count, 0U);
     ASSERT_EQ(interface_deinit(*run_card, err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(run_card->hanging_workers, 1U);
+    EXPECT_EQ(run_card->hanging_threads, 1U);
     ASSERT_EQ(context_deinit(&run_card, err_msg, sizeof err_msg), 0);
     EXPECT_FALSE(has_ended(*worker));
 
@@ -878,7 +919,10 @@ struct UpgradeRun : RunTest {
     static bool asked_for_activation() { return ran("grub-reboot") || ran("/usr/local/etc/reset_board.sh"); }
 
     std::vector<std::uint64_t> sleeps;
-    std::function<void()> on_tick = [this] { await_workers(); };
+    std::function<void()> on_tick = [this] {
+        await_workers();
+        EXPECT_TRUE(card.planned_count != 0 || eventually([] { return obfl_mount_is_over(); }));
+    };
 };
 
 TEST_F(UpgradeRun, WithoutAPlanOnlyRemovesTheMarker) {
@@ -1045,6 +1089,87 @@ TEST_F(UpgradeRun, LeavesTheFlashBeforeItAsksForActivation) {
     EXPECT_FALSE(std::filesystem::exists(event_log_path));
 }
 
+/// A run whose flash is still being mounted when all FPDs are upgraded.
+struct SlowMount : UpgradeRun {
+    SlowMount() {
+        plan_marked("IoFpga");
+        fake_platform().commands = {failing_command("mountpoint", "not one"),
+                                    {.prefix = "timeout 5m", .rc = 0, .output = "", .error = "", .effect = [this] {
+                                         gate.pass();
+                                         const std::lock_guard guard(fake_platform().lock);
+                                         fake_platform().commands[0].rc = 0;
+                                     }}};
+        on_tick = [this] {
+            await_workers();
+            if (card.planned_count == 0 && ticks_after_upgrade++ == mount_ends_at) end_mount();
+        };
+    }
+    void end_mount() const {
+        gate.open();
+        EXPECT_TRUE(eventually([] { return obfl_context().mounted_here.load(); }));
+    }
+
+    const Gate gate;
+    int ticks_after_upgrade = 0;
+    int mount_ends_at = 100;
+};
+
+TEST_F(SlowMount, IsWaitedForWithTheWatchdogPunched) {
+    EXPECT_EQ(run(), 0);
+    EXPECT_GE(ticks_after_upgrade, 100);
+    EXPECT_THAT(punches(), testing::AllOf(testing::Ge(9U), testing::Le(11U)));
+    EXPECT_THAT(event_log_texts(), SizeIs(3));
+    EXPECT_TRUE(ran("timeout 30s /usr/sbin/check-flash stop obfl"));
+    EXPECT_EQ(card.hanging_threads, 0U);
+    EXPECT_THAT(events(), Contains("progress: Auto FPD Upgrade Progressing").Times(1));
+}
+
+TEST_F(SlowMount, IsPunchedForAtTheDividedPeriod) {
+    bootup_fpd_time_div = 10;
+    EXPECT_EQ(run(), 0);
+    EXPECT_THAT(punches(), testing::AllOf(testing::Ge(9U), testing::Le(11U)));
+}
+
+TEST_F(SlowMount, IsPunchedForAllTheMoreWithoutAClock) {
+    on_tick = [this, before = on_tick] {
+        before();
+        if (ticks_after_upgrade == 1) interpose::fail(Call::clock_gettime, EINVAL, 1, interpose::for_ever);
+    };
+    EXPECT_EQ(run(), 0);
+    EXPECT_GE(punches(), 99U);
+}
+
+TEST_F(SlowMount, IsGivenUpWhenItNeverEnds) {
+    mount_ends_at = -1;
+    EXPECT_EQ(run(), 0);
+    EXPECT_THAT(ticks_after_upgrade, testing::AllOf(testing::Ge(360), testing::Le(362)));
+    EXPECT_EQ(card.hanging_threads, 1U) << "the process must not end around it";
+    expect_log(obfl_module, "ERROR", "ObflMountThreadHdlrFlashOperFail",
+               "Failed to mount OBFL Flash, error 'Connection timed out'");
+    EXPECT_THAT(event_log_texts(event_log_path), SizeIs(3));
+    EXPECT_FALSE(ran("timeout 30s /usr/sbin/check-flash stop obfl"));
+    end_mount();
+}
+
+TEST_F(UpgradeRun, IsNotEndedBySignals) {
+    plan_marked("IoFpga");
+    unsigned ticks = 0;
+    on_tick = [&] {
+        if (ticks++ == 0)
+            for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGXFSZ}) raise(number);
+        await_workers();
+    };
+    fake_platform().brd_led_state_and_color_set = [](auto...) {
+        raise(SIGTERM);  // the look has to be restored
+        return 0;
+    };
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(card.planned_count, 0U);
+    struct sigaction now {};
+    sigaction(SIGTERM, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
 TEST_F(UpgradeRun, SucceedsWhateverItCannotTell) {
     fake_platform().find_region("IoFpga")->info.activation_kind = 1;
     plan_marked("IoFpga");
@@ -1057,7 +1182,7 @@ TEST_F(UpgradeRun, SucceedsWhateverItCannotTell) {
     expect_log(handler_module, "ERROR", "AutoFpdUpgMainLoopSendFpdEventFail", no_event);
     expect_log(handler_module, "ERROR", "FpdUpgEndedSendFpdEventFail", no_event);
     expect_log(handler_module, "ERROR", "AutoFpdUpgStartLedOnFail",
-               "Auto FPD Upgrade Started LED notification failed BRD LED state and color get failed error Setting LED "
+               "Auto FPD Upgrade Started LED notification failed Setting LED "
                "state and color failed rc:1");
     expect_log(handler_module, "ERROR", "AutoFpdUpgradeProgressWDPunchFail",
                "Punching PD watchdog failed error no dog");
@@ -1073,7 +1198,7 @@ TEST_F(UpgradeRun, SucceedsWhenTheLedCannotBeRestored) {
     };
     EXPECT_EQ(run(), 0);
     expect_log(handler_module, "ERROR", "FpdUpgEndedLedOffFail",
-               "Auto FPD Upgrade Ended LED notification failed BRD LED state and color get failed error Setting LED "
+               "Auto FPD Upgrade Ended LED notification failed Setting LED "
                "state and color failed rc:1");
 }
 

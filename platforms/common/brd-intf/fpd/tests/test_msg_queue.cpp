@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <mqueue.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_auto_fpd_upgrade_worker.h"
@@ -99,18 +102,18 @@ TEST_F(MsgQueue, IsNotCreatedWhenTheSystemRefuses) {
     interpose::fail(Call::mq_open, EMFILE);
     EXPECT_EQ(create(), -5);
     EXPECT_LT(driver, 0);
-    EXPECT_EQ(std::string(err_msg), std::string("Creating Auto FPD Upgrade msg queue failed err_msg ") + too_many);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(mq_module, "ERROR", "FpdMQOpenFail", too_many),
-                                         log_line(mq_module, "ERROR", "CreateFpdMqFail", err_msg)));
+    EXPECT_STREQ(err_msg, too_many);
+    EXPECT_THAT(log_lines(),
+                ElementsAre(log_line(mq_module, "ERROR", "FpdMQOpenFail", too_many),
+                            log_line(mq_module, "ERROR", "CreateFpdMqFail",
+                                     std::string("Creating Auto FPD Upgrade msg queue failed err_msg ") + too_many)));
     EXPECT_FALSE(exists());
 }
 
 TEST_F(MsgQueue, IsNotCreatedUnderAnImpossibleName) {
     EXPECT_EQ(create_fpd_mq("no_slash", &driver, err_msg, sizeof err_msg), -5);
     EXPECT_LT(driver, 0);
-    EXPECT_STREQ(err_msg,
-                 "Creating Auto FPD Upgrade msg queue failed err_msg "
-                 "Couldn't open FPD msg queue err_msg Invalid argument");
+    EXPECT_STREQ(err_msg, "Couldn't open FPD msg queue err_msg Invalid argument");
 }
 
 TEST_F(MsgQueue, NeedsNoErrorText) {
@@ -128,6 +131,185 @@ TEST_F(MsgQueue, NeedsNoErrorText) {
     driver = -7;
     expect_log(mq_module, "ERROR", "FpdMQOpenFail", too_many);
     expect_log(mq_module, "ERROR", "MQOpenFail", too_many);
+}
+
+// Ownership -----------------------------------------------------------------------------------------------------------
+
+constexpr const char *busy = "Couldn't open FPD msg queue err_msg Device or resource busy";
+
+/// Another run of the tool, as far as the queue is concerned, and a stranger.
+struct OwnQueue : MsgQueue {
+    ~OwnQueue() override {
+        interpose::reset();
+        for (const int mqd : {other, strangers})
+            if (mqd >= 0) mq_close(mqd);
+    }
+
+    int other_creates() { return create_fpd_mq(name, &other, nullptr, 0); }
+    /// A queue of another user under the name, in the place of what is there.
+    void stranger_makes_one() {
+        mq_unlink(name);
+        if (strangers >= 0) mq_close(strangers);
+        mq_attr made{};
+        made.mq_maxmsg = 3;
+        made.mq_msgsize = 24;
+        strangers = mq_open(name, O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK, 0666, &made);
+        ASSERT_GE(strangers, 0);
+        if (fchown(strangers, 65534, 65534) != 0) GTEST_SKIP() << "only root can pass for another user";
+    }
+    /// Whether what has the name is the queue of that descriptor.
+    static bool has_the_name(int mqd) {
+        const mqd_t probe = mq_open(name, O_RDONLY);
+        struct stat one {};
+        struct stat two {};
+        const bool same = probe >= 0 && fstat(probe, &one) == 0 && fstat(mqd, &two) == 0 && one.st_ino == two.st_ino;
+        if (probe >= 0) mq_close(probe);
+        return same;
+    }
+
+    int other = -7;
+    int strangers = -7;
+};
+
+TEST_F(OwnQueue, IsLeftAloneByAnotherRun) {
+    ASSERT_EQ(other_creates(), 0);
+    EXPECT_EQ(create(), -5);
+    EXPECT_EQ(driver, -1);
+    EXPECT_STREQ(err_msg, busy);
+    expect_log(mq_module, "ERROR", "FpdMQOpenFail", busy);
+    EXPECT_TRUE(has_the_name(other));
+    EXPECT_EQ(open(), 0) << "the workers of the other run still find it";
+    ASSERT_EQ(delete_fpd_mq(name, &other, nullptr, 0), 0);
+    EXPECT_EQ(create(), 0);
+}
+
+TEST_F(OwnQueue, OfARunThatEndedIsReplaced) {
+    ASSERT_EQ(other_creates(), 0);
+    mq_close(other);  // as the end of a process does
+    other = -7;
+    EXPECT_EQ(create(), 0);
+}
+
+TEST_F(OwnQueue, StaysOwnedUntilItsNameIsGone) {
+    ASSERT_EQ(create(), 0);
+    int result = 0;
+    interpose::before_each(Call::mq_unlink, [&] { result = other_creates(); });
+    ASSERT_EQ(remove(), 0);
+    EXPECT_EQ(result, -5);
+    EXPECT_EQ(other_creates(), 0);
+}
+
+TEST_F(OwnQueue, IsNoLongerOwnedThroughADescriptorThatAChildKept) {
+    ASSERT_EQ(create(), 0);
+    other = dup(driver);
+    ASSERT_EQ(remove(), 0);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+}
+
+TEST_F(OwnQueue, OfARunThatBeganMeanwhileIsLeftAlone) {
+    ASSERT_EQ(mq_close(mq_open(name, O_RDONLY | O_CREAT, 0600, nullptr)), 0);
+    interpose::before_each(Call::flock, [this] {
+        if (other < 0) other_creates();
+    });
+    EXPECT_EQ(create(), -5);
+    EXPECT_STREQ(err_msg, busy);
+    ASSERT_GE(other, 0);
+    EXPECT_TRUE(has_the_name(other));
+}
+
+TEST_F(OwnQueue, IsGivenUpToARunThatOwnsItFirst) {
+    const auto before = open_descriptors();
+    bool made = false;
+    interpose::before_each(Call::flock, [&] {
+        if (!std::exchange(made, true)) other_creates();  // between the making of ours and its locking
+    });
+    EXPECT_EQ(create(), -5);
+    EXPECT_STREQ(err_msg, busy);
+    ASSERT_GE(other, 0);
+    EXPECT_TRUE(has_the_name(other));
+    ASSERT_EQ(delete_fpd_mq(name, &other, nullptr, 0), 0);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(OwnQueue, IsMadeInThePlaceOfAStrangers) {
+    ASSERT_NO_FATAL_FAILURE(stranger_makes_one());
+    if (IsSkipped()) return;
+    EXPECT_EQ(create(), 0);
+    EXPECT_TRUE(has_the_name(driver));
+    EXPECT_FALSE(has_the_name(strangers));
+    struct stat status {};
+    ASSERT_EQ(fstat(driver, &status), 0);
+    EXPECT_EQ(status.st_uid, geteuid());
+    EXPECT_EQ(attributes(driver).mq_maxmsg, 256);
+}
+
+TEST_F(OwnQueue, IsWonFromAStrangerWhoMakesOneAgainAndAgain) {
+    int left = 5;
+    interpose::before_each(Call::mq_open, [&] {
+        if (left-- > 0) stranger_makes_one();
+    });
+    EXPECT_EQ(create(), 0);
+    if (IsSkipped()) return;
+    EXPECT_LT(left, 0);
+    EXPECT_TRUE(has_the_name(driver));
+}
+
+TEST_F(OwnQueue, IsGivenUpToAStrangerAfterASecond) {
+    interpose::hold_clock({1000, 0});
+    int tries = 0;
+    interpose::before_each(Call::mq_open, [&] {
+        stranger_makes_one();
+        interpose::advance_clock(50'000);
+        ++tries;
+    });
+    EXPECT_EQ(create(), -5);
+    if (IsSkipped()) return;
+    EXPECT_STREQ(err_msg, "Couldn't open FPD msg queue err_msg File exists");
+    EXPECT_EQ(driver, -1);
+    EXPECT_EQ(tries, 21) << "three openings a try, until a second is over";
+}
+
+TEST_F(OwnQueue, IsNotFoughtForWithoutAClock) {
+    for (const unsigned nth : {1U, 2U}) {
+        interpose::reset();
+        interpose::fail(Call::clock_gettime, EINVAL, nth, interpose::for_ever);
+        interpose::fail(Call::mq_open, EEXIST, 2, interpose::for_ever);
+        mq_unlink(name);
+        EXPECT_EQ(create(), -5);
+    }
+}
+
+TEST_F(OwnQueue, ThatCannotBeOpenedIsRemovedAsAStrangers) {
+    ASSERT_EQ(mq_close(mq_open(name, O_RDONLY | O_CREAT, 0600, nullptr)), 0);
+    interpose::fail(Call::mq_open, EACCES);
+    EXPECT_EQ(create(), 0);
+    EXPECT_TRUE(has_the_name(driver));
+}
+
+TEST_F(OwnQueue, IsNotRemovedForWantOfDescriptors) {
+    ASSERT_EQ(other_creates(), 0);
+    interpose::fail(Call::mq_open, EMFILE);
+    EXPECT_EQ(create(), -5);
+    EXPECT_STREQ(err_msg, too_many);
+    EXPECT_TRUE(has_the_name(other));
+}
+
+TEST_F(OwnQueue, IsUsedWhereTheSystemHasNoLocks) {
+    interpose::fail(Call::flock, ENOLCK, 1, interpose::for_ever);
+    EXPECT_EQ(create(), 0);
+}
+
+TEST_F(MsgQueue, IsOpenedWhateverSignalsInterrupt) {
+    ASSERT_EQ(mq_close(mq_open(name, O_RDONLY | O_CREAT, 0600, nullptr)), 0);
+    for (unsigned nth = 1; nth <= 4; ++nth) {
+        interpose::fail(Call::mq_open, EINTR, nth, 2);
+        interpose::fail(Call::flock, EINTR, 1, 2);
+        ASSERT_EQ(create(), 0) << nth;
+        ASSERT_EQ(remove(), 0);
+    }
+    ASSERT_EQ(create(), 0);
+    interpose::fail(Call::mq_open, EINTR, 1, 2);
+    EXPECT_EQ(open(), 0);
 }
 
 // Deletion ------------------------------------------------------------------------------------------------------------
@@ -160,9 +342,11 @@ TEST_F(MsgQueue, StaysWithItsDescriptorWhenItCannotBeClosed) {
     EXPECT_EQ(remove(), -5);
     EXPECT_EQ(driver, before);
     EXPECT_TRUE(exists());
-    EXPECT_EQ(std::string(err_msg), std::string("Deleting Auto FPD Upgrade msg queue failed err_msg ") + not_closed);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(mq_module, "ERROR", "MQClodeFail", not_closed),
-                                         log_line(mq_module, "ERROR", "DeleteFpdMqFail", err_msg)));
+    EXPECT_STREQ(err_msg, not_closed);
+    EXPECT_THAT(log_lines(),
+                ElementsAre(log_line(mq_module, "ERROR", "MQClodeFail", not_closed),
+                            log_line(mq_module, "ERROR", "DeleteFpdMqFail",
+                                     std::string("Deleting Auto FPD Upgrade msg queue failed err_msg ") + not_closed)));
 }
 
 // Workers' ends -------------------------------------------------------------------------------------------------------
