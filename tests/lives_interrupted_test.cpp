@@ -107,7 +107,7 @@ TEST_P(EndedRun, IsMadeUpForByTheNextRun) {
 }
 
 const std::vector<Ending> endings = {
-    {.name = "BySigtermAtBoot", .options = "", .signal = 15, .second_run = RunEnd::Reset},
+    {.name = "BySigabrtAtBoot", .options = "", .signal = 6, .second_run = RunEnd::Reset},
     {.name = "BySigkillByHand", .options = "-b", .signal = 9, .second_run = RunEnd::NoReset},
 };
 

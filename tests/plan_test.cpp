@@ -241,7 +241,7 @@ const std::vector<Row> discovered = {
      .regions = {{.name = "Mute"}, {.name = "Found"}},
      .planned = {"Found 0"},
      .errors = {error("FpdInfoGetBrdFail", "Failed to get FPD info, error no answer"),
-                error("InitFpdInfoGetFail", "Failed to get FPD info, error Failed to get FPD info, error no answer")},
+                error("InitFpdInfoGetFail", "Failed to get FPD info, error no answer")},
      .told = {{"BuildQFpdNotReady", {not_ready("Mute", "FPD Info get Failed")}}},
      .tables = call_fault("brd_fpd_info_get", 3, "nth = 1\ntext = \"no answer\"")},
     {.name = "NoVersionThatIsTooLarge",

@@ -408,6 +408,7 @@ LoggedLines logged_lines(const std::vector<SourceFile> &sources) {
     log.sinks = {{"log_error", "ERROR", 0, true, second},
                  {"log_info", "INFO", 0, true, second},
                  {"log_debug", "DEBUG", 0, true, second},
+                 {"pass_on", "ERROR", 0, true, {Value::parameter, {}, 2}},
                  {"fail", "ERROR", 0, true, {Value::parameter, {}, 4}}};
     for (std::size_t i = 0; i < log.sinks.size(); ++i) {
         const Sink sink = log.sinks[i];

@@ -10,12 +10,6 @@ constexpr unsigned needs_unlocked = 0;
 constexpr unsigned unlocks_golden = 1;
 constexpr unsigned manufacturing = 2;
 constexpr std::array<unsigned, 6> type_of_stage = {1, 2, 1, 0, 3, 4};
-constexpr std::array stage_names = {"'Required a Golden Unlocked Primary firmware'",
-                                    "'firmware can unlock Golden'",
-                                    "'Manufacturing firmware'",
-                                    "'Regular firmware'",
-                                    "'Dummy Minor verion firmware'",
-                                    "'Dummy Major verion firmware'"};
 
 bool is_older(const Version &one, const Version &other) {
     return std::array{one.major, one.minor, one.debug} < std::array{other.major, other.minor, other.debug};
@@ -31,8 +25,7 @@ const std::string interface_failed = "Local Card Auto FPD Upgrade Interface Init
 
 void Run::plan() {
     if (fault("brd_intf_fpd_upgrade_cookie_get_upgrade_mode")) {
-        throw Ended{255, interface_failed + "Failed to get FPD Upgrade Mode, error " +
-                             reason("brd_intf_fpd_upgrade_cookie_get_upgrade_mode") + "\n"};
+        throw Ended{255, interface_failed + reason("brd_intf_fpd_upgrade_cookie_get_upgrade_mode") + "\n"};
     }
     happened("plans in mode " + mode_name(world_.mode));
     switch (world_.mode) {
@@ -50,16 +43,13 @@ void Run::plan() {
 }
 
 void Run::plan_manufacturing() {
-    const auto check = [](unsigned stage) {
-        return std::string("FPD Upgrade stage ") + stage_names[stage] + " check failed to build fpd upgrade, error ";
-    };
-    build(needs_unlocked, check(needs_unlocked));
+    build(needs_unlocked);
     if (planned_ == 0) {
         happened("manufacturing: nothing needs an unlocked Golden");
         return build(needs_unlocked);
     }
     clean();
-    build(unlocks_golden, check(unlocks_golden));
+    build(unlocks_golden);
     if (planned_ > 0) {
         happened("manufacturing: Golden is unlocked");
         return;
@@ -69,22 +59,21 @@ void Run::plan_manufacturing() {
     build(manufacturing);
 }
 
-void Run::build(unsigned stage, const std::string &wrap) {
+void Run::build(unsigned stage) {
     try {
         load(stage);
         construct(stage);
     } catch (const Ended &end) {
-        throw Ended{255, interface_failed + wrap + end.err + "\n"};
+        throw Ended{255, interface_failed + end.err + "\n"};
     }
 }
 
 void Run::load(unsigned stage) {
-    const std::string failing = "Initializing FPDs failed err_msg ";
     if (fault("brd_group_fpd_num_fpds_get")) {
-        throw Ended{255, failing + "Failed to get No. of FPDs for group id " + std::to_string(group)};
+        throw Ended{255, "Failed to get No. of FPDs for group id " + std::to_string(group)};
     }
     if (card_.fpds.empty()) return happened("loads without an FPD");
-    if (fault("brd_group_fpd_obj_id_list_get")) throw Ended{255, failing + "Failed to get FPD object ids"};
+    if (fault("brd_group_fpd_obj_id_list_get")) throw Ended{255, "Failed to get FPD object ids"};
     std::size_t place = 0;
     for (const Fpd &fpd : card_.fpds) {
         if (!fault("brd_fpd_num_regions_get")) {
@@ -306,8 +295,7 @@ void Run::add_to_marker(const Record &record) {
     marker_ += line;
     if (marker_.size() < marker_capacity_) return;
     happened("markers without room");
-    throw Ended{255, "Constructing FPD Upgrade queue failed err_msg Failed to add FPD " + record.name +
-                         " into Upgrade Marker, error Out of buffer to add FPD info for " + record.name};
+    throw Ended{255, "Out of buffer to add FPD info for " + record.name};
 }
 
 void Run::clean() {

@@ -152,7 +152,7 @@ class Run {
     std::optional<std::size_t> status_led();
     void plan();
     void plan_manufacturing();
-    void build(unsigned stage, const std::string &wrap = "");
+    void build(unsigned stage);
     void load(unsigned stage);
     void load_region(unsigned stage, const Fpd &fpd, std::size_t index, std::size_t place);
     bool is_skipped(unsigned stage, unsigned capabilities);
