@@ -18,8 +18,8 @@ auto uninterrupted(Call call) {
 }
 
 /// fopen, closed on exec: a child of the platform library must not keep a file of the flash in use, whose unmount would
-/// fail. A stream that is written has no buffer: what it could not write at once would be lost when a signal interrupts.
-/// Null with errno when the file cannot be opened.
+/// fail. A stream that is written has no buffer: what it could not write at once would be lost when a signal
+/// interrupts. Null with errno when the file cannot be opened.
 File open_file(const char *path, const char *mode);
 /// The next byte of the stream, or EOF.
 int read_byte(std::FILE *file);
