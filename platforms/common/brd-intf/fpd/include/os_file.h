@@ -21,6 +21,10 @@ auto uninterrupted(Call call) {
 /// fail. A stream that is written has no buffer: what it could not write at once would be lost when a signal
 /// interrupts. Null with errno when the file cannot be opened.
 File open_file(const char *path, const char *mode);
+/// opendir; null with errno.
+Directory open_directory(const char *path);
+/// readdir; null at the end of the directory, or when it cannot be read on.
+const dirent *next_entry(DIR *directory);
 /// The next byte of the stream, or EOF.
 int read_byte(std::FILE *file);
 /// Reads up to `size` bytes; fewer only at the end of the file or after an error, which ferror tells.

@@ -1,7 +1,6 @@
 #include "brd_intf_auto_fpd_bootstrap.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -11,12 +10,14 @@
 
 #include "fpd_log.h"
 #include "os_file.h"
+#include "os_time.h"
 
 namespace {
 
 constexpr LogModule here{"PLATFORM", __FILE__};
 constexpr const char *bootstrap_file = "/dev/kd_bootstrap";
 constexpr int open_retries = 3;
+constexpr std::uint32_t open_retry_period = 1'000'000;  // µs
 
 /// The line being read: its characters go to the key, and behind '=' to the value.
 struct KeyLine {
@@ -35,7 +36,7 @@ int file_not_found(const char *tag, int error) {
 File open_with_retries() {
     File file = open_file(bootstrap_file, "r");
     for (int i = 0; !file && i < open_retries; ++i) {
-        for (unsigned left = 1; left > 0;) left = sleep(left);
+        sleep_for(open_retry_period);
         file = open_file(bootstrap_file, "r");
     }
     return file;

@@ -273,7 +273,7 @@ int obfl_latest_file_get(const char **path, char *err_msg, std::size_t err_len) 
     clear_error(err_msg, err_len);
     *path = context.latest_file;
     if (context.latest_file[0] != '\0') return 0;
-    const Directory directory(opendir(flash_directory));
+    const Directory directory = open_directory(flash_directory);
     if (!directory)
         return fail_unlogged(ENOENT, err_msg, err_len, "Failed to OBFL directory name: %s, error %s", flash_directory,
                              std::strerror(errno));
@@ -281,7 +281,7 @@ int obfl_latest_file_get(const char **path, char *err_msg, std::size_t err_len) 
     // Once for all names: a flash may hold very many.
     const LogFileRegex regex;
     std::uint32_t highest = 0;
-    while (const dirent *const entry = readdir(directory.get())) {
+    while (const dirent *const entry = next_entry(directory.get())) {
         std::uint32_t number = 0;
         if (parse_file_number(regex, entry->d_name, &number, nullptr, 0) != 0) continue;
         if (number <= highest) continue;

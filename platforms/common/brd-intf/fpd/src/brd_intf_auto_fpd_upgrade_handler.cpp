@@ -1,8 +1,8 @@
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 
 #include <mqueue.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -21,6 +21,7 @@
 #include "fpd_utility.h"
 #include "os_file.h"
 #include "os_signal.h"
+#include "os_time.h"
 
 std::uint32_t bootup_fpd_time_div = 1;
 
@@ -30,18 +31,13 @@ namespace {
 
 constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
-// The mount command is ended after five minutes of the wall, whatever divides the times of the run.
+// The mount command is ended after five minutes of real time, whatever divides the times of the run.
 constexpr std::int64_t flash_mount_limit = 360'000'000;  // µs
 constexpr const char *watchdog_script = "/usr/local/etc/punch-watchdog-once.sh";
 
 std::uint32_t scaled(std::uint32_t microseconds) {
     const std::uint32_t divisor = bootup_fpd_time_div;
     return microseconds / (divisor != 0 ? divisor : 1);
-}
-
-/// µs from `then` to `now`.
-std::int64_t elapsed(const timespec &then, const timespec &now) {
-    return (std::int64_t{now.tv_sec} - then.tv_sec) * 1'000'000 + (std::int64_t{now.tv_nsec} - then.tv_nsec) / 1000;
 }
 
 }  // namespace
@@ -319,6 +315,14 @@ int end_stuck_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
     return -ESTALE;
 }
 
+/// µs that the FPD has been in its state; false when the clock cannot be read.
+bool time_in_state(const Fpd &fpd, std::int64_t *time) {
+    timespec now{};
+    if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) return false;
+    *time = elapsed(fpd.state_time, now);
+    return true;
+}
+
 /// Ends the FPD's worker if it has been in the check's state for the limit or longer. Returns 0, -EINVAL, or -ESTALE
 /// when the FPD is given up.
 int check_progress(const ProgressCheck &check, LocalCard &card, Fpd &fpd, char *err_msg, std::size_t err_len) {
@@ -326,18 +330,20 @@ int check_progress(const ProgressCheck &check, LocalCard &card, Fpd &fpd, char *
     if (fpd.state != check.state)
         return fail({here, check.invalid_state_tag}, -EINVAL, err_msg, err_len, check.invalid_state, fpd.info.name,
                     state_name(fpd.state));
-    timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) {
+    std::int64_t time = 0;
+    if (!time_in_state(fpd, &time)) {
         const int error = errno;
         log_debug({here, check.clock_tag}, check.clock, fpd.info.name, std::strerror(error));
         return fail_unlogged(-EINVAL, err_msg, err_len, check.clock, fpd.info.name, std::strerror(error));
     }
-    const std::int64_t time_in_state = elapsed(fpd.state_time, now);
-    const std::uint32_t limit = check.limit();
-    if (time_in_state < std::int64_t{limit}) return 0;
+    const std::int64_t limit = check.limit();
+    if (time < limit) return 0;
+    // The scripts of this pass took their time: what the worker reported meanwhile still waits.
+    drain_worker_messages(card);
+    if (fpd.state != check.state || !time_in_state(fpd, &time) || time < limit) return 0;
     fail({here, check.time_out_tag}, 0, err_msg, err_len,
          "FPD %s Upgrade stuck in the state %s since %ld time now vs. maximum %d time", fpd.info.name,
-         state_name(fpd.state), static_cast<long>(time_in_state), static_cast<int>(limit));
+         state_name(fpd.state), static_cast<long>(time), static_cast<int>(limit));
     return end_stuck_worker(check, card, fpd);
 }
 
@@ -448,7 +454,7 @@ void run_main_loop(LocalCard &card) {
             read_loop_clock(card.last_check_time, "AutoFpdUpgMailLoopClockFail1");
         }
         if (now_is_known && elapsed(card.last_punch_time, now) > std::int64_t{punch_period()}) show_progress(card, now);
-        usleep(main_loop_sleep());
+        sleep_for(main_loop_sleep());
     }
     log_info({here, "AutoFpdUpgMainLoopDone"}, "No more FPD available in the sequence queue");
 }
@@ -456,19 +462,17 @@ void run_main_loop(LocalCard &card) {
 /// Waits for the thread that mounts the flash, which may take minutes: the watchdog has to be fed meanwhile, or the
 /// card reloads, and mounts, and reloads. False when the thread does not come back.
 bool wait_for_flash_mount(LocalCard &card) {
-    timespec began{};
-    bool timed = false;
-    while (!obfl_mount_is_over()) {
+    std::int64_t slept = 0;
+    for (; !obfl_mount_is_over(); slept += std::max<std::int64_t>(main_loop_sleep(), 1)) {
+        if (slept > flash_mount_limit) return false;
         timespec now{};
         const bool now_is_known = clock_gettime(CLOCK_MONOTONIC_RAW, &now) == 0;
-        if (now_is_known && !timed) began = now;
-        timed = timed || now_is_known;
-        if (now_is_known && elapsed(began, now) > flash_mount_limit) return false;
+        // Without a clock, punching too often is better than not at all.
         if (!now_is_known || elapsed(card.last_punch_time, now) > std::int64_t{punch_period()}) {
             punch_watchdog();
             card.last_punch_time = now;
         }
-        usleep(main_loop_sleep());
+        sleep_for(main_loop_sleep());
     }
     return true;
 }
@@ -483,7 +487,7 @@ void flush_flash_log(LocalCard &card) {
 }
 
 void upgrade_planned_fpds(LocalCard &card, char *err_msg, std::size_t err_len) {
-    const EndingSignalsHeld held;
+    const UnwantedSignalsHeld held;
     announce_start(card, err_msg, err_len);
     run_main_loop(card);
     announce_end(card, err_msg, err_len);

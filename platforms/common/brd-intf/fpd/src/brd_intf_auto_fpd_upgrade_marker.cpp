@@ -101,7 +101,8 @@ bool write_text(File file, std::string_view text) {
         write_bytes(file.get(), unfinished_mark) && write_to_storage(file.get(), text.substr(unfinished_mark.size()));
     const bool written = prepared && std::fseek(file.get(), 0, SEEK_SET) == 0 &&
                          write_to_storage(file.get(), text.substr(0, unfinished_mark.size()));
-    return std::fclose(file.release()) == 0 && written;
+    const bool closed = std::fclose(file.release()) == 0 || errno == EINTR;
+    return closed && written;
 }
 
 /// The file is new in its directory, which has to last as well.
@@ -178,7 +179,12 @@ int upg_marker_write(char *err_msg, std::size_t err_len) {
 
 int upg_marker_delete(char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
-    if (unlink(marker_file) == 0 || errno == ENOENT) return 0;
+    if (unlink(marker_file) == 0) {
+        // Come back after a power cut, it could be that of the next plan, of which only a part was carried out.
+        sync_directory();
+        return 0;
+    }
+    if (errno == ENOENT) return 0;
     const int error = errno;
     return fail_unlogged(-error, err_msg, err_len, "Unable to remove Upgrade Marker file %s, error %s", marker_file,
                          std::strerror(error));

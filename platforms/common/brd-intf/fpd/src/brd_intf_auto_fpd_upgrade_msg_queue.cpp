@@ -13,6 +13,7 @@
 #include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fpd_log.h"
 #include "os_file.h"
+#include "os_time.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ int try_own_queue(const char *name, int *mqd) {
 bool time_is_up(const timespec &began) {
     timespec now{};
     if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) return true;
-    return (now.tv_sec - began.tv_sec) * 1'000'000'000 + now.tv_nsec - began.tv_nsec >= 1'000'000'000;
+    return elapsed(began, now) >= 1'000'000;
 }
 
 int create_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len) {
@@ -104,8 +105,6 @@ int delete_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len)
     if (rc < 0) return rc;
     *mqd = -1;
     mq_unlink(name);
-    // For a child of the platform library that still has the descriptor.
-    if (locked.fd >= 0) flock(locked.fd, LOCK_UN);
     return 0;
 }
 

@@ -1,13 +1,13 @@
 #include "brd_intf_auto_fpd_upgrade_worker.h"
 
 #include <mqueue.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "brd_intf_auto_fpd_obfl.h"
 #include "brd_intf_auto_fpd_upgrade_init.h"
@@ -23,7 +23,7 @@ constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
 // All threads that are about to end have a second together.
 constexpr unsigned join_looks = 100;
-constexpr unsigned join_look_period = 10'000;  // µs
+constexpr timespec join_look_period{0, 10'000'000};
 
 /// Tells the main thread, at the very end of the worker's thread and however it ends, that it is through with its
 /// context.
@@ -189,7 +189,7 @@ bool join(pthread_t thread, unsigned &looks_left) {
     while (pthread_tryjoin_np(thread, nullptr) == EBUSY) {
         if (looks_left == 0) return false;
         --looks_left;
-        usleep(join_look_period);
+        nanosleep(&join_look_period, nullptr);
     }
     return true;
 }

@@ -68,9 +68,8 @@ void raise_fpd_event(LogSite site, AutoFpdUpgradeEvent kind, const char *format,
     char message[256];
     std::va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(message, sizeof message, format, arguments);
+    std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    if (length < 0) std::snprintf(message, sizeof message, "%s", format);
     char err_msg[256] = "";
     if (send_auto_fpd_upgrade_event(kind, message, err_msg, sizeof err_msg) != 0)
         log_error(site, "Sending FPD event is failed, error %s", err_msg);

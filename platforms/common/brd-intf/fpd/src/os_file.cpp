@@ -22,6 +22,22 @@ File open_file(const char *path, const char *mode) {
     return file;
 }
 
+Directory open_directory(const char *path) {
+    Directory directory(opendir(path));
+    while (!directory && errno == EINTR) directory.reset(opendir(path));
+    return directory;
+}
+
+const dirent *next_entry(DIR *directory) {
+    errno = 0;
+    const dirent *entry = readdir(directory);
+    while (!entry && errno == EINTR) {
+        errno = 0;
+        entry = readdir(directory);
+    }
+    return entry;
+}
+
 int read_byte(std::FILE *file) {
     int byte = std::fgetc(file);
     while (byte == EOF && interrupted(file)) byte = std::fgetc(file);

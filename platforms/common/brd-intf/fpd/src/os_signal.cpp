@@ -14,12 +14,12 @@ void hold(int signal_number, struct sigaction *before) {
 
 }  // namespace
 
-EndingSignalsHeld::EndingSignalsHeld() {
-    for (std::size_t i = 0; i < ending_signals.size(); ++i) hold(ending_signals[i], &before[i]);
+UnwantedSignalsHeld::UnwantedSignalsHeld() {
+    for (std::size_t i = 0; i < unwanted_signals.size(); ++i) hold(unwanted_signals[i], &before[i]);
 }
 
-EndingSignalsHeld::~EndingSignalsHeld() {
-    for (std::size_t i = 0; i < ending_signals.size(); ++i) sigaction(ending_signals[i], &before[i], nullptr);
+UnwantedSignalsHeld::~UnwantedSignalsHeld() {
+    for (std::size_t i = 0; i < unwanted_signals.size(); ++i) sigaction(unwanted_signals[i], &before[i], nullptr);
 }
 
 void survive_file_size_limit() {

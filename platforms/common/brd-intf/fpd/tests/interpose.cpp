@@ -210,6 +210,13 @@ int __wrap_mq_unlink(const char *name) {
     return failure(Call::mq_unlink) ? -1 : __real_mq_unlink(name);
 }
 
+int __real_nanosleep(const timespec *time, timespec *left);
+int __wrap_nanosleep(const timespec *time, timespec *left) {
+    if (!sleep_hook()) return __real_nanosleep(time, left);
+    sleep_hook()(static_cast<std::uint64_t>(time->tv_sec * 1'000'000 + time->tv_nsec / 1000));
+    return 0;
+}
+
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
     if (failure(Call::open)) return -1;
@@ -224,6 +231,11 @@ int __wrap_open(const char *path, int flags, ...) {
 std::FILE *__real_open_memstream(char **text, std::size_t *size);
 std::FILE *__wrap_open_memstream(char **text, std::size_t *size) {
     return failure(Call::open_memstream) ? nullptr : __real_open_memstream(text, size);
+}
+
+dirent *__real_readdir(DIR *directory);
+dirent *__wrap_readdir(DIR *directory) {
+    return failure(Call::readdir) ? nullptr : __real_readdir(directory);
 }
 
 DIR *__real_opendir(const char *path);
@@ -282,13 +294,6 @@ int __wrap_sigemptyset(sigset_t *signals) {
     return failure(Call::sigemptyset) ? -1 : __real_sigemptyset(signals);
 }
 
-unsigned __real_sleep(unsigned seconds);
-unsigned __wrap_sleep(unsigned seconds) {
-    if (!sleep_hook()) return __real_sleep(seconds);
-    sleep_hook()(seconds * 1'000'000ULL);
-    return 0;
-}
-
 int __real_stat(const char *path, struct stat *status);
 int __wrap_stat(const char *path, struct stat *status) {
     if (failure(Call::stat) || __real_stat(path, status) != 0) return -1;
@@ -308,9 +313,9 @@ int __wrap_unlink(const char *path) {
 
 int __real_usleep(useconds_t microseconds);
 int __wrap_usleep(useconds_t microseconds) {
-    if (!sleep_hook()) return __real_usleep(microseconds);
-    sleep_hook()(microseconds);
-    return 0;
+    if (sleep_hook()) sleep_hook()(microseconds);
+    if (failure(Call::usleep)) return -1;
+    return sleep_hook() ? 0 : __real_usleep(microseconds);
 }
 
 ssize_t __real_write(int fd, const void *bytes, std::size_t size);

@@ -35,12 +35,14 @@ enum class Call {
     pthread_join,
     pthread_sigmask,
     pthread_tryjoin_np,
+    readdir,
     realloc,
     regcomp,
     sigaddset,
     sigemptyset,
     stat,
     unlink,
+    usleep,
     write,
     count  // of the values above
 };
@@ -66,7 +68,7 @@ void grow_stat(std::int64_t bytes);
 /// Not while another thread may make the call.
 void before_each(Call call, std::function<void()> before);
 
-/// Calls `instead` with the microseconds of each sleep() and usleep(), which do not sleep then; null: they sleep.
+/// Calls `instead` with the microseconds of each usleep() and nanosleep(), which do not sleep then; null: they sleep.
 /// Not while another thread may sleep.
 void on_sleep(std::function<void(std::uint64_t microseconds)> instead);
 

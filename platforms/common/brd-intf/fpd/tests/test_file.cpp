@@ -66,6 +66,28 @@ TEST_F(OpenFile, TellsWhyItFailed) {
     EXPECT_EQ(errno, ENOENT);
 }
 
+struct OpenDirectory : CardTest {};
+
+TEST_F(OpenDirectory, IsReadWhateverSignalsInterrupt) {
+    write_file("/misc/scratch/a", "text");
+    interpose::fail(Call::opendir, EINTR, 1, 2);
+    const Directory directory = open_directory("/misc/scratch");
+    ASSERT_TRUE(directory);
+    interpose::fail(Call::readdir, EINTR, 2, 2);
+    int entries = 0;
+    while (next_entry(directory.get())) ++entries;
+    EXPECT_EQ(entries, 3) << "the file, the directory and its parent";
+    EXPECT_FALSE(open_directory("/misc/scratch/none"));
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(OpenDirectory, EndsWithAnyOtherError) {
+    const Directory directory = open_directory("/misc/scratch");
+    interpose::fail(Call::readdir, EBADF);
+    EXPECT_FALSE(next_entry(directory.get()));
+    EXPECT_EQ(errno, EBADF);
+}
+
 /// A device that gives and takes one character at a time, and fails each second time, with `error`.
 struct Device {
     explicit Device(std::string given) : content(std::move(given)) {

@@ -12,6 +12,7 @@
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "interpose.h"
+#include "os_signal.h"
 #include "run_support.h"
 
 namespace {
@@ -537,6 +538,21 @@ TEST_P(Limit, IsNotCheckedWithoutAClock) {
     EXPECT_EQ(fpd.worker, &worker);
 }
 
+TEST_P(Limit, IsNotOverWhenTheWorkerReportedMeanwhile) {
+    interpose::advance_clock(GetParam().limit);
+    // While the pass waited for a script of another FPD, behind the drain of the main loop.
+    report(&worker, FpdState::upgrade_progressing, 50);
+    supervise_fpd_upgrades(card);
+    EXPECT_EQ(interpose::calls(Call::pthread_cancel), 0U);
+    EXPECT_EQ(fpd.state, FpdState::upgrade_progressing);
+    EXPECT_EQ(fpd.progress, 50);
+    EXPECT_EQ(fpd.retries, 0);
+    report(&worker, FpdState::upgrade_done);
+    supervise_after(180'000'000);
+    EXPECT_EQ(fpd.state, FpdState::upgrade_done);
+    EXPECT_EQ(interpose::calls(Call::pthread_cancel), 0U);
+}
+
 TEST_P(Limit, IsMeasuredToTheMicrosecond) {
     interpose::hold_clock({1000 + GetParam().limit / 1'000'000 - 1, 999'999'999});
     supervise_fpd_upgrades(card);
@@ -680,6 +696,7 @@ TEST_F(Supervision, GivesUpADependentWhoseDependencyFailed) {
 TEST_F(Supervision, StartsTheRetryInTheNextPassAndGivesUpBehindIt) {
     Fpd &fpd = plan("IoFpga");
     const Gate gate;
+    interpose::fail(Call::mq_send, EBADMSG, 1, interpose::for_ever);
     fake_platform().brd_fpd_upgrade = [gate](auto...) {
         gate.shared->arrived.release();
         for (;;) pause();
@@ -858,7 +875,8 @@ TEST_F(LateWorker, TouchesNothingOfARunThatIsOver) {
     FpdWorkerCtx *const worker = fpd.worker;
     first.await_arrival();
     fpd.retries = 1;
-    interpose::advance_clock(3'000'000);
+    drain_worker_messages(*run_card);
+    interpose::advance_clock(60'000'000);
     supervise_fpd_upgrades(*run_card);
     ASSERT_EQ(run_card->planned_count, 0U);
     ASSERT_EQ(interface_deinit(*run_card, err_msg, sizeof err_msg), 0);
@@ -1139,6 +1157,17 @@ TEST_F(SlowMount, IsPunchedForAllTheMoreWithoutAClock) {
     EXPECT_GE(punches(), 99U);
 }
 
+TEST_F(SlowMount, IsGivenUpWithoutAClockToo) {
+    mount_ends_at = -1;
+    on_tick = [this, before = on_tick] {
+        before();
+        if (ticks_after_upgrade == 1) interpose::fail(Call::clock_gettime, EINVAL, 1, interpose::for_ever);
+    };
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(card.hanging_threads, 1U);
+    end_mount();
+}
+
 TEST_F(SlowMount, IsGivenUpWhenItNeverEnds) {
     mount_ends_at = -1;
     EXPECT_EQ(run(), 0);
@@ -1156,7 +1185,7 @@ TEST_F(UpgradeRun, IsNotEndedBySignals) {
     unsigned ticks = 0;
     on_tick = [&] {
         if (ticks++ == 0)
-            for (const int number : {SIGHUP, SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGXFSZ}) raise(number);
+            for (const int number : unwanted_signals) raise(number);
         await_workers();
     };
     fake_platform().brd_led_state_and_color_set = [](auto...) {

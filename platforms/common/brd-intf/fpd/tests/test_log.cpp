@@ -369,6 +369,18 @@ TEST_F(DiagnosticLog, HasWholeLinesOnlyAndIsClosedWhereverACancellationStrikes) 
     }
 }
 
+TEST_F(DiagnosticLog, HasATextThatPrintfRefusesAsItStands) {
+    const std::string refused = "a width of %2147483648d";  // a string: the compiler would refuse it too
+    log_error({here, "Tag"}, refused.c_str(), 1);
+    expect_log(module_here, "ERROR", "Tag", refused);
+    const std::string long_and_refused = std::string(5000, 'x') + refused;
+    log_error({here, "Long"}, long_and_refused.c_str(), 1);
+    expect_log(module_here, "ERROR", "Long", long_and_refused);
+    interpose::fail(Call::realloc, ENOMEM);
+    log_error({here, "Cut"}, long_and_refused.c_str(), 1);
+    EXPECT_THAT(log_lines("Cut"), testing::SizeIs(1)) << "a whole line";
+}
+
 TEST_F(DiagnosticLog, LeavesTheThreadsCancellationAsItWas) {
     log_info({here, "A"}, "m");
     int state = -1;
@@ -509,6 +521,12 @@ TEST_F(ErrorText, IsNotWrittenWithoutRoom) {
     clear_error(nullptr, 10);
     terminate_error(nullptr, 10);
     EXPECT_EQ(log_lines("Tag").size(), 2U);
+}
+
+TEST_F(ErrorText, StaysAsItIsWhereACalleesFailureIsLogged) {
+    EXPECT_EQ(pass_on({here, "Tag"}, -4, "failed, error %s", err_msg), -4);
+    EXPECT_EQ(err_msg, untouched_text);
+    expect_log(module_here, "ERROR", "Tag", "failed, error " + std::string(untouched_text));
 }
 
 TEST_F(ErrorText, IsNotLoggedWhereTheCallerLogs) {

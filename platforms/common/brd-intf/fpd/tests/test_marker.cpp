@@ -543,6 +543,14 @@ TEST_F(MarkerDelete, RemovesTheFileAndKeepsTheText) {
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
+TEST_F(MarkerDelete, HasTheRemovalReachTheStorage) {
+    write_file(marker_path, "earlier");
+    bool there = true;
+    interpose::before_each(Call::fsync, [&] { there = fs::exists(marker_path); });
+    EXPECT_EQ(upg_marker_delete(err_msg, sizeof err_msg), 0);
+    EXPECT_FALSE(there);
+}
+
 TEST_F(MarkerDelete, HasNothingToDoWithoutAFile) {
     EXPECT_EQ(remove(), 0);
     EXPECT_STREQ(err_msg, "");

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <mqueue.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -197,13 +196,6 @@ TEST_F(OwnQueue, StaysOwnedUntilItsNameIsGone) {
     ASSERT_EQ(remove(), 0);
     EXPECT_EQ(result, -5);
     EXPECT_EQ(other_creates(), 0);
-}
-
-TEST_F(OwnQueue, IsNoLongerOwnedThroughADescriptorThatAChildKept) {
-    ASSERT_EQ(create(), 0);
-    other = dup(driver);
-    ASSERT_EQ(remove(), 0);
-    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
 }
 
 TEST_F(OwnQueue, OfARunThatBeganMeanwhileIsLeftAlone) {
