@@ -394,7 +394,7 @@ TEST_F(Order, AResetThatFails) {
 
 /// The mount outlasts the run by far: the lines go to the flash at the run's end.
 TEST_F(Order, AFlashThatIsMountedByTheRun) {
-    describe({.tables = "[obfl]\nmount_time = 7.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
+    describe({.tables = "[obfl]\nmount_time = 4.0\n", .fpds = fpd(10, {quick_region("IoFpga")})});
     expect_order("flash_mounted_by_the_run", {"-b", "-c", "upgrade"});
 }
 
