@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "sandbox_calls.h"
 #include "sandbox_root.h"
 
 namespace fs = std::filesystem;
@@ -86,13 +87,13 @@ class SignalsBlocked {
 
 /// What the sandbox's processes work with; `before` is the caller's signal mask.
 struct Start {
-    const SandboxLayout &layout;
+    const SandboxRoot &root;
     const std::function<int()> &body;
     const sigset_t &before;
     struct sigaction child_action;
     mode_t mask;
-    Pipe report = make_pipe();     // supervisor and init to caller
-    Pipe maps_done = make_pipe();  // supervisor to init
+    Pipe report = make_pipe();     // supervisor, init and body to caller
+    Pipe maps_done = make_pipe();  // supervisor to init, then init to body
     Pipe alive = make_pipe();      // supervisor to init: closed when the supervisor is gone
 };
 
@@ -123,15 +124,81 @@ int exit_status(int wait_status) {
     _exit(1);
 }
 
+// ---- new namespaces
+
+/// A copy of this process in new namespaces, and a descriptor of it in `pidfd`; the result is that of fork. Not fork
+/// and unshare: that is refused to a process with threads, and a sanitizer's runtime has one of its own.
+pid_t clone_into(int namespaces, Descriptor &pidfd) {
+    long pid = -1;
+    int fd = -1;
+    // The kernel frees dead namespaces late: with many sandboxes in a row a limit may be met for a moment.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        pid = syscall(SYS_clone, namespaces | CLONE_PIDFD | SIGCHLD, nullptr, &fd, nullptr, nullptr);
+        if (pid >= 0 || errno != ENOSPC) break;
+        usleep(10'000);
+    }
+    if (pid > 0) pidfd = Descriptor(fd);
+    return static_cast<pid_t>(pid);
+}
+
+/// The name of a process in /proc, which in a sandbox inside another one may be that of the outer one and have other
+/// numbers.
+std::string name_in_proc(const Descriptor &pidfd) {
+    std::ifstream facts("/proc/self/fdinfo/" + std::to_string(pidfd.get()));
+    for (std::string fact, value; facts >> fact >> value;) {
+        if (fact == "Pid:") return "/proc/" + value;
+    }
+    throw std::runtime_error("/proc does not show the new process");
+}
+
+bool write_file(const std::string &path, const std::string &text) {
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return file.get() >= 0 && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+/// Every id of our own namespace under its own number.
+std::string identity_map(const char *own_map) {
+    std::ifstream extents(own_map);
+    std::ostringstream map;
+    unsigned long inside = 0;
+    unsigned long outside = 0;
+    unsigned long count = 0;
+    while (extents >> inside >> outside >> count) map << inside << ' ' << inside << ' ' << count << '\n';
+    return map.str();
+}
+
+/// Root keeps all ids; anybody else, and a root that lacks the capabilities, is only root inside.
+void write_id_maps(const Descriptor &pidfd) {
+    const std::string process = name_in_proc(pidfd);
+    if (geteuid() == 0 && write_file(process + "/uid_map", identity_map("/proc/self/uid_map"))) {
+        if (write_file(process + "/gid_map", identity_map("/proc/self/gid_map"))) return;
+    } else if (write_file(process + "/uid_map", "0 " + std::to_string(geteuid()) + " 1") &&
+               write_file(process + "/setgroups", "deny") &&
+               write_file(process + "/gid_map", "0 " + std::to_string(getegid()) + " 1")) {
+        return;
+    }
+    const int error_number = errno;
+    throw std::runtime_error(std::string("map the user into the namespace: ") + std::strerror(error_number) +
+                             sandbox_refusal_hint(error_number));
+}
+
 // ---- inside: the body and the init
 
 [[noreturn]] void run_body(Start &start) {
-    start.report.writer.reset();
+    if (receive(start.maps_done.reader) != ready) _exit(1);
+    start.maps_done = {};
     start.alive.reader.reset();
+    try {
+        sandbox_refuse_calls();
+    } catch (const std::exception &reason) {
+        refuse(start, reason.what());
+    }
+    send(start.report.writer, std::string(1, ready));
+    start.report.writer.reset();
     sigaction(SIGCHLD, &start.child_action, nullptr);
     umask(start.mask);
     std::string path;
-    for (const fs::path &directory : start.layout.path_first) path += directory.string() + ":";
+    for (const fs::path &directory : start.root.layout.path_first) path += directory.string() + ":";
     setenv("PATH", (path + command_path).c_str(), 1);
     pthread_sigmask(SIG_SETMASK, &start.before, nullptr);
     const int status = start.body();
@@ -191,71 +258,44 @@ void die_with_supervisor(Start &start) {
     if (poll(&supervisor, 1, 0) != 0) _exit(1);
 }
 
+/// Starts the body in user and mount namespaces of its own: there it is root over what it mounts itself, and what the
+/// init has mounted is locked, so that it can be neither changed nor taken away.
+pid_t start_body(Start &start) {
+    start.maps_done = make_pipe();
+    Descriptor pidfd;
+    const pid_t body = clone_into(CLONE_NEWUSER | CLONE_NEWNS, pidfd);
+    if (body == 0) {
+        start.maps_done.writer.reset();
+        run_body(start);
+    }
+    if (body < 0) {
+        const int error_number = errno;
+        throw std::runtime_error(std::string("second user and mount namespaces: ") + std::strerror(error_number) +
+                                 sandbox_refusal_hint(error_number));
+    }
+    write_id_maps(pidfd);
+    send(start.maps_done.writer, std::string(1, ready));
+    start.maps_done = {};
+    return body;
+}
+
 /// Process 1 of the sandbox: its end ends everything in the PID namespace.
 [[noreturn]] void run_init(Start &start) {
     die_with_supervisor(start);
     start.maps_done.writer.reset();
     if (receive(start.maps_done.reader) != ready) _exit(1);
-    start.maps_done.reader.reset();
+    pid_t body = -1;
     try {
-        sandbox_root_enter(start.layout);
+        sandbox_root_enter(start.root);
+        body = start_body(start);
     } catch (const std::exception &reason) {
         refuse(start, reason.what());
     }
-    const pid_t body = fork();
-    if (body == 0) run_body(start);
-    if (body < 0) refuse(start, std::string("fork: ") + std::strerror(errno));
-    send(start.report.writer, std::string(1, ready));
     start.report.writer.reset();
     _exit(supervise(body));
 }
 
 // ---- outside: the supervisor, child of the caller
-
-/// A copy of this process as the first one of new namespaces; the result is that of fork. Not fork and unshare: that
-/// is refused to a process with threads, and a sanitizer's runtime has one of its own.
-pid_t clone_init() {
-    const int namespaces = CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID;
-    long init = -1;
-    // The kernel frees dead IPC namespaces late: with many sandboxes in a row its limit may be met for a moment.
-    for (int attempt = 0; attempt < 20; ++attempt) {
-        init = syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
-        if (init >= 0 || errno != ENOSPC) break;
-        usleep(10'000);
-    }
-    return static_cast<pid_t>(init);
-}
-
-bool write_file(const std::string &path, const std::string &text) {
-    const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    return file.get() >= 0 && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
-/// Every id of our own namespace under its own number.
-std::string identity_map(const char *own_map) {
-    std::ifstream extents(own_map);
-    std::ostringstream map;
-    unsigned long inside = 0;
-    unsigned long outside = 0;
-    unsigned long count = 0;
-    while (extents >> inside >> outside >> count) map << inside << ' ' << inside << ' ' << count << '\n';
-    return map.str();
-}
-
-/// Root keeps all ids; anybody else, and a root that lacks the capabilities, is only root inside.
-void write_id_maps(pid_t init) {
-    const std::string process = "/proc/" + std::to_string(init);
-    if (geteuid() == 0 && write_file(process + "/uid_map", identity_map("/proc/self/uid_map"))) {
-        if (write_file(process + "/gid_map", identity_map("/proc/self/gid_map"))) return;
-    } else if (write_file(process + "/uid_map", "0 " + std::to_string(geteuid()) + " 1") &&
-               write_file(process + "/setgroups", "deny") &&
-               write_file(process + "/gid_map", "0 " + std::to_string(getegid()) + " 1")) {
-        return;
-    }
-    const int error_number = errno;
-    throw std::runtime_error(std::string("map the user into the namespace: ") + std::strerror(error_number) +
-                             sandbox_refusal_hint(error_number));
-}
 
 [[noreturn]] void run_supervisor(Start &start, pid_t caller) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -265,15 +305,17 @@ void write_id_maps(pid_t init) {
     sigaction(SIGCHLD, &ordinary, &start.child_action);
     start.mask = umask(022);
     start.report.reader.reset();
-    const pid_t init = clone_init();
+    const int network = start.root.layout.host_network ? 0 : CLONE_NEWNET;
+    Descriptor pidfd;
+    const pid_t init = clone_into(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID | network, pidfd);
     if (init == 0) run_init(start);
     if (init < 0) {
         const int error_number = errno;
-        refuse(start, std::string("new user, mount, IPC and PID namespaces: ") + std::strerror(error_number) +
-                          sandbox_refusal_hint(error_number));
+        refuse(start,
+               std::string("new namespaces: ") + std::strerror(error_number) + sandbox_refusal_hint(error_number));
     }
     try {
-        write_id_maps(init);
+        write_id_maps(pidfd);
     } catch (const std::exception &reason) {
         refuse(start, reason.what());
     }
@@ -341,10 +383,10 @@ void Sandbox::power_off() {
 bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body, Sandbox &sandbox,
                    std::string &error) {
     try {
-        const SandboxLayout resolved = sandbox_layout_resolve(layout);
+        const SandboxRoot root = sandbox_root_plan(layout);
         const SignalsBlocked signals;
         Sandbox started;
-        Start start = {resolved, body, signals.before(), {}, 0};
+        Start start = {root, body, signals.before(), {}, 0};
         const pid_t caller = getpid();
         std::cout.flush();
         std::fflush(nullptr);

@@ -1,12 +1,15 @@
 /// A sandbox in which the absolute paths of a card are those of one simulated card.
 ///
-/// A body runs in a child inside user, mount, IPC and PID namespaces of its own. It needs no privilege: an ordinary
-/// user is root inside, root keeps its identity. Nothing of it outlives the body, and the host sees nothing of its
-/// mounts, message queues and processes. Sandboxes nest.
+/// A body runs in a child inside user, mount, IPC, PID and network namespaces of its own. It needs no privilege: an
+/// ordinary user is root inside, root keeps its identity. Nothing of it outlives the body, and the host sees nothing of
+/// its mounts, message queues and processes. Sandboxes nest; in an inner one /proc is that of the outer one.
 ///
-/// Inside, the host's file system is there (/usr /etc /boot /opt /lib* /bin /sbin read-only, the rest as the caller may
-/// use it) except for what SandboxLayout names, /dev (null zero full random urandom tty pts shm mqueue, nothing else)
-/// and /proc (that of the PID namespace). POSIX message queues may hold `sandbox_message_limit` messages.
+/// Inside, the host's file system is there (/usr /etc /boot /opt /lib* /bin /sbin /sys read-only, the rest as the
+/// caller may use it, but for the devices in it) except for what SandboxLayout names, an empty /run, /dev (null zero
+/// full random urandom tty console pts shm mqueue, nothing else) and /proc (that of the PID namespace; what is not of a
+/// process is read-only, but for /proc/sys/fs/mqueue). Root inside can mount what it likes, but neither change nor
+/// remove what is mounted here. POSIX message queues may hold `sandbox_message_limit` messages. Of the network there is
+/// lo.
 #ifndef CARDSIM_SANDBOX_H
 #define CARDSIM_SANDBOX_H
 
@@ -45,6 +48,7 @@ struct SandboxLayout {
     std::filesystem::path bootstrap_file;     ///< copied to /dev/kd_bootstrap, a plain file that the body may change
     std::vector<SandboxBind> extra;           ///< shown as they are
     std::vector<std::filesystem::path> path_first;  ///< searched for commands before the system's directories
+    bool host_network = false;                      ///< the host's network and its /run instead of ones of its own
 };
 
 /// A running sandbox. Destroying it kills everything inside and waits until it is gone.

@@ -1,16 +1,24 @@
 #include "sandbox_root.h"
 
 #include <fcntl.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <set>
 #include <stdexcept>
+
+#include "file_owner.h"
 
 namespace fs = std::filesystem;
 
@@ -22,9 +30,12 @@ const fs::path old_root = "/.cardsim-old";
 const fs::path hidden = "/.cardsim";
 const fs::path flash_mount_point = "/mnt/obfl";
 const fs::path hidden_boot_commands = "/.cardsim/bin";
+const fs::path system_controls = "/proc/sys";
+const fs::path file_system_controls = "/proc/sys/fs";
 
 /// The new root while it grows.
 struct Root {
+    const std::map<fs::path, SandboxSource> &sources;
     std::set<fs::path> own;  ///< directories on a tmpfs of the sandbox: names can be added to them
     fs::path originals;      ///< directory that keeps the mirrored directories of the host
     int mirrored = 0;
@@ -57,10 +68,37 @@ void must_bind(const fs::path &source, const fs::path &target) {
     if (!bind(source, target)) fail("bind " + target.string(), errno);
 }
 
+/// Sets attributes of the mount at `path` and, unless `depth` is 0, of all that is mounted beneath it.
+void set_attributes(const fs::path &path, uint64_t attributes, unsigned depth = AT_RECURSIVE) {
+    mount_attr change = {};
+    change.attr_set = attributes;
+    if (mount_setattr(AT_FDCWD, path.c_str(), depth, &change, sizeof change) != 0)
+        fail("protect " + path.string(), errno);
+}
+
 void mount_tmpfs(const fs::path &target, const char *options = "mode=0755") {
     if (mount("cardsim", target.c_str(), "tmpfs", MS_NOSUID, options) != 0) {
         fail("mount a tmpfs on " + target.string(), errno);
     }
+}
+
+/// Opens what a path of the layout led to, below the host's root. Throws when something else is there by now.
+int open_source(const Root &root, const fs::path &path, int flags) {
+    const SandboxSource &source = root.sources.at(path);
+    const int file = open((old_root / source.path.relative_path()).c_str(), flags | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) fail("open " + source.path.string(), errno);
+    struct stat found = {};
+    if (fstat(file, &found) == 0 && found.st_dev == source.device && found.st_ino == source.inode) return file;
+    close(file);
+    throw std::runtime_error(source.path.string() + ": was replaced");
+}
+
+/// Shows a directory of the host at `target`, without the devices and the set-user-ID bits that may lie in it.
+void bind_source(const Root &root, const fs::path &path, const fs::path &target) {
+    const FileOwner source(open_source(root, path, O_PATH));
+    const fs::path opened = "/proc/self/fd/" + std::to_string(source.handle);
+    must_bind(opened, target);
+    set_attributes(target, MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID);
 }
 
 bool directory_at(const fs::path &path) {
@@ -90,18 +128,40 @@ void mirror_entry(const fs::directory_entry &entry, const fs::path &target) {
     }
 }
 
-void mirror_top_level() {
-    const std::set<fs::path> own = {"dev", "proc", hidden.filename(), old_root.filename()};
+bool is_system_directory(const fs::path &name) {
+    constexpr std::array names = {"usr", "etc", "bin", "sbin", "lib", "lib32", "lib64", "libx32", "boot", "opt", "sys"};
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+/// Shows an entry of the host's root again. One that cannot be bound stays empty, as in mirror_entry. The attributes
+/// are set before anything is bound from here to somewhere else: what is mirrored later has them too.
+void mirror_top_entry(const fs::path &original, const fs::path &name) {
+    const fs::path target = "/" / name;
+    if (fs::is_directory(original)) {
+        make_directory(target);
+    } else {
+        make_file(target);
+    }
+    const uint64_t read_only = is_system_directory(name) ? MOUNT_ATTR_RDONLY : 0;
+    if (bind(original, target)) set_attributes(target, read_only | MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID);
+}
+
+/// The host's services are reached by sockets in /run, if not by the network.
+void mirror_top_level(bool host_network) {
+    std::set<fs::path> own = {"dev", "proc", hidden.filename(), old_root.filename()};
+    if (!host_network) own.insert("run");
     for (const fs::directory_entry &entry : fs::directory_iterator(old_root)) {
         const fs::path name = entry.path().filename();
         if (own.contains(name)) continue;
-        if (entry.is_symlink() || entry.is_directory()) {
-            mirror_entry(entry, "/" / name);
-        } else if (entry.is_regular_file()) {
-            make_file("/" / name);
-            bind(entry.path(), "/" / name);
+        if (entry.is_symlink()) {
+            make_link(fs::read_symlink(entry.path()), "/" / name);
+        } else if (entry.is_directory() || entry.is_regular_file()) {
+            mirror_top_entry(entry.path(), name);
         }
     }
+    if (host_network) return;
+    make_directory("/run");
+    mount_tmpfs("/run");
 }
 
 /// Lays a tmpfs with the same entries over a directory of the host, leaving out the names in `replaced`. Files become
@@ -145,31 +205,96 @@ void make_device(const std::string &name, bool required) {
     if (!bind(host, device) && required) fail("bind " + device.string(), errno);
 }
 
-void make_devices() {
+/// Terminals of the sandbox's own, and the caller's, which programs find by its number.
+void make_terminals(const fs::path &callers) {
+    make_directory("/dev/pts");
+    mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=0620");
+    make_link("pts/ptmx", "/dev/ptmx");
+    if (callers.empty()) return;
+    make_file("/dev/console");
+    bind(old_root / callers.relative_path(), "/dev/console");
+}
+
+void make_devices(const fs::path &terminal) {
     make_directory("/dev");
     mount_tmpfs("/dev");
     for (const char *name : {"null", "zero", "full", "random", "urandom"}) make_device(name, true);
     make_device("tty", false);
-    make_device("ptmx", false);
     make_link("/proc/self/fd", "/dev/fd");
     make_link("/proc/self/fd/0", "/dev/stdin");
     make_link("/proc/self/fd/1", "/dev/stdout");
     make_link("/proc/self/fd/2", "/dev/stderr");
     make_directory("/dev/shm");
     if (chmod("/dev/shm", 01777) != 0) fail("chmod /dev/shm", errno);
-    make_directory("/dev/pts");
-    bind(old_root / "dev/pts", "/dev/pts");
+    make_terminals(terminal);
     // Only a look at the queues: the calls work without it.
     make_directory("/dev/mqueue");
     mount("mqueue", "/dev/mqueue", "mqueue", MS_NOSUID, nullptr);
 }
 
+void make_read_only(const fs::path &path) {
+    must_bind(path, path);
+    set_attributes(path, MOUNT_ATTR_RDONLY, 0);
+}
+
+/// True for what stands in /proc for the whole host, and is more than a text to read.
+bool is_host_control(const fs::directory_entry &entry) {
+    const std::string name = entry.path().filename();
+    if (entry.is_symlink() ||
+        std::all_of(name.begin(), name.end(), [](unsigned char byte) { return std::isdigit(byte); }))
+        return false;
+    constexpr fs::perms write = fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write;
+    return entry.is_directory() || (entry.status().permissions() & write) != fs::perms::none;
+}
+
+/// To the files of /proc root is root of the host, whatever its namespaces; what is not of a process becomes read-only.
+///
+/// The limits of message queues stay writable, as they are of the namespace. Each process finds there those of its own
+/// namespace, but only through the directory above, in which therefore the others are made read-only one by one.
+void protect_proc() {
+    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
+        if (is_host_control(entry)) make_read_only(entry.path());
+    }
+    must_bind(file_system_controls, file_system_controls);
+    mount_attr writable = {};
+    writable.attr_clr = MOUNT_ATTR_RDONLY;
+    if (mount_setattr(AT_FDCWD, file_system_controls.c_str(), 0, &writable, sizeof writable) != 0) {
+        fail("make " + file_system_controls.string() + " writable", errno);
+    }
+    for (const fs::directory_entry &entry : fs::directory_iterator(file_system_controls)) {
+        if (entry.path().filename() != "mqueue" && is_host_control(entry)) make_read_only(entry.path());
+    }
+}
+
+/// A cgroup namespace would let root mount the host's control groups once more, writable.
+void forbid_cgroup_namespaces() {
+    std::ofstream limit(system_controls / "user/max_cgroup_namespaces");
+    limit << 0;
+    limit.close();
+    if (!limit) fail("forbid cgroup namespaces", errno);
+}
+
 void make_proc() {
     make_directory("/proc");
-    if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0) return;
-    // Refused inside a container that masks parts of its own /proc; that one still tells a process about itself.
+    if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0) {
+        forbid_cgroup_namespaces();
+        protect_proc();
+        return;
+    }
+    // Refused inside another sandbox or a container, which protect parts of their own /proc; that one still tells a
+    // process about itself.
     if (errno != EPERM) fail("mount /proc", errno);
     must_bind(old_root / "proc", "/proc");
+}
+
+/// A network of its own has nothing but the interface by which programs talk to each other.
+void raise_loopback() {
+    const FileOwner any_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ifreq request = {};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP;
+    // Refused by a kernel without IPv4, where there is nobody to talk to.
+    if (any_socket.handle >= 0 && ioctl(any_socket.handle, SIOCSIFFLAGS, &request) != 0) fail("raise lo", errno);
 }
 
 void raise_message_limit() {
@@ -190,7 +315,7 @@ void raise_message_limit() {
 void add_boot_commands(Root &root, const SandboxLayout &layout) {
     if (layout.boot_commands.empty()) return;
     make_directory(hidden_boot_commands);
-    must_bind(old_root / layout.boot_commands.relative_path(), hidden_boot_commands);
+    bind_source(root, layout.boot_commands, hidden_boot_commands);
     std::set<fs::path> names;
     for (const fs::directory_entry &entry : fs::directory_iterator(hidden_boot_commands)) {
         names.insert(entry.path().filename());
@@ -200,15 +325,11 @@ void add_boot_commands(Root &root, const SandboxLayout &layout) {
     for (const fs::path &name : names) make_link(hidden_boot_commands / name, directory / name);
 }
 
+/// What was laid over the host's directories is as little to be written as they are.
 void protect_system_directories() {
-    for (const char *name : {"usr", "etc", "bin", "sbin", "lib", "lib32", "lib64", "libx32", "boot", "opt"}) {
-        const fs::path directory = fs::path("/") / name;
-        if (!fs::is_directory(fs::symlink_status(directory))) continue;
-        mount_attr read_only = {};
-        read_only.attr_set = MOUNT_ATTR_RDONLY;
-        if (mount_setattr(AT_FDCWD, directory.c_str(), AT_RECURSIVE, &read_only, sizeof read_only) != 0) {
-            fail("make " + directory.string() + " read-only", errno);
-        }
+    for (const fs::directory_entry &entry : fs::directory_iterator("/")) {
+        const bool is_protected = is_system_directory(entry.path().filename()) && !entry.is_symlink();
+        if (is_protected) set_attributes(entry.path(), MOUNT_ATTR_RDONLY);
     }
 }
 
@@ -227,18 +348,19 @@ std::vector<SandboxBind> card_directories(const SandboxLayout &layout) {
 }
 
 /// /mnt/obfl is a plain directory: it must not be a mount point before the mount command was run.
-void show_directory(const fs::path &source, const fs::path &directory) {
+void show_directory(const Root &root, const fs::path &source, const fs::path &directory) {
     if (!source.empty()) {
-        must_bind(old_root / source.relative_path(), directory);
+        bind_source(root, source, directory);
     } else if (directory != flash_mount_point) {
         mount_tmpfs(directory);
     }
 }
 
-void copy_bootstrap_file(const fs::path &source) {
-    if (source.empty()) return;
-    std::ifstream file(old_root / source.relative_path(), std::ios::binary);
-    if (!file) fail("read " + source.string(), errno);
+void copy_bootstrap_file(const Root &root, const fs::path &path) {
+    if (path.empty()) return;
+    const FileOwner source(open_source(root, path, O_RDONLY));
+    std::ifstream file("/proc/self/fd/" + std::to_string(source.handle), std::ios::binary);
+    if (!file) fail("read " + path.string(), errno);
     make_file("/dev/kd_bootstrap", {std::istreambuf_iterator<char>(file), {}});
 }
 
@@ -275,39 +397,44 @@ std::string sandbox_refusal_hint(int error_number) {
            "seccomp profile must allow them and mount)";
 }
 
-SandboxLayout sandbox_layout_resolve(const SandboxLayout &layout) {
-    SandboxLayout resolved = layout;
-    std::vector<fs::path *> paths = {&resolved.packaged_firmware, &resolved.log,   &resolved.scratch,
-                                     &resolved.local_etc,         &resolved.flash, &resolved.boot_commands,
-                                     &resolved.bootstrap_file};
-    for (SandboxBind &bind_mount : resolved.extra) paths.push_back(&bind_mount.source);
-    for (fs::path *path : paths) {
-        if (path->empty()) continue;
+SandboxRoot sandbox_root_plan(const SandboxLayout &layout) {
+    SandboxRoot root = {layout, {}, {}};
+    if (const char *const terminal = ttyname(STDIN_FILENO)) root.terminal = terminal;
+    std::vector<fs::path> paths = {layout.packaged_firmware, layout.log,   layout.scratch,
+                                   layout.local_etc,         layout.flash, layout.boot_commands,
+                                   layout.bootstrap_file};
+    for (const SandboxBind &entry : layout.extra) paths.push_back(entry.source);
+    for (const fs::path &path : paths) {
+        if (path.empty()) continue;
         std::error_code error;
-        const fs::path canonical = fs::canonical(*path, error);
-        if (error) throw std::runtime_error(path->string() + ": " + error.message());
-        *path = canonical;
+        const fs::path canonical = fs::canonical(path, error);
+        struct stat found = {};
+        if (!error && stat(path.c_str(), &found) != 0) error.assign(errno, std::generic_category());
+        if (error) throw std::runtime_error(path.string() + ": " + error.message());
+        root.sources[path] = {canonical, found.st_dev, found.st_ino};
     }
-    return resolved;
+    return root;
 }
 
-void sandbox_root_enter(const SandboxLayout &layout) {
+void sandbox_root_enter(const SandboxRoot &plan) {
     std::error_code no_working_directory;
     const fs::path working_directory = fs::current_path(no_working_directory);
+    const SandboxLayout &layout = plan.layout;
     switch_to_new_root();
-    Root root = {{"/"}, free_originals_name()};
-    mirror_top_level();
-    make_devices();
+    Root root = {plan.sources, {"/"}, free_originals_name()};
+    mirror_top_level(layout.host_network);
     make_proc();
+    make_devices(plan.terminal);
     make_directory(hidden);
     root.own.insert(hidden);
     std::vector<SandboxBind> binds = card_directories(layout);
     for (SandboxBind &entry : binds) entry.target = prepare_directory(root, entry.target);
     add_boot_commands(root, layout);
     protect_system_directories();
-    for (const SandboxBind &entry : binds) show_directory(entry.source, entry.target);
-    copy_bootstrap_file(layout.bootstrap_file);
+    for (const SandboxBind &entry : binds) show_directory(root, entry.source, entry.target);
+    copy_bootstrap_file(root, layout.bootstrap_file);
     raise_message_limit();
+    if (!layout.host_network) raise_loopback();
     leave_old_root();
     if (no_working_directory || chdir(working_directory.c_str()) != 0) {
         if (chdir("/") != 0) fail("chdir /", errno);

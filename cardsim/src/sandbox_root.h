@@ -2,16 +2,35 @@
 #ifndef CARDSIM_SANDBOX_ROOT_H
 #define CARDSIM_SANDBOX_ROOT_H
 
+#include <sys/types.h>
+
+#include <map>
+
 #include "sandbox.h"
 
 namespace cardsim {
 
-/// Makes every path of `layout` absolute and free of symbolic links. Throws std::runtime_error naming what is missing.
-SandboxLayout sandbox_layout_resolve(const SandboxLayout &layout);
+/// What a path of the layout led to when the sandbox was asked for. Nothing else is shown in its place, should a link
+/// have been put there meanwhile.
+struct SandboxSource {
+    std::filesystem::path path;  ///< absolute, free of symbolic links
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+struct SandboxRoot {
+    SandboxLayout layout;
+    std::map<std::filesystem::path, SandboxSource> sources;  ///< for each path of the host in the layout
+    std::filesystem::path terminal;                          ///< on standard input; empty: none
+};
+
+/// Throws std::runtime_error naming what is missing.
+SandboxRoot sandbox_root_plan(const SandboxLayout &layout);
 
 /// Replaces the file system of the calling process by that of the sandbox. Call as the init of fresh user, mount, IPC
-/// and PID namespaces with a resolved layout. Throws std::runtime_error with the step that failed.
-void sandbox_root_enter(const SandboxLayout &layout);
+/// and PID namespaces, and of a fresh network namespace unless the layout wants the host's. What is mounted here is
+/// safe from those who run in a user namespace below this one. Throws std::runtime_error with the step that failed.
+void sandbox_root_enter(const SandboxRoot &root);
 
 /// What an administrator has to allow when the kernel refuses a step; empty for an errno that has another cause.
 std::string sandbox_refusal_hint(int error_number);

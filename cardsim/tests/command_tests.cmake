@@ -5,7 +5,7 @@ bootup_fpd_precompile_test_headers(cardsim_sandbox_test)
 gtest_discover_tests(cardsim_sandbox_test NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
 
 add_executable(cardsim_command_test tests/command_test.cpp)
-target_link_libraries(cardsim_command_test PRIVATE cardsim_sandbox bootup_fpd_build_flags GTest::gmock_main)
+target_link_libraries(cardsim_command_test PRIVATE bootup_fpd_build_flags GTest::gmock_main)
 bootup_fpd_precompile_test_headers(cardsim_command_test)
 target_compile_definitions(cardsim_command_test PRIVATE
   CARDSIM_COMMAND="$<TARGET_FILE:cardsim_command>"

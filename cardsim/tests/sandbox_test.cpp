@@ -1,17 +1,26 @@
 #include "sandbox.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <mqueue.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -19,6 +28,8 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace fs = std::filesystem;
 using cardsim::Sandbox;
@@ -67,6 +78,43 @@ struct LifeLine {
     }
     std::array<int, 2> ends = {-1, -1};
 };
+
+/// A child in new namespaces, even of a process with threads. Its status.
+int in_namespaces(int namespaces, const std::function<int()> &body) {
+    const long child = syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+    if (child == 0) _exit(body());
+    int status = -1;
+    waitpid(static_cast<pid_t>(child), &status, 0);
+    return WEXITSTATUS(status);
+}
+
+/// 0 when the call failed for one of two reasons, which is what 1 says otherwise.
+int refused(long result, int reason, int other_reason) {
+    return result < 0 && (errno == reason || errno == other_reason) ? 0 : 1;
+}
+int refused(long result, int reason) {
+    return refused(result, reason, reason);
+}
+
+/// The files at or below `path` that are there to be written and can be opened for it.
+std::vector<std::string> writable_files(const fs::path &path) {
+    std::vector<std::string> found;
+    const auto look = [&found](const fs::directory_entry &entry) {
+        const fs::file_status status = entry.status();
+        constexpr fs::perms write = fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write;
+        if (!fs::is_regular_file(status) || (status.permissions() & write) == fs::perms::none) return;
+        const int file = open(entry.path().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (file < 0) return;
+        close(file);
+        found.push_back(entry.path());
+    };
+    look(fs::directory_entry(path));
+    std::error_code unreadable;
+    const auto skipping = fs::directory_options::skip_permission_denied;
+    if (!fs::is_directory(path)) return found;
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(path, skipping, unreadable)) look(entry);
+    return found;
+}
 
 class SandboxTest : public testing::Test {
   protected:
@@ -231,6 +279,134 @@ TEST_F(SandboxTest, SystemDirectoriesCannotBeWritten) {
     }
 }
 
+TEST_F(SandboxTest, WhatItMountedCanNeitherBeChangedNorTakenAway) {
+    layout_.boot_commands = directory("bin");
+    write_file(host_ / "bin/check-flash", "");
+    for (const char *path : {"/usr", "/etc", "/usr/sbin", "/proc/sys", "/sys"}) {
+        EXPECT_EQ(run([path] { return refused(mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND, nullptr), EPERM); }),
+                  0)
+            << path << " " << error_;
+        EXPECT_EQ(run([path] { return refused(umount2(path, MNT_DETACH), EINVAL, EPERM); }), 0) << path;
+    }
+}
+
+TEST_F(SandboxTest, ABindOfASystemDirectoryCannotBeWrittenEither) {
+    EXPECT_EQ(run([] {
+                  if (mount("/usr", "/dev/shm", nullptr, MS_BIND | MS_REC, nullptr) != 0) return 2;
+                  if (mount(nullptr, "/dev/shm", nullptr, MS_REMOUNT | MS_BIND, nullptr) == 0) return 3;
+                  return refused(mkdir("/dev/shm/x", 0755), EROFS);
+              }),
+              0)
+        << error_;
+    rmdir("/usr/x");  // of a sandbox that does not protect the host
+}
+
+TEST_F(SandboxTest, TheOriginalsOfSystemDirectoriesCannotBeWritten) {
+    layout_.boot_commands = directory("bin");
+    write_file(host_ / "bin/check-flash", "");
+    const fs::path mark = "cardsim-test-" + std::to_string(getpid());
+    EXPECT_EQ(run([&mark] {
+                  const fs::path original = fs::read_symlink("/usr/sbin/chroot").parent_path();
+                  return refused(mkdir((original / mark).c_str(), 0755), EROFS);
+              }),
+              0)
+        << error_;
+    fs::remove("/usr/sbin" / mark);  // of a sandbox that does not protect the host
+}
+
+TEST_F(SandboxTest, OfProcOnlyProcessesAndTheLimitsOfQueuesCanBeWritten) {
+    EXPECT_EQ(run([] {
+                  std::vector<std::string> writable;
+                  for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
+                      const std::string name = entry.path().filename();
+                      if (entry.is_symlink() || name.find_first_not_of("0123456789") == std::string::npos) continue;
+                      for (const std::string &file : writable_files(entry.path())) writable.push_back(file);
+                  }
+                  std::erase_if(writable,
+                                [](const std::string &file) { return file.starts_with("/proc/sys/fs/mqueue/"); });
+                  for (const std::string &file : writable) std::fprintf(stderr, "writable: %s\n", file.c_str());
+                  return writable.empty() ? 0 : 1;
+              }),
+              0)
+        << error_;
+    EXPECT_EQ(run([] {
+                  write_file("/proc/sys/fs/mqueue/msg_max", "300");
+                  return read_file("/proc/sys/fs/mqueue/msg_max") == "300\n" ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(SandboxTest, ProcCannotBeMountedAnew) {
+    const auto mount_proc = [] { return refused(mount("proc", "/dev/shm", "proc", 0, nullptr), EPERM); };
+    EXPECT_EQ(run(mount_proc), 0) << error_;
+    EXPECT_EQ(run([&] { return in_namespaces(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWPID, mount_proc); }), 0);
+}
+
+TEST_F(SandboxTest, ControlGroupsCannotBeReached) {
+    EXPECT_EQ(run([] { return refused(unshare(CLONE_NEWCGROUP), ENOSPC); }), 0) << error_;
+    EXPECT_EQ(run([] { return refused(mount("cgroup2", "/dev/shm", "cgroup2", 0, nullptr), EPERM); }), 0);
+}
+
+TEST_F(SandboxTest, TheInitOfTheSandboxIsClosed) {
+    for (const char *path : {"/proc/1/root", "/proc/1/cwd", "/proc/1/ns/mnt", "/proc/1/ns/user", "/proc/1/mem"}) {
+        EXPECT_EQ(run([path] { return refused(open(path, O_RDONLY | O_CLOEXEC), EACCES); }), 0) << path << error_;
+    }
+}
+
+TEST_F(SandboxTest, DevicesOfTheHostCannotBeOpenedOrMade) {
+    if (geteuid() != 0) GTEST_SKIP() << "makes a device";
+    ASSERT_EQ(mknod((host_ / "zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+    layout_.scratch = host_;
+    for (const fs::path &path : {host_ / "zero", fs::path("/misc/scratch/zero")}) {
+        EXPECT_EQ(run([&path] { return refused(open(path.c_str(), O_RDONLY | O_CLOEXEC), EACCES); }), 0)
+            << path << error_;
+    }
+    EXPECT_EQ(run([] { return refused(mknod("/misc/scratch/null", S_IFCHR | 0600, makedev(1, 3)), EPERM); }), 0);
+}
+
+TEST_F(SandboxTest, CallsThatNoNamespaceKeepsApartAreRefused) {
+    EXPECT_EQ(run([] { return prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0) == 1 ? 0 : 1; }), 0) << error_;
+    EXPECT_EQ(run([] { return refused(syscall(SYS_keyctl, 0, -3, 0), ENOSYS); }), 0);
+    EXPECT_EQ(run([] { return refused(syscall(SYS_add_key, "user", "name", "x", 1, -3), ENOSYS); }), 0);
+    EXPECT_EQ(run([] { return refused(syscall(SYS_request_key, "user", "name", nullptr, -3), ENOSYS); }), 0);
+    EXPECT_EQ(run([] { return refused(ioctl(0, TIOCSTI, "x"), ENOSYS); }), 0);
+    EXPECT_EQ(run([] { return refused(ioctl(0, TIOCLINUX, "x"), ENOSYS); }), 0);
+    EXPECT_EQ(run([] { return refused(syscall(SYS_getpid | 0x40000000), ENOSYS); }), 0);
+    EXPECT_EQ(run([] {
+                  long result = 20;  // getpid of a 32-bit program
+                  asm volatile("int $0x80" : "+a"(result)::"memory", "r8", "r9", "r10", "r11");
+                  return result == -ENOSYS ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(SandboxTest, TheNetworkIsItsOwnUnlessTheHostsIsAskedFor) {
+    const fs::path network = fs::read_symlink("/proc/self/ns/net");
+    const auto has_network = [&network] { return fs::read_symlink("/proc/self/ns/net") == network ? 1 : 0; };
+    EXPECT_EQ(run(has_network), 0) << error_;
+    EXPECT_EQ(run([] { return fs::is_empty("/run") ? 0 : 1; }), 0);
+    layout_.host_network = true;
+    EXPECT_EQ(run(has_network), 1) << error_;
+    EXPECT_EQ(run([] { return fs::is_empty("/run") ? 0 : 1; }), fs::is_empty("/run") ? 0 : 1);
+}
+
+TEST_F(SandboxTest, ProgramsInItTalkToEachOther) {
+    EXPECT_EQ(run([] {
+                  sockaddr_in address = {};
+                  address.sin_family = AF_INET;
+                  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                  socklen_t size = sizeof address;
+                  const auto name = reinterpret_cast<sockaddr *>(&address);
+                  const int receiver = socket(AF_INET, SOCK_DGRAM, 0);
+                  if (bind(receiver, name, size) != 0 || getsockname(receiver, name, &size) != 0) return 1;
+                  const int sender = socket(AF_INET, SOCK_DGRAM, 0);
+                  char byte = 0;
+                  return sendto(sender, "x", 1, 0, name, size) == 1 && recv(receiver, &byte, 1, 0) == 1 ? 0 : 2;
+              }),
+              0)
+        << error_;
+}
+
 TEST_F(SandboxTest, TheRestOfTheHostIsUsable) {
     write_file(host_ / "file", "before");
     const fs::path here = fs::current_path();
@@ -251,6 +427,9 @@ TEST_F(SandboxTest, HasOnlyTheDevicesOfACard) {
                   for (const fs::directory_entry &entry : fs::directory_iterator("/dev")) {
                       if (entry.is_block_file()) return 2;
                   }
+                  for (const fs::directory_entry &entry : fs::directory_iterator("/dev/pts")) {
+                      if (entry.path() != "/dev/pts/ptmx") return 4;
+                  }
                   write_file("/dev/null", "gone");
                   write_file("/dev/shm/file", "kept");
                   return read_file("/dev/shm/file") == "kept" && fs::exists("/dev/fd/0") ? 0 : 3;
@@ -258,6 +437,22 @@ TEST_F(SandboxTest, HasOnlyTheDevicesOfACard) {
               0)
         << error_;
     EXPECT_FALSE(fs::exists("/dev/shm/file"));
+}
+
+TEST_F(SandboxTest, ProgramsFindTheNameOfTheCallersTerminal) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+    const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int before = dup(STDIN_FILENO);
+    dup2(terminal, STDIN_FILENO);
+    EXPECT_EQ(run([] {
+                  const char *const name = ttyname(STDIN_FILENO);
+                  return name != nullptr && std::string(name) == "/dev/console" ? 0 : 1;
+              }),
+              0)
+        << error_;
+    dup2(before, STDIN_FILENO);
+    for (const int file : {before, terminal, master}) close(file);
 }
 
 TEST_F(SandboxTest, LeavesTheHostUntouched) {
@@ -384,6 +579,46 @@ TEST_F(SandboxTest, WorksForAnOrdinaryUser) {
     EXPECT_EQ(marker.st_uid, 65534U);
 }
 
+TEST_F(SandboxTest, RootKeepsAllItsIds) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    layout_.scratch = directory("scratch");
+    const std::string map = read_file("/proc/self/uid_map");
+    EXPECT_EQ(run([&map] {
+                  write_file("/misc/scratch/file", "");
+                  if (chown("/misc/scratch/file", 1234, 4321) != 0) return 1;
+                  return read_file("/proc/self/uid_map") == map && setgroups(0, nullptr) == 0 ? 0 : 2;
+              }),
+              0)
+        << error_;
+    struct stat file = {};
+    ASSERT_EQ(stat((host_ / "scratch/file").c_str(), &file), 0);
+    EXPECT_EQ(file.st_uid, 1234U);
+    EXPECT_EQ(file.st_gid, 4321U);
+}
+
+TEST_F(SandboxTest, ShowsTheDirectoryThatItWasHandedWhateverStandsInItsPlaceByNow) {
+    write_file(directory("scratch") / "mark", "right");
+    write_file(directory("victim") / "mark", "wrong");
+    fs::create_directory_symlink(host_ / "victim", host_ / "link");
+    const int handed = open((host_ / "scratch").c_str(), O_PATH | O_CLOEXEC);
+    layout_.scratch = "/proc/self/fd/" + std::to_string(handed);
+    std::atomic<bool> is_done = false;
+    std::thread exchanging([&] {
+        while (!is_done) {
+            renameat2(AT_FDCWD, (host_ / "scratch").c_str(), AT_FDCWD, (host_ / "link").c_str(), RENAME_EXCHANGE);
+        }
+    });
+    std::vector<int> seen;
+    for (int attempt = 0; attempt < 40; ++attempt) {
+        seen.push_back(run([] { return read_file("/misc/scratch/mark") == "right" ? 0 : 1; }));
+    }
+    is_done = true;
+    exchanging.join();
+    close(handed);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), 0) << "the victim was shown";
+    EXPECT_GT(std::count(seen.begin(), seen.end(), -1), 0) << "never in the way: " << error_;
+}
+
 TEST_F(SandboxTest, Nests) {
     layout_.boot_commands = directory("bin");
     write_file(host_ / "bin/check-flash", "#!/bin/sh\nexit 9\n");
@@ -395,16 +630,34 @@ TEST_F(SandboxTest, Nests) {
         << error_;
 }
 
-TEST_F(SandboxTest, SaysWhatToAllowWhereNamespacesAreForbidden) {
-    EXPECT_EQ(run([this] {
-                  write_file("/proc/sys/user/max_user_namespaces", "0");
-                  if (run([] { return 0; }) != -1) return 1;
-                  if (error_.find("kernel.unprivileged_userns_clone") == std::string::npos) return 2;
-                  if (error_.find("user.max_user_namespaces") == std::string::npos) return 3;
-                  return error_.find('\n') == std::string::npos ? 0 : 4;
+TEST_F(SandboxTest, AnInnerSandboxHasQueuesOfItsOwnAsWell) {
+    const auto make_queue = [] {
+        mq_attr attributes = {};
+        attributes.mq_maxmsg = 256;
+        attributes.mq_msgsize = 24;
+        return mq_open("/queue", O_CREAT | O_EXCL | O_RDWR, 0600, &attributes) == -1 ? errno : 0;
+    };
+    EXPECT_EQ(run([&] {
+                  if (make_queue() != 0) return 1;
+                  return run([&] { return make_queue() == 0 ? run(make_queue) : 2; });
               }),
               0)
         << error_;
+}
+
+TEST_F(SandboxTest, SaysWhatToAllowWhereNamespacesAreForbidden) {
+    for (const char *allowed : {"0", "1"}) {
+        EXPECT_EQ(in_namespaces(CLONE_NEWUSER,
+                                [&] {
+                                    write_file("/proc/sys/user/max_user_namespaces", allowed);
+                                    if (run([] { return 0; }) != -1) return 1;
+                                    if (error_.find("kernel.unprivileged_userns_clone") == std::string::npos) return 2;
+                                    if (error_.find("user.max_user_namespaces") == std::string::npos) return 3;
+                                    return error_.find('\n') == std::string::npos ? 0 : 4;
+                                }),
+                  0)
+            << allowed;
+    }
 }
 
 TEST_F(SandboxTest, NamesADirectoryThatIsNotThere) {
