@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+
+#include "printable.h"
 
 /// The program's divisor of its own times, when it has one.
 extern "C" uint32_t bootup_fpd_time_div __attribute__((weak, visibility("default")));
@@ -28,8 +31,8 @@ bool append_line(int file, const std::string &line) {
     return written == static_cast<ssize_t>(line.size());
 }
 
-int open_for_append(const std::filesystem::path &file) {
-    return open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+int open_for_append(const StateDirectory &directory, const char *name) {
+    return directory.open(name, O_WRONLY | O_APPEND | O_CREAT);
 }
 
 std::string environment(const char *name) {
@@ -66,27 +69,31 @@ CardState loaded_state(const char *function, const Card &card) {
 }
 
 Card *make_card() {
-    auto *card = new Card;
-    std::string error;
     const std::string file = environment("CARDSIM_CARD");
-    card->state_directory = environment("CARDSIM_STATE");
+    auto *card = new Card(std::filesystem::canonical(environment("CARDSIM_STATE")));
+    std::string error;
     card->speed = speed_from_environment();
     if (load_card_description(file, card->description, error) != 0) {
         end_loudly(nullptr, error);
     }
     card->boot = loaded_state(nullptr, *card).boot;
-    card->calls_log = open_for_append(calls_log(card->state_directory));
-    if (card->calls_log < 0) {
-        end_loudly(nullptr, calls_log(card->state_directory).string() + ": " + std::strerror(errno));
-    }
+    card->calls_log = open_for_append(card->state_directory, calls_log);
     if (&bootup_fpd_time_div != nullptr) {
         bootup_fpd_time_div = card->speed;
     }
     return card;
 }
 
+Card *make_card_or_end() {
+    try {
+        return make_card();
+    } catch (const std::exception &reason) {
+        end_loudly(nullptr, reason.what());
+    }
+}
+
 Card &the_card() {
-    static Card *const card = make_card();
+    static Card *const card = make_card_or_end();
     return *card;
 }
 
@@ -144,12 +151,15 @@ void Call::record(const std::string &outcome) const {
 }
 
 void end_loudly(const char *function, const std::string &reason) {
-    const std::string line = "cardsim: " + (function == nullptr ? "" : std::string(function) + ": ") + reason + "\n";
+    const std::string text = (function == nullptr ? "" : std::string(function) + ": ") + reason;
+    const std::string line = "cardsim: " + printable(text) + "\n";
     append_line(STDERR_FILENO, line);
     const char *directory = std::getenv("CARDSIM_STATE");
-    const int log = directory == nullptr ? -1 : open_for_append(abort_log(directory));
-    if (log >= 0) {
-        append_line(log, line);
+    try {
+        const StateDirectory state(std::filesystem::canonical(directory == nullptr ? "" : directory));
+        append_line(open_for_append(state, abort_log), line);
+    } catch (const std::exception &) {
+        // It was told on standard error.
     }
     std::abort();
 }
@@ -202,12 +212,16 @@ CardState state_of(const Call &call) {
 }
 
 void change_state(const Call &call, const std::function<void(CardState &)> &change) {
-    const StateLock lock(call.card.state_directory);
-    require(call, lock.held(), call.card.state_directory.string() + ": cannot be locked");
-    CardState state = state_of(call);
-    change(state);
-    std::string error;
-    require(call, save_state(call.card.state_directory, state, error) == 0, error);
+    const StateDirectory &directory = call.card.state_directory;
+    try {
+        const StateLock lock(directory);
+        CardState state = state_of(call);
+        change(state);
+        std::string error;
+        require(call, save_state(directory, state, error) == 0, error);
+    } catch (const std::exception &reason) {
+        end_loudly(call.function, reason.what());
+    }
 }
 
 const char *lasting_text(const Call &call, const std::string &text) {

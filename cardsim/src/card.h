@@ -27,8 +27,10 @@ namespace cardsim {
 /// One per process. The first call of a closed function makes it from the environment; nothing ever destroys it,
 /// because a thread that its program gave up on may still be in a call when the process ends.
 struct Card {
+    explicit Card(const std::filesystem::path &directory) : state_directory(directory) {}
+
     CardDescription description;
-    std::filesystem::path state_directory;
+    StateDirectory state_directory;
     uint32_t speed = 1;  ///< every time of the card is divided by it
     uint32_t boot = 1;
     int calls_log = -1;

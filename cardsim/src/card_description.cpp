@@ -1,14 +1,19 @@
 #include "card_description.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <limits>
 #include <map>
 #include <set>
 #include <string_view>
 #include <utility>
 
+#include "file_owner.h"
 #include "toml_reader.h"
 
 namespace cardsim {
@@ -431,8 +436,14 @@ CardDescription read_description(const toml::table &root, const std::filesystem:
 }  // namespace
 
 int load_card_description(const std::filesystem::path &file, CardDescription &card, std::string &error) {
+    constexpr size_t most = size_t{1} << 20;
     try {
-        card = read_description(parse_toml_file(file), file);
+        // Not to wait for somebody to write into a FIFO.
+        const FileOwner opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        if (opened.handle < 0) {
+            throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
+        }
+        card = read_description(parse_toml(opened.handle, file, most), file);
         return 0;
     } catch (const TomlError &wrong) {
         error = error_text(file, wrong);

@@ -129,7 +129,7 @@ struct CardDescription {
 };
 
 /// Reads and checks a card's description. Returns 0; else non-zero with "FILE:LINE: reason" in `error` (FILE as given;
-/// one line, no newline at the end) and `card` left as it was.
+/// one line, printable) and `card` left as it was.
 int load_card_description(const std::filesystem::path &file, CardDescription &card, std::string &error);
 
 /// The card's bootstrap key file: the described text, or the one made from the card's fields.

@@ -8,10 +8,12 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <string>
 
 #include "images.h"
 #include "scripts.h"
@@ -25,101 +27,108 @@ namespace {
     throw std::runtime_error(path.string() + ": " + std::strerror(error_number));
 }
 
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+[[noreturn]] void refuse_second_use(const fs::path &state) {
+    throw CardError(state.string() + ": the card is in use by another cardsim");
+}
+
+/// A name for an open file, for what knows files by their names alone.
+fs::path name_of(int file) {
+    return "/proc/self/fd/" + std::to_string(file);
 }
 
 /// Replaces a file whole, and only when it differs.
-void update_file(const fs::path &path, const std::string &text, fs::perms permissions) {
-    if (fs::is_regular_file(path) && read_file(path) == text) return;
-    const fs::path fresh = path.parent_path() / ("." + path.filename().string() + ".new");
-    std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
-    file << text;
-    file.close();
-    if (!file) fail(fresh, errno);
-    fs::permissions(fresh, permissions);
-    fs::rename(fresh, path);
-}
-
-bool image_is_current(const fs::path &source, const fs::path &image, uint64_t size) {
-    if (!fs::is_regular_file(image)) return false;
-    if (!fs::exists(source)) return fs::file_size(image) == size;
-    return fs::file_size(image) == fs::file_size(source) && fs::last_write_time(image) >= fs::last_write_time(source);
-}
-
-void update_image(const fs::path &source, const fs::path &image, uint64_t size) {
-    if (image_is_current(source, image, size)) return;
-    const fs::path fresh = image.parent_path() / ("." + image.filename().string() + ".new");
-    if (fs::exists(source)) {
-        fs::copy_file(source, fresh, fs::copy_options::overwrite_existing);
-    } else {
-        write_image(fresh, image.filename().string(), size);
+void update_file(const StateDirectory &state, const fs::path &name, const std::string &text, mode_t mode) {
+    if (state.has(name)) {
+        const FileOwner file(state.open(name, O_RDONLY));
+        std::ifstream present(name_of(file.handle), std::ios::binary);
+        if (std::string(std::istreambuf_iterator<char>(present), {}) == text) return;
     }
-    fs::rename(fresh, image);
+    state.replace(name, mode, [&text](int file) { write_all(file, text); });
 }
 
-void update_images(const CardPlace &place, const fs::path &packages) {
+bool is_newer(const timespec &one, const timespec &other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec > other.tv_sec : one.tv_nsec > other.tv_nsec;
+}
+
+bool image_is_current(const fs::path &source, const std::optional<struct stat> &image, uint64_t size) {
+    if (!image || !S_ISREG(image->st_mode)) return false;
+    struct stat own = {};
+    if (stat(source.c_str(), &own) != 0) return static_cast<uint64_t>(image->st_size) == size;
+    return image->st_size == own.st_size && !is_newer(own.st_mtim, image->st_mtim);
+}
+
+void update_image(const StateDirectory &state, const fs::path &source, const fs::path &image, uint64_t size) {
+    if (image_is_current(source, state.status(image), size)) return;
+    state.replace(image, 0644, [&](int file) {
+        if (fs::exists(source)) {
+            fs::copy_file(source, name_of(file), fs::copy_options::overwrite_existing);
+        } else {
+            write_image(name_of(file), image.filename().string(), size);
+        }
+    });
+}
+
+void update_images(const CardPlace &place, const StateDirectory &state) {
     for (const FpdDescription &fpd : place.description.fpds) {
         for (const RegionDescription &region : fpd.regions) {
             for (const ImageDescription &image : region.images) {
-                update_image(place.images / image.file, packages / image.file, image.size);
+                update_image(state, place.images / image.file, fs::path(package_directory) / image.file, image.size);
             }
         }
     }
 }
 
-/// Everything in a state directory that follows from the description.
-void update_derived_files(const CardPlace &place, const fs::path &state, uint32_t speed) {
-    for (const char *name : {"pkg", "log", "scratch", "flash", "etc", "bin"}) fs::create_directory(state / name);
-    update_file(state / "kd_bootstrap", bootstrap_text(place.description), fs::perms{0644});
-    for (const Script &script : card_scripts(place.description, speed)) {
-        update_file(state / script.path, script.text, fs::perms{0755});
-    }
-    update_images(place, package_directory(state));
-}
-
-/// A directory that disappears again unless it is kept.
-class DirectoryInTheMaking {
+/// A directory that becomes the card's state, or disappears again. It has a fixed name, so that one whose maker was
+/// killed is found by the next.
+class StateInTheMaking {
   public:
-    explicit DirectoryInTheMaking(const fs::path &parent) {
-        std::string name = (parent / ".cardsim-state-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) fail(parent, errno);
-        path_ = name;
-        fs::permissions(path_, fs::perms{0755});
+    explicit StateInTheMaking(const fs::path &state)
+        : state_(state), path_(state.parent_path() / ("." + state.filename().string() + ".new")) {
+        if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) fail(path_, errno);
+        directory_.emplace(path_);
+        lock_.emplace(directory_->open(".", O_RDONLY | O_DIRECTORY));
+        if (directory_->status(".")->st_uid != geteuid())
+            throw CardError(path_.string() + ": belongs to somebody else");
+        if (flock(lock_->handle, LOCK_EX | LOCK_NB) != 0 || !is_still_there()) refuse_second_use(state);
+        for (const fs::directory_entry &entry : fs::directory_iterator(path_)) fs::remove_all(entry.path());
     }
-    DirectoryInTheMaking(const DirectoryInTheMaking &) = delete;
-    DirectoryInTheMaking &operator=(const DirectoryInTheMaking &) = delete;
-    ~DirectoryInTheMaking() {
+    StateInTheMaking(const StateInTheMaking &) = delete;
+    StateInTheMaking &operator=(const StateInTheMaking &) = delete;
+    ~StateInTheMaking() {
         std::error_code ignored;
-        if (!path_.empty()) fs::remove_all(path_, ignored);
+        if (!kept_) fs::remove_all(path_, ignored);
     }
-    const fs::path &path() const { return path_; }
-    void keep_as(const fs::path &name) {
-        fs::rename(path_, name);
-        path_.clear();
+    const StateDirectory &directory() const { return *directory_; }
+    void keep() {
+        if (fchmod(lock_->handle, 0755) != 0) fail(path_, errno);
+        fs::rename(path_, state_);
+        kept_ = true;
     }
 
   private:
+    fs::path state_;
     fs::path path_;
-};
+    std::optional<StateDirectory> directory_;
+    std::optional<FileOwner> lock_;
+    bool kept_ = false;
 
-void make_state(const CardPlace &place, uint32_t speed) {
-    fs::create_directories(place.state.parent_path());
-    DirectoryInTheMaking making(place.state.parent_path());
-    update_derived_files(place, making.path(), speed);
-    std::string error;
-    if (save_state(making.path(), initial_state(place.description), error) != 0) throw std::runtime_error(error);
-    making.keep_as(place.state);
-}
+    /// Not renamed or removed by the one that had the lock before.
+    bool is_still_there() const {
+        struct stat locked = {};
+        struct stat named = {};
+        return fstat(lock_->handle, &locked) == 0 && lstat(path_.c_str(), &named) == 0 &&
+               locked.st_ino == named.st_ino && locked.st_dev == named.st_dev;
+    }
+};
 
 /// A directory of somebody else's files must not become a card's.
 void check_state_directory(const fs::path &state) {
     std::error_code error;
-    const fs::file_status status = fs::status(state, error);
+    const fs::file_status status = fs::symlink_status(state, error);
     if (!fs::exists(status)) return;
+    if (fs::is_symlink(status)) throw CardError(state.string() + ": a symbolic link; name the directory by --state");
     if (!fs::is_directory(status)) throw CardError(state.string() + ": not a directory");
-    if (!fs::is_empty(state) && !fs::exists(state_file(state))) {
+    if (!fs::is_empty(state) && !fs::exists(fs::symlink_status(state / state_file))) {
         throw CardError(state.string() + ": holds other files and no card's state");
     }
 }
@@ -133,38 +142,46 @@ CardPlace find_card(const fs::path &card, const fs::path &state) {
     if (load_card_description(given, place.description, error) != 0) throw CardError(error);
     place.file = fs::canonical(given);
     place.images = place.file.parent_path() / "images";
-    place.state = fs::weakly_canonical(state.empty() ? place.file.parent_path() / "state" : fs::absolute(state));
+    place.state = state.empty() ? place.file.parent_path() / "state" : fs::weakly_canonical(fs::absolute(state));
     check_state_directory(place.state);
     return place;
 }
 
 bool has_state(const CardPlace &place) {
-    return fs::exists(state_file(place.state));
+    return fs::exists(fs::symlink_status(place.state / state_file));
 }
 
-void prepare_state(const CardPlace &place, uint32_t speed) {
-    if (has_state(place)) {
-        update_derived_files(place, place.state, speed);
-    } else {
-        make_state(place, speed);
+void make_state(const CardPlace &place, uint32_t speed) {
+    if (has_state(place)) return;
+    fs::create_directories(place.state.parent_path());
+    StateInTheMaking making(place.state);
+    update_state(place, making.directory(), speed);
+    std::string error;
+    if (save_state(making.directory(), initial_state(place.description), error) != 0) throw std::runtime_error(error);
+    making.keep();
+}
+
+void update_state(const CardPlace &place, const StateDirectory &state, uint32_t speed) {
+    for (const char *name : {package_directory, "log", "scratch", "flash", "etc", "bin"}) state.make_directory(name);
+    update_file(state, "kd_bootstrap", bootstrap_text(place.description), 0644);
+    for (const Script &script : card_scripts(place.description, speed)) {
+        update_file(state, script.path, script.text, 0755);
     }
+    update_images(place, state);
 }
 
-CardInUse::CardInUse(const CardPlace &place, For what)
-    : file_(open((place.state / "power").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {
-    if (file_ < 0) fail(place.state / "power", errno);
-    if (flock(file_, (what == For::Boot ? LOCK_EX : LOCK_SH) | LOCK_NB) == 0) return;
-    close(file_);
-    throw CardError(place.state.string() + ": the card is in use by another cardsim");
-}
-
-CardInUse::~CardInUse() {
-    close(file_);
+CardInUse::CardInUse(const StateDirectory &state, For what) : file_(state.open("power", O_RDWR | O_CREAT)) {
+    // One at a time: a command that looks whether it is alone must not be in the way of another one.
+    const StateLock lock(state);
+    if (flock(file_.handle, LOCK_EX | LOCK_NB) == 0) state.remove_leftovers();
+    const int use = what == For::Boot ? LOCK_EX : LOCK_SH;
+    if (flock(file_.handle, use | LOCK_NB) != 0) refuse_second_use(state.path());
+    state.check();
 }
 
 uint32_t CardInUse::last_boot() const {
     std::array<char, 16> text = {};
-    const ssize_t length = pread(file_, text.data(), text.size(), 0);
+    const ssize_t length = pread(file_.handle, text.data(), text.size(), 0);
     uint32_t boot = 0;
     if (length > 0) std::from_chars(text.data(), text.data() + length, boot);
     return boot;
@@ -172,7 +189,7 @@ uint32_t CardInUse::last_boot() const {
 
 void CardInUse::set_last_boot(uint32_t boot) const {
     const std::string text = std::to_string(boot) + "\n";
-    if (pwrite(file_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    if (pwrite(file_.handle, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         throw std::runtime_error(std::string("record the boot: ") + std::strerror(errno));
     }
 }

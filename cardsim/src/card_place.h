@@ -4,24 +4,18 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
-#include <stdexcept>
-#include <string>
 
 #include "card_description.h"
+#include "card_error.h"
 #include "card_state.h"
+#include "state_directory.h"
 
 namespace cardsim {
-
-/// What the user has to put right: a broken card file or a directory that is not a card's. One line.
-struct CardError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 struct CardPlace {
     std::filesystem::path file;    ///< absolute
     std::filesystem::path images;  ///< directory beside the file, which may not exist
-    std::filesystem::path state;   ///< absolute; exists once the card was powered on
+    std::filesystem::path state;   ///< absolute, free of symbolic links; exists once the card was powered on
     CardDescription description;
 };
 
@@ -32,26 +26,28 @@ CardPlace find_card(const std::filesystem::path &card, const std::filesystem::pa
 /// True once the card's state directory was made.
 bool has_state(const CardPlace &place);
 
-/// The state directory with everything that follows from the description: made whole or not at all when there is none
-/// yet; otherwise its key file, scripts and missing or changed images are brought up to date. `speed` divides the times
-/// of the scripts. Throws CardError, or std::exception when the system refuses.
-void prepare_state(const CardPlace &place, uint32_t speed);
+/// Makes the state directory, whole or not at all, with everything in it that follows from the description; nothing is
+/// done when there is one. Throws CardError, or std::exception when the system refuses.
+void make_state(const CardPlace &place, uint32_t speed);
 
-/// Holds a card while it is in use: one boot, or any number of other commands. Throws CardError when it is taken.
+/// Brings the key file, the scripts and missing or changed images up to date, under a StateLock. `speed` divides the
+/// times of the scripts. Throws as make_state.
+void update_state(const CardPlace &place, const StateDirectory &state, uint32_t speed);
+
+/// Holds a card while it is in use: one boot, or any number of other commands. Where nobody else does, what earlier
+/// ones left unfinished is removed. Throws CardError when the card is taken, or when its state is nothing that a card
+/// leaves.
 class CardInUse {
   public:
     enum class For { Boot, Command };
-    CardInUse(const CardPlace &place, For what);
-    CardInUse(const CardInUse &) = delete;
-    CardInUse &operator=(const CardInUse &) = delete;
-    ~CardInUse();
+    CardInUse(const StateDirectory &state, For what);
 
     /// The number of the last boot that was begun; 0: none.
     uint32_t last_boot() const;
     void set_last_boot(uint32_t boot) const;
 
   private:
-    int file_;
+    FileOwner file_;
 };
 
 }  // namespace cardsim

@@ -1,17 +1,15 @@
 #include "card_state.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <sstream>
-#include <string_view>
+#include <stdexcept>
+#include <utility>
 
 #include "cancellation.h"
 #include "toml_reader.h"
@@ -146,48 +144,10 @@ std::string state_text(const CardState &state) {
     return text.str();
 }
 
-bool write_all(int file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = write(file, text.data(), text.size());
-        if (written < 0 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
-    }
-    return true;
-}
-
-/// Writes, syncs and closes; false with errno set when one of them fails.
-bool fill_and_close(int file, std::string_view text) {
-    const bool is_written = write_all(file, text) && fchmod(file, 0644) == 0 && fsync(file) == 0;
-    const int reason = errno;
-    const bool is_closed = close(file) == 0;
-    errno = is_written ? errno : reason;
-    return is_written && is_closed;
-}
-
 /// Makes a rename in the directory outlast a loss of power; a file system that cannot do that is no failure.
-void sync_directory(const std::filesystem::path &directory) {
-    const int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (handle >= 0) {
-        fsync(handle);
-        close(handle);
-    }
-}
-
-int open_locked(const std::filesystem::path &directory) {
-    const CancellationDisabled uncancelled;
-    const int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (handle < 0) {
-        return -1;
-    }
-    while (flock(handle, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            close(handle);
-            return -1;
-        }
-    }
-    return handle;
+void sync_directory(const StateDirectory &directory) {
+    const FileOwner handle(directory.open(".", O_RDONLY | O_DIRECTORY));
+    fsync(handle.handle);
 }
 
 }  // namespace
@@ -207,40 +167,39 @@ CardState initial_state(const CardDescription &card) {
     return state;
 }
 
-int load_state(const std::filesystem::path &directory, const CardDescription &card, CardState &state,
-               std::string &error) {
-    const std::filesystem::path file = state_file(directory);
-    std::error_code ignored;
-    if (std::filesystem::is_directory(directory, ignored) && !std::filesystem::exists(file, ignored)) {
-        state = initial_state(card);
-        return 0;
-    }
+int load_state(const StateDirectory &directory, const CardDescription &card, CardState &state, std::string &error) {
+    // Sixteen times the size of a description has room for the state of all that it can describe.
+    constexpr size_t most = size_t{16} << 20;
+    const std::filesystem::path file = directory.path() / state_file;
     try {
-        state = fitted_to(card, read_state(parse_toml_file(file)));
+        if (!directory.has(state_file)) {
+            state = initial_state(card);
+            return 0;
+        }
+        const FileOwner opened(directory.open(state_file, O_RDONLY));
+        state = fitted_to(card, read_state(parse_toml(opened.handle, file, most)));
         return 0;
     } catch (const TomlError &wrong) {
         error = error_text(file, wrong);
-        return -1;
+    } catch (const std::exception &wrong) {
+        error = wrong.what();
     }
+    return -1;
 }
 
-int save_state(const std::filesystem::path &directory, const CardState &state, std::string &error) {
+int save_state(const StateDirectory &directory, const CardState &state, std::string &error) {
     const CancellationDisabled uncancelled;
-    const std::filesystem::path file = state_file(directory);
-    std::string temporary = file.string() + ".XXXXXX";
-    const std::string text = state_text(state);
-    const int handle = mkostemp(temporary.data(), O_CLOEXEC);
-    if (handle < 0) {
-        error = file.string() + ": cannot be written: " + std::strerror(errno);
+    try {
+        directory.replace(state_file, 0644, [&](int file) {
+            write_all(file, state_text(state));
+            if (fsync(file) != 0) throw std::runtime_error(std::strerror(errno));
+        });
+        sync_directory(directory);
+        return 0;
+    } catch (const std::exception &reason) {
+        error = (directory.path() / state_file).string() + ": cannot be written: " + reason.what();
         return -1;
     }
-    if (!fill_and_close(handle, text) || std::rename(temporary.c_str(), file.c_str()) != 0) {
-        error = file.string() + ": cannot be written: " + std::strerror(errno);
-        unlink(temporary.c_str());
-        return -1;
-    }
-    sync_directory(directory);
-    return 0;
 }
 
 void reload(CardState &state) {
@@ -268,15 +227,6 @@ LedState *find_led(CardState &state, uint32_t id) {
     const auto found =
         std::find_if(state.leds.begin(), state.leds.end(), [&](const LedState &led) { return led.id == id; });
     return found == state.leds.end() ? nullptr : &*found;
-}
-
-StateLock::StateLock(const std::filesystem::path &directory) : directory_(open_locked(directory)) {}
-
-StateLock::~StateLock() {
-    const CancellationDisabled uncancelled;
-    if (directory_ >= 0) {
-        close(directory_);
-    }
 }
 
 }  // namespace cardsim

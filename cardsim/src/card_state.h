@@ -3,12 +3,12 @@
 #define CARDSIM_CARD_STATE_H
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "card_description.h"
+#include "state_directory.h"
 
 namespace cardsim {
 
@@ -37,31 +37,22 @@ struct CardState {
 };
 
 /// Files of a state directory that the library itself writes or reads.
-inline std::filesystem::path state_file(const std::filesystem::path &directory) {
-    return directory / "state.toml";
-}
-inline std::filesystem::path calls_log(const std::filesystem::path &directory) {
-    return directory / "calls.log";
-}
-inline std::filesystem::path abort_log(const std::filesystem::path &directory) {
-    return directory / "abort.log";
-}
-inline std::filesystem::path package_directory(const std::filesystem::path &directory) {
-    return directory / "pkg";
-}
+inline constexpr const char *state_file = "state.toml";
+inline constexpr const char *calls_log = "calls.log";
+inline constexpr const char *abort_log = "abort.log";
+inline constexpr const char *package_directory = "pkg";
 
 /// The card as described, on its first boot.
 CardState initial_state(const CardDescription &card);
 
-/// Reads the state of the described card from `directory`. A directory without a state file holds a card on its first
-/// boot; a region or LED that the file does not know starts as described, one that the card no longer has is dropped.
+/// Reads the state of the described card. A directory without a state file holds a card on its first boot; a region or
+/// LED that the file does not know starts as described, one that the card no longer has is dropped.
 /// Returns 0; else non-zero with "FILE:LINE: reason" in `error` and `state` left as it was.
-int load_state(const std::filesystem::path &directory, const CardDescription &card, CardState &state,
-               std::string &error);
+int load_state(const StateDirectory &directory, const CardDescription &card, CardState &state, std::string &error);
 
-/// Writes the state file whole or not at all: a temporary file in the same directory, fsync, rename.
+/// Writes the state file whole or not at all, under a StateLock. Not a cancellation point.
 /// Returns 0; else non-zero with a one-line reason in `error` and the earlier file untouched.
-int save_state(const std::filesystem::path &directory, const CardState &state, std::string &error);
+int save_state(const StateDirectory &directory, const CardState &state, std::string &error);
 
 /// The card reloads: programmed versions become the running ones (those that did not stick fall back first), no
 /// upgrade was attempted yet, the boot count is one more.
@@ -72,21 +63,6 @@ RegionState *find_region(CardState &state, uint32_t fpd, uint8_t index);
 const RegionState *find_region(const CardState &state, uint32_t fpd, uint8_t index);
 /// The state of an LED; null when the card has no such LED.
 LedState *find_led(CardState &state, uint32_t id);
-
-/// Keeps every other process that uses this state directory from changing the card's state until it is destroyed: to
-/// be held from load_state to save_state. Not a cancellation point.
-class StateLock {
-  public:
-    /// Waits for the lock; `held()` is false when the directory cannot be locked.
-    explicit StateLock(const std::filesystem::path &directory);
-    ~StateLock();
-    StateLock(const StateLock &) = delete;
-    StateLock &operator=(const StateLock &) = delete;
-    bool held() const { return directory_ >= 0; }
-
-  private:
-    int directory_;
-};
 
 }  // namespace cardsim
 

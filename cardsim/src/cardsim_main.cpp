@@ -8,6 +8,7 @@
 
 #include "card_place.h"
 #include "power.h"
+#include "printable.h"
 #include "show.h"
 #include "template.h"
 
@@ -20,7 +21,7 @@ struct Options {
     std::filesystem::path card;
     std::filesystem::path state;
     std::filesystem::path new_directory;
-    uint32_t speed = 1;
+    cardsim::Power power;
     uint32_t max_boots = 5;
     std::vector<std::string> command;
 };
@@ -32,25 +33,34 @@ void add_card(CLI::App &command, Options &options) {
         ->type_name("DIR");
 }
 
-void add_speed(CLI::App &command, Options &options) {
-    command.add_option("--speed", options.speed, "divides the times of the card and of the upgrade tool")
+void add_power(CLI::App &command, cardsim::Power &power) {
+    command.add_option("--speed", power.speed, "divides the times of the card and of the upgrade tool")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
         ->type_name("N");
+    command
+        .add_option("--env", power.environment,
+                    "sets a variable on the card, or hands on that of the caller; repeatable")
+        ->check(
+            [](const std::string &given) { return std::string(given.find('=') == 0 ? "no name before the '='" : ""); })
+        ->allow_extra_args(false)
+        ->type_name("NAME[=VALUE]");
+    command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
 void show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
     cardsim::CardState state = cardsim::initial_state(place.description);
     std::string error;
-    if (cardsim::has_state(place) && cardsim::load_state(place.state, place.description, state, error) != 0) {
-        throw cardsim::CardError(error);
+    if (cardsim::has_state(place)) {
+        const cardsim::StateDirectory directory(place.state);
+        if (cardsim::load_state(directory, place.description, state, error) != 0) throw cardsim::CardError(error);
     }
     std::fputs(cardsim::card_table(place.description, state).c_str(), stdout);
 }
 
 int complain(int status, const char *reason) {
     std::fflush(stdout);
-    std::fprintf(stderr, "cardsim: %s\n", reason);
+    std::fprintf(stderr, "cardsim: %s\n", cardsim::printable(reason).c_str());
     return status;
 }
 
@@ -63,7 +73,7 @@ int main(int argc, char **argv) {
 
     CLI::App *boot = app.add_subcommand("boot", "power the card on, reload it as often as it asks for it");
     add_card(*boot, options);
-    add_speed(*boot, options);
+    add_power(*boot, options.power);
     boot->add_option("--max-boots", options.max_boots, "give up after so many boots")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
         ->type_name("N")
@@ -71,7 +81,7 @@ int main(int argc, char **argv) {
 
     CLI::App *exec = app.add_subcommand("exec", "run a command on the card: cardsim exec CARD -- COMMAND...");
     add_card(*exec, options);
-    add_speed(*exec, options);
+    add_power(*exec, options.power);
     exec->add_option("COMMAND", options.command, "the command and its arguments")->required();
 
     CLI::App *show_command = app.add_subcommand("show", "show the card's regions, their versions and its LEDs");
@@ -85,17 +95,17 @@ int main(int argc, char **argv) {
     try {
         if (boot->parsed()) {
             const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
-            return cardsim::boot_card(place, options.speed, options.max_boots);
+            return cardsim::boot_card(place, options.power, options.max_boots);
         }
         if (exec->parsed()) {
             const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
-            return cardsim::exec_on_card(place, options.speed, options.command);
+            return cardsim::exec_on_card(place, options.power, options.command);
         }
         if (show_command->parsed()) show(options);
         if (new_command->parsed()) cardsim::make_card(options.new_directory);
         return 0;
     } catch (const cardsim::CardError &reason) {
-        std::fprintf(stderr, "%s\n", reason.what());
+        std::fprintf(stderr, "%s\n", cardsim::printable(reason.what()).c_str());
         return broken_card;
     } catch (const std::exception &reason) {
         return complain(no_power, reason.what());

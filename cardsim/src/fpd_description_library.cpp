@@ -95,7 +95,7 @@ std::string packaged_md5(const Call &call, const ImageDescription &image) {
     if (image.md5) {
         return *image.md5;
     }
-    md5_of_file(package_directory(call.card.state_directory) / image.file, sum, ignored);
+    md5_of_file(call.card.state_directory.path() / package_directory / image.file, sum, ignored);
     return sum;
 }
 

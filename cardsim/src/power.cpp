@@ -4,16 +4,19 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 
+#include "printable.h"
 #include "sandbox.h"
 #include "scripts.h"
 
@@ -57,18 +60,56 @@ void forward_caught_signal(const Sandbox &card) {
 
 // ---- what runs inside
 
-SandboxLayout card_layout(const CardPlace &place) {
+/// What the sandbox is to show, and the open files by which it is named there.
+struct CardLayout {
     SandboxLayout layout;
-    layout.packaged_firmware = package_directory(place.state);
-    layout.log = place.state / "log";
-    layout.scratch = place.state / "scratch";
-    layout.flash = place.state / "flash";
-    layout.local_etc = place.state / "etc";
-    layout.boot_commands = place.state / "bin";
-    layout.bootstrap_file = place.state / "kd_bootstrap";
-    layout.extra = {{place.state, state_path_inside}, {place.file.parent_path(), card_path_inside}};
-    layout.path_first = {fs::read_symlink("/proc/self/exe").parent_path()};
-    return layout;
+    std::deque<FileOwner> files;
+
+    CardLayout(const CardPlace &place, const StateDirectory &state, bool host_network) {
+        layout.packaged_firmware = opened(state, package_directory);
+        layout.log = opened(state, "log");
+        layout.scratch = opened(state, "scratch");
+        layout.flash = opened(state, "flash");
+        layout.local_etc = opened(state, "etc");
+        layout.boot_commands = opened(state, "bin");
+        layout.bootstrap_file = opened(state, "kd_bootstrap", 0);
+        layout.extra = {{opened(state, ""), state_path_inside}, {place.file.parent_path(), card_path_inside}};
+        layout.path_first = {fs::read_symlink("/proc/self/exe").parent_path()};
+        layout.host_network = host_network;
+    }
+
+  private:
+    fs::path opened(const StateDirectory &state, const char *name, int kind = O_DIRECTORY) {
+        files.emplace_back(state.open(name, O_RDONLY | kind));
+        return "/proc/self/fd/" + std::to_string(files.back().handle);
+    }
+};
+
+/// The environment is the card's: nothing of the caller's but how to talk to the user, what the user asked for, and
+/// what instruments of a program under test are told by.
+void set_environment(const Power &power, const fs::path &card_file) {
+    constexpr std::array kept = {
+        "TERM",         "LANG",          "TZ",          "ASAN_OPTIONS",      "LSAN_OPTIONS",
+        "TSAN_OPTIONS", "UBSAN_OPTIONS", "GCOV_PREFIX", "GCOV_PREFIX_STRIP", "LLVM_PROFILE_FILE"};
+    std::map<std::string, std::string> variables = {{"HOME", "/"}, {"PATH", std::getenv("PATH")}};
+    for (const char *name : kept) {
+        if (const char *const value = std::getenv(name)) variables[name] = value;
+    }
+    for (const std::string &given : power.environment) {
+        const std::size_t equals = given.find('=');
+        const std::string name = given.substr(0, equals);
+        const char *const own = std::getenv(name.c_str());
+        if (equals != std::string::npos) {
+            variables[name] = given.substr(equals + 1);
+        } else if (own != nullptr) {
+            variables[name] = own;
+        }
+    }
+    variables["CARDSIM_CARD"] = fs::path(card_path_inside) / card_file.filename();
+    variables["CARDSIM_STATE"] = state_path_inside;
+    variables["CARDSIM_SPEED"] = std::to_string(power.speed);
+    clearenv();
+    for (const auto &[name, value] : variables) setenv(name.c_str(), value.c_str(), 1);
 }
 
 /// Replaces the process by the command; returns the shell's status for one that cannot be run.
@@ -82,10 +123,14 @@ int run_command(const std::vector<std::string> &command) {
     return error_number == ENOENT ? 127 : 126;
 }
 
-int run_on_card(const CardPlace &place, uint32_t speed, const std::vector<std::string> &command) {
-    setenv("CARDSIM_CARD", (fs::path(card_path_inside) / place.file.filename()).c_str(), 1);
-    setenv("CARDSIM_STATE", state_path_inside, 1);
-    setenv("CARDSIM_SPEED", std::to_string(speed).c_str(), 1);
+/// No file of the caller's but the standard streams goes to the card: through a directory among them it would reach the
+/// whole host.
+int run_on_card(const CardPlace &place, const Power &power, const std::vector<std::string> &command) {
+    set_environment(power, place.file);
+    if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
+        std::fprintf(stderr, "cardsim: close the files of the caller: %s\n", std::strerror(errno));
+        return 126;
+    }
     if (place.description.obfl.mounted && mount(sandbox_flash_path, "/mnt/obfl", nullptr, MS_BIND, nullptr) != 0) {
         std::fprintf(stderr, "cardsim: mount the OBFL flash: %s\n", std::strerror(errno));
         return 126;
@@ -101,19 +146,27 @@ void read_nothing() {
     }
 }
 
-Sandbox power_up(const CardPlace &place, const std::function<int()> &body) {
-    Sandbox card;
+Sandbox power_up(const CardPlace &place, const StateDirectory &state, const Power &power,
+                 const std::function<int()> &body) {
+    const CardLayout card(place, state, power.host_network);
+    Sandbox sandbox;
     std::string error;
-    if (!sandbox_start(card_layout(place), body, card, error)) throw PowerError(error);
-    return card;
+    if (!sandbox_start(card.layout, body, sandbox, error)) throw PowerError(error);
+    return sandbox;
 }
 
-/// Makes the card's state, but only where a card can be powered at all.
-void power_on(const CardPlace &place, uint32_t speed) {
+/// Makes the card's state where there is none, but only where a card can be powered at all.
+void make_missing_state(const CardPlace &place, uint32_t speed) {
     const auto nothing = [] { return 0; };
     std::string error;
-    if (!has_state(place) && sandbox_run({}, nothing, error) != 0) throw PowerError(error);
-    prepare_state(place, speed);
+    if (has_state(place)) return;
+    if (sandbox_run({}, nothing, error) != 0) throw PowerError(error);
+    make_state(place, speed);
+}
+
+void bring_up_to_date(const CardPlace &place, const StateDirectory &state, uint32_t speed) {
+    const StateLock lock(state);
+    update_state(place, state, speed);
 }
 
 // ---- one boot
@@ -121,17 +174,16 @@ void power_on(const CardPlace &place, uint32_t speed) {
 /// Expires when the watchdog script has not been run for the described time. The power-on counts as a punch.
 class Watchdog {
   public:
-    Watchdog(const CardPlace &place, uint32_t speed) : punches_(watchdog_punches(place.state)) {
-        if (place.description.watchdog) {
-            const std::chrono::duration<double> seconds(place.description.watchdog->timeout / speed);
+    Watchdog(const CardDescription &card, const StateDirectory &state, uint32_t speed) : state_(state) {
+        if (card.watchdog) {
+            const std::chrono::duration<double> seconds(card.watchdog->timeout / speed);
             limit_ = std::chrono::duration_cast<Clock::duration>(seconds);
         }
     }
     bool expired() {
         if (!limit_) return false;
-        std::error_code none_yet;
-        const std::uintmax_t count = fs::file_size(punches_, none_yet);
-        if (!none_yet && count != seen_) {
+        const std::uintmax_t count = state_.size(watchdog_punches);
+        if (count != seen_) {
             seen_ = count;
             last_ = Clock::now();
         }
@@ -139,7 +191,7 @@ class Watchdog {
     }
 
   private:
-    fs::path punches_;
+    const StateDirectory &state_;
     std::optional<Clock::duration> limit_;
     std::uintmax_t seen_ = 0;
     Clock::time_point last_ = Clock::now();
@@ -160,8 +212,8 @@ BootEnd end_with_grace(Sandbox &card, BootEnd::Why otherwise) {
     return {otherwise};
 }
 
-BootEnd watch_boot(Sandbox &card, const CardPlace &place, uint32_t speed) {
-    Watchdog watchdog(place, speed);
+BootEnd watch_boot(Sandbox &card, const CardDescription &description, const StateDirectory &state, uint32_t speed) {
+    Watchdog watchdog(description, state, speed);
     while (true) {
         if (const std::optional<int> status = card.wait_for(look_period)) return {BootEnd::Why::CommandEnded, *status};
         if (caught_signal != 0) {
@@ -169,7 +221,7 @@ BootEnd watch_boot(Sandbox &card, const CardPlace &place, uint32_t speed) {
             end_with_grace(card, BootEnd::Why::Interrupted);
             return {BootEnd::Why::Interrupted};
         }
-        if (fs::exists(reset_request(place.state))) return end_with_grace(card, BootEnd::Why::PoweredOff);
+        if (state.has(reset_request)) return end_with_grace(card, BootEnd::Why::PoweredOff);
         if (watchdog.expired()) {
             card.power_off();
             return {BootEnd::Why::WatchdogExpired};
@@ -177,47 +229,33 @@ BootEnd watch_boot(Sandbox &card, const CardPlace &place, uint32_t speed) {
     }
 }
 
-void forget_last_boot(const CardPlace &place) {
-    fs::remove(reset_request(place.state));
-    fs::remove(watchdog_punches(place.state));
+void forget_last_boot(const StateDirectory &state) {
+    state.remove(reset_request);
+    state.remove(watchdog_punches);
 }
 
-CardState card_state(const CardPlace &place) {
+CardState card_state(const CardPlace &place, const StateDirectory &directory) {
     CardState state;
     std::string error;
-    if (load_state(place.state, place.description, state, error) != 0) throw CardError(error);
+    if (load_state(directory, place.description, state, error) != 0) throw CardError(error);
     return state;
 }
 
 /// Programmed versions become the running ones. Returns the number of the new boot.
-uint32_t reload_card(const CardPlace &place) {
-    const StateLock lock(place.state);
-    CardState state = card_state(place);
+uint32_t reload_card(const CardPlace &place, const StateDirectory &directory) {
+    const StateLock lock(directory);
+    CardState state = card_state(place, directory);
     reload(state);
     std::string error;
-    if (save_state(place.state, state, error) != 0) throw std::runtime_error(error);
+    if (save_state(directory, state, error) != 0) throw std::runtime_error(error);
     return state.boot;
 }
 
 /// The number of the boot that comes now. A card that has not booted since it was made starts as it is described.
-uint32_t begin_first_boot(const CardPlace &place, const CardInUse &use) {
-    const uint32_t boot = card_state(place).boot;
-    const bool booted = use.last_boot() == boot || fs::exists(reset_request(place.state));
-    return booted ? reload_card(place) : boot;
-}
-
-std::uintmax_t loud_ends(const CardPlace &place) {
-    std::error_code none_yet;
-    const std::uintmax_t size = fs::file_size(abort_log(place.state), none_yet);
-    return none_yet ? 0 : size;
-}
-
-std::string text_behind(const fs::path &path, std::uintmax_t position) {
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(position));
-    std::string line;
-    std::getline(file, line);
-    return line;
+uint32_t begin_first_boot(const CardPlace &place, const StateDirectory &state, const CardInUse &use) {
+    const uint32_t boot = card_state(place, state).boot;
+    const bool booted = use.last_boot() == boot || state.has(reset_request);
+    return booted ? reload_card(place, state) : boot;
 }
 
 bool ended_by_signal(int status) {
@@ -225,13 +263,13 @@ bool ended_by_signal(int status) {
 }
 
 void tell(uint32_t boot, const std::string &text) {
-    std::printf("boot %u: %s\n", boot, text.c_str());
+    std::printf("boot %u: %s\n", boot, printable(text).c_str());
     std::fflush(stdout);
 }
 
 void complain(uint32_t boot, const std::string &text) {
     std::fflush(stdout);
-    std::fprintf(stderr, "cardsim: boot %u: %s\n", boot, text.c_str());
+    std::fprintf(stderr, "cardsim: boot %u: %s\n", boot, printable(text).c_str());
 }
 
 void tell_command_end(uint32_t boot, const BootEnd &end, Clock::duration duration) {
@@ -244,38 +282,33 @@ void tell_command_end(uint32_t boot, const BootEnd &end, Clock::duration duratio
     }
 }
 
-void record_watchdog(const CardPlace &place) {
-    std::ofstream log(scripts_log(place.state), std::ios::app);
-    log << "watchdog expired\n";
-}
-
 /// Runs the start-up command to its end, whatever that is.
-BootEnd boot_once(const CardPlace &place, uint32_t speed, uint32_t boot) {
-    forget_last_boot(place);
+BootEnd boot_once(const CardPlace &place, const StateDirectory &state, const Power &power, uint32_t boot) {
+    forget_last_boot(state);
     const Clock::time_point begun = Clock::now();
-    Sandbox card = power_up(place, [&] {
+    Sandbox card = power_up(place, state, power, [&] {
         read_nothing();
-        return run_on_card(place, speed, {"/bin/sh", "-c", place.description.startup});
+        return run_on_card(place, power, {"/bin/sh", "-c", place.description.startup});
     });
-    const BootEnd end = watch_boot(card, place, speed);
+    const BootEnd end = watch_boot(card, place.description, state, power.speed);
     tell_command_end(boot, end, Clock::now() - begun);
     return end;
 }
 
 /// What follows from the end of a boot: an exit status, or nothing when the card reloads.
-std::optional<int> judge(const CardPlace &place, uint32_t boot, const BootEnd &end, std::uintmax_t loud_before) {
+std::optional<int> judge(const StateDirectory &state, uint32_t boot, const BootEnd &end, std::uintmax_t loud_before) {
     if (end.why == BootEnd::Why::Interrupted) return 128 + caught_signal;
-    if (loud_ends(place) != loud_before) {
-        complain(boot, "ended loudly: " + text_behind(abort_log(place.state), loud_before));
+    if (state.size(abort_log) != loud_before) {
+        complain(boot, "ended loudly: " + state.line(abort_log, loud_before));
         return boot_loud_end;
     }
     if (end.why == BootEnd::Why::WatchdogExpired) {
-        record_watchdog(place);
+        state.append(scripts_log, "watchdog expired\n");
         complain(boot, "the watchdog was not punched in time");
         return std::nullopt;
     }
-    if (fs::exists(reset_request(place.state))) {
-        tell(boot, "reload requested: " + text_behind(reset_request(place.state), 0));
+    if (state.has(reset_request)) {
+        tell(boot, "reload requested: " + state.line(reset_request, 0));
         return std::nullopt;
     }
     if (ended_by_signal(end.status)) {
@@ -306,30 +339,34 @@ class TerminalKept {
 
 }  // namespace
 
-int boot_card(const CardPlace &place, uint32_t speed, uint32_t max_boots) {
+int boot_card(const CardPlace &place, const Power &power, uint32_t max_boots) {
     catch_ending_signals();
-    power_on(place, speed);
-    const CardInUse use(place, CardInUse::For::Boot);
-    uint32_t boot = begin_first_boot(place, use);
+    make_missing_state(place, power.speed);
+    const StateDirectory state(place.state);
+    const CardInUse use(state, CardInUse::For::Boot);
+    bring_up_to_date(place, state, power.speed);
+    uint32_t boot = begin_first_boot(place, state, use);
     for (uint32_t count = 1;; ++count) {
         use.set_last_boot(boot);
         tell(boot, (count == 1 ? "power on: " : "reload: ") + place.description.startup);
-        const std::uintmax_t loud_before = loud_ends(place);
-        const BootEnd end = boot_once(place, speed, boot);
-        if (const std::optional<int> status = judge(place, boot, end, loud_before)) return *status;
+        const std::uintmax_t loud_before = state.size(abort_log);
+        const BootEnd end = boot_once(place, state, power, boot);
+        if (const std::optional<int> status = judge(state, boot, end, loud_before)) return *status;
         if (count == max_boots) break;
-        boot = reload_card(place);
+        boot = reload_card(place, state);
     }
     std::fprintf(stderr, "cardsim: gave up: the card did not come up in %u boots\n", max_boots);
     return boot_limit_reached;
 }
 
-int exec_on_card(const CardPlace &place, uint32_t speed, const std::vector<std::string> &command) {
+int exec_on_card(const CardPlace &place, const Power &power, const std::vector<std::string> &command) {
     catch_ending_signals();
-    power_on(place, speed);
-    const CardInUse use(place, CardInUse::For::Command);
+    make_missing_state(place, power.speed);
+    const StateDirectory state(place.state);
+    const CardInUse use(state, CardInUse::For::Command);
+    bring_up_to_date(place, state, power.speed);
     const TerminalKept terminal;
-    Sandbox card = power_up(place, [&] { return run_on_card(place, speed, command); });
+    Sandbox card = power_up(place, state, power, [&] { return run_on_card(place, power, command); });
     while (true) {
         if (const std::optional<int> status = card.wait_for(milliseconds(100))) return *status;
         forward_caught_signal(card);

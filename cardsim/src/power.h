@@ -22,16 +22,23 @@ struct PowerError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// How a card is powered.
+struct Power {
+    uint32_t speed = 1;                    ///< divides the times of the card
+    std::vector<std::string> environment;  ///< variables for the card: "NAME=VALUE", or "NAME" for the caller's value
+    bool host_network = false;             ///< see SandboxLayout
+};
+
 /// Powers the card on and boots it, again for every reload, at most `max_boots` times. A card that was booted before is
 /// reloaded first. Tells on stdout what happens, on stderr what went wrong; the start-up command's output goes there as
-/// well. Its times are divided by `speed`, 1 or more. Throws CardError, PowerError, or std::exception when the system
+/// well. Throws CardError, PowerError, or std::exception when the system
 /// refuses something.
-int boot_card(const CardPlace &place, uint32_t speed, uint32_t max_boots);
+int boot_card(const CardPlace &place, const Power &power, uint32_t max_boots);
 
 /// Runs a command, found as execvp finds it, on the powered card; no boot is counted and no reload follows. The
 /// command's exit status, 128 + n when signal n killed it, 126 or 127 when it cannot be run or found. Throws as
 /// boot_card.
-int exec_on_card(const CardPlace &place, uint32_t speed, const std::vector<std::string> &command);
+int exec_on_card(const CardPlace &place, const Power &power, const std::vector<std::string> &command);
 
 }  // namespace cardsim
 

@@ -7,6 +7,10 @@
 namespace cardsim {
 namespace {
 
+std::string in_state(const char *name) {
+    return std::string(state_path_inside) + "/" + name;
+}
+
 /// Leaves the call in `$line` and in scripts.log, with a single write so that calls at the same time stay lines.
 std::string recording(const std::string &path_inside) {
     return "#!/bin/sh\n"
@@ -23,7 +27,7 @@ std::string recording(const std::string &path_inside) {
            "    line=\"$line '$quoted$argument'\"\n"
            "done\n"
            "printf '%s\\n' \"$line\" >>" +
-           scripts_log(state_path_inside).string() + "\n";
+           in_state(scripts_log) + "\n";
 }
 
 std::string exit_with(int status) {
@@ -37,14 +41,14 @@ std::string event_script(const CardDescription &card) {
 /// A script that fails has not done what it is for.
 std::string watchdog_script(const CardDescription &card) {
     std::string text = recording("/usr/local/etc/punch-watchdog-once.sh");
-    if (card.scripts.watchdog == 0) text += "printf . >>" + watchdog_punches(state_path_inside).string() + "\n";
+    if (card.scripts.watchdog == 0) text += "printf . >>" + in_state(watchdog_punches) + "\n";
     return text + exit_with(card.scripts.watchdog);
 }
 
 std::string reset_script(const CardDescription &card) {
     std::string text = recording("/usr/local/etc/reset_board.sh");
     if (card.scripts.reset == 0) {
-        text += "printf '%s\\n' \"$line\" >>" + reset_request(state_path_inside).string() + "\n";
+        text += "printf '%s\\n' \"$line\" >>" + in_state(reset_request) + "\n";
     }
     return text + exit_with(card.scripts.reset);
 }

@@ -24,17 +24,11 @@ struct Script {
 ///
 /// One line a call: the script's path, then each argument in single quotes (one inside as '\''). A power-off by the
 /// watchdog adds the line "watchdog expired".
-inline std::filesystem::path scripts_log(const std::filesystem::path &state) {
-    return state / "scripts.log";
-}
+inline constexpr const char *scripts_log = "scripts.log";
 /// The lines of the reset script's calls since the last boot; the card reloads when there is one.
-inline std::filesystem::path reset_request(const std::filesystem::path &state) {
-    return state / "reset_request";
-}
+inline constexpr const char *reset_request = "reset_request";
 /// One byte for each punch of the watchdog since the last boot.
-inline std::filesystem::path watchdog_punches(const std::filesystem::path &state) {
-    return state / "watchdog_punches";
-}
+inline constexpr const char *watchdog_punches = "watchdog_punches";
 
 /// etc/ with the event, watchdog and reset scripts, bin/ with check-flash and grub-reboot. `speed` divides the time
 /// that check-flash takes.

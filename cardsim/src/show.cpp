@@ -4,6 +4,8 @@
 #include <array>
 #include <vector>
 
+#include "printable.h"
+
 namespace cardsim {
 namespace {
 
@@ -34,11 +36,11 @@ bool needs_upgrade(const RegionState &region, const ImageDescription &image) {
 
 Row region_row(const RegionDescription &region, const RegionState &state, uint32_t type) {
     const ImageDescription *image = find_image(region, type);
-    Row row = {region.name, version_text(state.running), version_text(state.programmed), "-", "no", ""};
+    Row row = {printable(region.name), version_text(state.running), version_text(state.programmed), "-", "no", ""};
     if (image == nullptr) return row;
     row[3] = version_text(image->version);
     if (needs_upgrade(state, *image)) row[4] = too_old(state, *image) ? "too old" : "yes";
-    if (!image->depends_on.empty()) row[5] = image->depends_on;
+    if (!image->depends_on.empty()) row[5] = printable(image->depends_on);
     return row;
 }
 
@@ -74,7 +76,7 @@ std::string aligned(const std::vector<Row> &rows) {
 std::string led_line(const LedDescription &led, const LedState &state) {
     constexpr std::array<const char *, 4> states = {"", "off", "steady", "blinking"};
     constexpr std::array<const char *, 6> colors = {"", "red", "green", "blue", "amber", "yellow"};
-    std::string text = "LED " + led.name + ":";
+    std::string text = "LED " + printable(led.name) + ":";
     text += " " + (state.state > 0 && state.state < states.size() ? states[state.state]
                                                                   : "state " + std::to_string(state.state));
     text += " " + (state.color > 0 && state.color < colors.size() ? colors[state.color]
@@ -85,8 +87,9 @@ std::string led_line(const LedDescription &led, const LedState &state) {
 }  // namespace
 
 std::string card_table(const CardDescription &card, const CardState &state) {
-    std::string text = card.pid + " in slot " + std::to_string(card.slot) + ", boot " + std::to_string(state.boot) +
-                       ", auto-upgrade " + (state.auto_upgrade == 1 ? "enabled" : "disabled") + ", upgrade mode " +
+    std::string text = printable(card.pid) + " in slot " + std::to_string(card.slot) + ", boot " +
+                       std::to_string(state.boot) + ", auto-upgrade " +
+                       (state.auto_upgrade == 1 ? "enabled" : "disabled") + ", upgrade mode " +
                        mode_name(state.upgrade_mode) + "\n\n" + aligned(region_rows(card, state)) + "\n";
     for (const LedDescription &led : card.leds) {
         const auto found = std::find_if(state.leds.begin(), state.leds.end(),

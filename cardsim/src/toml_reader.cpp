@@ -1,12 +1,16 @@
 #include "toml_reader.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <string_view>
 #include <utility>
+
+#include "printable.h"
 
 namespace cardsim {
 
@@ -36,38 +40,109 @@ bool is_control_character(char byte) {
     return value < 0x20 || value == 0x7f;
 }
 
+std::string read_text(int file, size_t most) {
+    struct stat status = {};
+    if (fstat(file, &status) != 0) {
+        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
+    }
+    if (!S_ISREG(status.st_mode)) {
+        const bool is_directory = S_ISDIR(status.st_mode);
+        throw TomlError{0, is_directory ? "cannot be read: Is a directory" : "cannot be read: not a plain file"};
+    }
+    std::string text;
+    char chunk[4096];
+    ssize_t count = 0;
+    while ((count = read(file, chunk, sizeof chunk)) > 0) {
+        text.append(chunk, static_cast<size_t>(count));
+        if (text.size() > most) {
+            throw TomlError{0, "larger than " + std::to_string(most) + " bytes"};
+        }
+    }
+    if (count < 0) {
+        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
+    }
+    return text;
+}
+
+/// Where the string that begins at `at` ends, as the parser sees it; behind one that it refuses it reads no further.
+size_t behind_string(std::string_view text, size_t at) {
+    const char quote = text[at];
+    const bool is_long = text.substr(at, 3) == std::string(3, quote);
+    const std::string end(is_long ? 3 : 1, quote);
+    for (at += end.size(); at < text.size(); ++at) {
+        if (quote == '"' && text[at] == '\\') {
+            ++at;
+        } else if (text.substr(at, end.size()) == end) {
+            at += end.size();
+            // Two more quotes may belong to the text of a long string.
+            for (int more = 0; is_long && more < 2 && at < text.size() && text[at] == quote; ++more) {
+                ++at;
+            }
+            return at;
+        } else if (!is_long && text[at] == '\n') {
+            return at;
+        }
+    }
+    return text.size();
+}
+
+/// Throws TomlError where tables and arrays, each dot of a key counted as one, nest deeper than anything here needs.
+void check_nesting(std::string_view text) {
+    constexpr size_t most = 32;
+    std::vector<size_t> outer;  // depths in front of the brackets that are open
+    size_t depth = 0;
+    uint32_t line = 1;
+    for (size_t at = 0; at < text.size();) {
+        const char byte = text[at];
+        if (byte == '"' || byte == '\'') {
+            const size_t end = behind_string(text, at);
+            line += static_cast<uint32_t>(std::count(&text[at], &text[0] + end, '\n'));
+            at = end;
+            continue;
+        }
+        if (byte == '#') {
+            at = std::min(text.find('\n', at), text.size());
+            continue;
+        }
+        if (byte == '.') {
+            ++depth;
+        } else if (byte == '[' || byte == '{') {
+            outer.push_back(depth++);
+        } else if ((byte == ']' || byte == '}') && !outer.empty()) {
+            depth = outer.back();
+            outer.pop_back();
+        } else if (byte == ',') {
+            depth = outer.empty() ? 0 : outer.back() + 1;
+        } else if (byte == '\n') {
+            ++line;
+            depth = outer.empty() ? 0 : depth;
+        }
+        if (depth > most) {
+            throw TomlError{line, "nested deeper than " + std::to_string(most) + " levels"};
+        }
+        ++at;
+    }
+}
+
 }  // namespace
 
 uint32_t line_of(const toml::node &node) {
     return static_cast<uint32_t>(node.source().begin.line);
 }
 
-toml::table parse_toml_file(const std::filesystem::path &file) {
-    std::error_code ignored;
-    if (std::filesystem::is_directory(file, ignored)) {
-        throw TomlError{0, std::string("cannot be read: ") + std::strerror(EISDIR)};
-    }
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream content;
-    if (stream && stream.peek() != std::ifstream::traits_type::eof()) {
-        content << stream.rdbuf();
-    }
-    if (!stream.is_open() || stream.bad()) {
-        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
-    }
+toml::table parse_toml(int file, const std::filesystem::path &path, size_t most) {
+    const std::string text = read_text(file, most);
+    check_nesting(text);
     try {
-        return toml::parse(content.str(), file.string());
+        return toml::parse(text, path.string());
     } catch (const toml::parse_error &error) {
         throw TomlError{static_cast<uint32_t>(error.source().begin.line), std::string(error.description())};
     }
 }
 
 std::string error_text(const std::filesystem::path &file, const TomlError &error) {
-    std::string text = file.string() + ":" + (error.line == 0 ? "" : std::to_string(error.line) + ":") + " ";
-    text += error.reason;
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return text;
+    return printable(file.string() + ":" + (error.line == 0 ? "" : std::to_string(error.line) + ":") + " " +
+                     error.reason);
 }
 
 TableReader::TableReader(const toml::table &table, std::string where) : table_(table), where_(std::move(where)) {}

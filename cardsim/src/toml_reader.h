@@ -4,6 +4,7 @@
 
 #include <toml++/toml.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -22,10 +23,11 @@ struct TomlError {
 /// The line a node starts in.
 uint32_t line_of(const toml::node &node);
 
-/// Parses a file; throws TomlError.
-toml::table parse_toml_file(const std::filesystem::path &file);
+/// Parses an open file of at most `most` bytes, which is `path` in reasons; throws TomlError. Refuses what is no plain
+/// file and what nests deeper than any card does: the parser would run out of stack.
+toml::table parse_toml(int file, const std::filesystem::path &path, size_t most);
 
-/// "FILE:LINE: reason" on one line.
+/// "FILE:LINE: reason", printable.
 std::string error_text(const std::filesystem::path &file, const TomlError &error);
 
 /// Reads one table key by key. The table must outlive the reader. Every reading function throws TomlError when the key

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -402,6 +403,223 @@ TEST_F(CommandTest, WhereNamespacesAreForbiddenOneLineSaysSoAndNothingIsWritten)
     EXPECT_THAT(read_file(root_ / "err"), AllOf(StartsWith("cardsim: no sandbox: "), HasSubstr("max_user_namespaces")));
     EXPECT_EQ(count_of(read_file(root_ / "err"), "\n"), 1U);
     EXPECT_THAT(names_in(card_), ElementsAre("card.toml"));
+}
+
+// ---- what a stranger may have made
+
+struct Surprise {
+    const char *what;
+    const char *where;  ///< in the state directory
+    void (*make)(const fs::path &name, const fs::path &victim);
+};
+
+class StrangersStateTest : public CommandTest, public testing::WithParamInterface<Surprise> {};
+
+TEST_P(StrangersStateTest, IsRefusedAndWritesNothingOutside) {
+    describe("echo line >>/var/log/fpd.log", "[watchdog]\ntimeout = 60.0\n");
+    ASSERT_EQ(boot().status, 0);
+    write_file(root_ / "victim", "precious");
+    const fs::path place = state_ / GetParam().where;
+    fs::remove_all(place);
+    GetParam().make(place, root_ / "victim");
+    for (const Result &result : {boot(), exec("echo line >>/var/log/fpd.log")}) {
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.err, AllOf(StartsWith(place.string() + ": "), HasSubstr("a ")));
+        EXPECT_EQ(count_of(result.err, "\n"), 1U) << result.err;
+        EXPECT_THAT(result.out, IsEmpty());
+    }
+    EXPECT_EQ(read_file(root_ / "victim"), "precious");
+}
+
+constexpr auto a_link = [](const fs::path &name, const fs::path &victim) { fs::create_symlink(victim, name); };
+constexpr auto a_link_to_a_directory = [](const fs::path &name, const fs::path &victim) {
+    fs::create_directory_symlink(victim.parent_path(), name);
+};
+constexpr auto another_name = [](const fs::path &name, const fs::path &victim) { fs::create_hard_link(victim, name); };
+constexpr auto a_fifo = [](const fs::path &name, const fs::path &) { ASSERT_EQ(mkfifo(name.c_str(), 0600), 0); };
+
+INSTANTIATE_TEST_SUITE_P(
+    , StrangersStateTest,
+    testing::Values(Surprise{"state", "state.toml", a_link}, Surprise{"state_fifo", "state.toml", a_fifo},
+                    Surprise{"new_state", ".state.toml.new", a_link}, Surprise{"calls", "calls.log", a_link},
+                    Surprise{"scripts", "scripts.log", a_link}, Surprise{"scripts_fifo", "scripts.log", a_fifo},
+                    Surprise{"aborts", "abort.log", another_name}, Surprise{"keys", "kd_bootstrap", a_link},
+                    Surprise{"new_keys", ".kd_bootstrap.new", a_link}, Surprise{"power", "power", a_link},
+                    Surprise{"power_fifo", "power", a_fifo}, Surprise{"power_name", "power", another_name},
+                    Surprise{"reset", "reset_request", a_link}, Surprise{"punches", "watchdog_punches", a_link},
+                    Surprise{"log", "log", a_link_to_a_directory}, Surprise{"flash", "flash", a_link_to_a_directory},
+                    Surprise{"scratch", "scratch", a_link_to_a_directory},
+                    Surprise{"packages", "pkg", a_link_to_a_directory}, Surprise{"etc", "etc", a_link_to_a_directory},
+                    Surprise{"bin", "bin", a_link_to_a_directory}, Surprise{"image", "pkg/io.img", a_link},
+                    Surprise{"new_image", "pkg/.io.img.new", a_link}, Surprise{"script", "etc/reset_board.sh", a_link},
+                    Surprise{"log_of_the_tool", "log/fpd.log", a_link}),
+    [](const testing::TestParamInfo<Surprise> &surprise) { return surprise.param.what; });
+
+TEST_F(CommandTest, AStateThatIsALinkIsRefusedUnlessItIsNamed) {
+    describe("true");
+    fs::create_directory(root_ / "elsewhere");
+    fs::create_directory_symlink(root_ / "elsewhere", state_);
+    EXPECT_EQ(boot().status, 2);
+    EXPECT_THAT(names_in(root_ / "elsewhere"), IsEmpty());
+    EXPECT_EQ(boot({"--state", state_.string()}).status, 0);
+}
+
+TEST_F(CommandTest, ACardThatIsALinkIsTheCardItself) {
+    describe("true");
+    fs::create_directory_symlink(card_, root_ / "link");
+    EXPECT_EQ(run({"boot", (root_ / "link").string()}).status, 0);
+    EXPECT_TRUE(fs::exists(state_ / "state.toml"));
+}
+
+TEST_F(CommandTest, AnUnfinishedStateOfAStrangerIsNotFollowed) {
+    describe("true");
+    fs::create_directory(root_ / "elsewhere");
+    write_file(root_ / "elsewhere/letter", "dear");
+    fs::create_directory_symlink(root_ / "elsewhere", card_ / ".state.new");
+    EXPECT_EQ(boot().status, 2);
+    EXPECT_THAT(names_in(root_ / "elsewhere"), ElementsAre("letter"));
+}
+
+TEST_F(CommandTest, NoLinkIsFollowedThatTheCardMakesWhileItRuns) {
+    write_file(root_ / "victim", "precious");
+    const std::string victim = (root_ / "victim").string();
+    describe("cd $CARDSIM_STATE; rm -f scripts.log; ln -s " + victim + " scripts.log; sleep 60",
+             "[watchdog]\ntimeout = 0.3\n");
+    EXPECT_EQ(boot().status, 2);
+    EXPECT_EQ(read_file(victim), "precious");
+    fs::remove_all(state_);
+    describe("/usr/local/etc/reset_board.sh; cd $CARDSIM_STATE; rm state.toml; ln -s " + victim + " state.toml");
+    EXPECT_EQ(boot().status, 2);
+    EXPECT_EQ(read_file(victim), "precious");
+}
+
+TEST_F(CommandTest, TheStateStaysTheSameWhateverTheCardPutsInItsPlace) {
+    fs::create_directory(root_ / "elsewhere");
+    describe("test -e /misc/scratch/once && exit; touch /misc/scratch/once; cd " + card_.string() +
+             "; mv state moved; " + "ln -s " + (root_ / "elsewhere").string() +
+             " state; /usr/local/etc/reset_board.sh");
+    EXPECT_EQ(boot().status, 0);
+    EXPECT_THAT(names_in(root_ / "elsewhere"), IsEmpty());
+    EXPECT_THAT(read_file(card_ / "moved/state.toml"), HasSubstr("boot = 2"));
+}
+
+TEST_F(CommandTest, ADescriptionThatNobodyWritesIsNotWaitedFor) {
+    ASSERT_EQ(mkfifo((card_ / "card.toml").c_str(), 0600), 0);
+    EXPECT_EQ(boot().status, 2);
+    EXPECT_THAT(read_file(root_ / "err"), HasSubstr("not a plain file"));
+}
+
+TEST_F(CommandTest, NothingOnTheTerminalIsObeyed) {
+    const fs::path odd = card_ / "\x1b[31m.toml";
+    write_file(odd, card_text("true", "\"\\u001b]0;mine\\u0007\" = 1\n"));
+    EXPECT_EQ(run({"show", odd.string()}).err,
+              (card_ / "\\x1b[31m.toml:8: [card]: unknown key '\\x1b]0;mine\\x07'\n").string());
+    write_file(card_ / "card.toml", card_text("printf '\\033[2J' >/dev/null") +
+                                        "depends_on = \"\xc2\x9b"
+                                        "1m\"\n");
+    EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("\\xc2\\x9b1m"));
+    std::string startup = card_text("true");
+    startup.replace(startup.find("'''true'''"), 10, "\"true # \\u001b[2J\\n\\t:\"");
+    write_file(card_ / "card.toml", startup);
+    EXPECT_THAT(boot().out, HasSubstr(": true # \\x1b[2J\\n\\t:\n"));
+    describe("printf 'cardsim: \\033[2J\\n' >>$CARDSIM_STATE/abort.log");
+    EXPECT_THAT(boot().err, HasSubstr("ended loudly: cardsim: \\x1b[2J\n"));
+    describe("/usr/local/etc/reset_board.sh $(printf '\\033[2J')");
+    EXPECT_THAT(boot({"--max-boots", "1"}).out, HasSubstr("requested: /usr/local/etc/reset_board.sh '\\x1b[2J'\n"));
+    fs::create_symlink("x", state_ / "log" / "\x1b[2J");
+    EXPECT_THAT(boot().err, StartsWith((state_ / "log/\\x1b[2J: ").string()));
+}
+
+// ---- what a killed command leaves
+
+TEST_F(CommandTest, WhatAKilledCommandLeftGoesAtTheNextPowerOn) {
+    describe("true");
+    fs::create_directories(card_ / ".state.new/pkg");
+    write_file(card_ / ".state.new/pkg/.io.img.new", "half");
+    write_file(card_ / ".state.new/letter", "");
+    ASSERT_EQ(exec("true").status, 0);
+    EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "state"));
+    const std::vector<std::string> whole = names_in(state_);
+    for (const char *how : {"boot", "exec"}) {
+        for (const char *name :
+             {".state.toml.new", ".kd_bootstrap.new", "pkg/.io.img.new", "etc/.reset_board.sh.new"}) {
+            write_file(state_ / name, "half");
+        }
+        EXPECT_EQ((how == std::string("boot") ? boot() : exec("true")).status, 0);
+        EXPECT_EQ(names_in(state_), whole) << how;
+        EXPECT_THAT(names_in(state_ / "pkg"), ElementsAre("io.img"));
+        EXPECT_THAT(names_in(state_ / "etc"), testing::SizeIs(3));
+    }
+}
+
+TEST_F(CommandTest, WhatAnotherCommandIsWritingStays) {
+    describe("true");
+    const pid_t first =
+        start({"exec", card_.string(), "--", "sh", "-c",
+               "touch $CARDSIM_STATE/.state.toml.new /misc/scratch/ready; "
+               "while ! test -e /misc/scratch/go; do sleep 0.02; done; rm $CARDSIM_STATE/.state.toml.new"});
+    ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
+    EXPECT_EQ(std::system((std::string(CARDSIM_COMMAND) + " exec " + card_.string() + " -- true").c_str()), 0);
+    EXPECT_TRUE(fs::exists(state_ / ".state.toml.new"));
+    write_file(state_ / "scratch/go", "");
+    EXPECT_EQ(end_of(first).status, 0);
+}
+
+TEST_F(CommandTest, ACommandKilledAtAnyMomentLeavesNothingInTheWay) {
+    describe("true");
+    for (int moment = 0; moment < 25; ++moment) {
+        const pid_t command = start({"exec", card_.string(), "--", "true"});
+        usleep(static_cast<useconds_t>(moment) * 800);
+        kill(command, SIGKILL);
+        waitpid(command, nullptr, 0);
+        if (moment % 3 != 0) continue;
+        for (int attempt = 0; attempt < 500 && exec("true").status == 2; ++attempt) usleep(10'000);
+        EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "state"));
+        fs::remove_all(state_);
+    }
+}
+
+TEST_F(CommandTest, CommandsThatStartAtTheSameTimeAreNotInEachOthersWay) {
+    describe("true");
+    ASSERT_EQ(exec("true").status, 0);
+    std::vector<pid_t> commands;
+    for (int command = 0; command < 6; ++command) commands.push_back(start({"exec", card_.string(), "--", "true"}));
+    for (const pid_t command : commands) EXPECT_EQ(end_of(command).status, 0) << read_file(root_ / "err");
+}
+
+// ---- what the card has of the caller
+
+TEST_F(CommandTest, TheEnvironmentIsTheCards) {
+    describe("env");
+    setenv("CARDSIM_TEST_SECRET", "secret", 1);
+    setenv("LD_LIBRARY_PATH", "/nowhere", 1);
+    setenv("TZ", "XYZ-3:30", 1);
+    setenv("LSAN_OPTIONS", "exitcode=7", 1);
+    const Result plain = exec("env");
+    EXPECT_THAT(lines_of(plain.out), testing::IsSupersetOf({"HOME=/", "TZ=XYZ-3:30", "LSAN_OPTIONS=exitcode=7"}));
+    EXPECT_THAT(plain.out, AllOf(Not(HasSubstr("SECRET")), Not(HasSubstr("LD_LIBRARY_PATH"))));
+    EXPECT_THAT(boot({"--env", "CARDSIM_TEST_SECRET", "--env", "OTHER=a=b", "--env", "EMPTY=", "--env", "HOME=/tmp",
+                      "--env", "CARDSIM_TEST_UNKNOWN"})
+                    .out,
+                AllOf(HasSubstr("\nCARDSIM_TEST_SECRET=secret\n"), HasSubstr("\nOTHER=a=b\n"), HasSubstr("\nEMPTY=\n"),
+                      HasSubstr("\nHOME=/tmp\n"), Not(HasSubstr("UNKNOWN"))));
+    for (const char *name : {"CARDSIM_TEST_SECRET", "LD_LIBRARY_PATH", "TZ", "LSAN_OPTIONS"}) unsetenv(name);
+    EXPECT_GE(boot({"--env", "=x"}).status, 100);
+}
+
+TEST_F(CommandTest, NoOpenFileOfTheCallerReachesTheCard) {
+    describe("true");
+    const int root = open("/", O_RDONLY | O_DIRECTORY);  // inherited by what is started now
+    const Result result = exec("test -d /proc/self/fd/" + std::to_string(root));
+    close(root);
+    EXPECT_EQ(result.status, 1);
+}
+
+TEST_F(CommandTest, TheHostsNetworkIsThereWhenItIsAskedFor) {
+    describe("true");
+    const std::string host = fs::read_symlink("/proc/self/ns/net").string() + "\n";
+    EXPECT_NE(exec("readlink /proc/self/ns/net").out, host);
+    EXPECT_EQ(run({"exec", card_.string(), "--network", "--", "readlink", "/proc/self/ns/net"}).out, host);
 }
 
 // ---- exec

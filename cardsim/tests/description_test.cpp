@@ -1,5 +1,7 @@
 #include "card_description.h"
 
+#include <sys/stat.h>
+
 #include <sstream>
 
 #include "library_test_support.h"
@@ -464,6 +466,61 @@ TEST_F(DescriptionTest, RefusesWhatIsNoToml) {
     EXPECT_NE(load(card_table + "this is no TOML\n"), 0);
     EXPECT_THAT(error, ::testing::StartsWith(file.string() + ":7: "));
     EXPECT_EQ(error.find('\n'), std::string::npos);
+}
+
+std::string repeated(const std::string &text, int count) {
+    std::string result;
+    for (int time = 0; time < count; ++time) result += text;
+    return result;
+}
+
+TEST_F(DescriptionTest, RefusesWhatNestsTooDeepForTheParser) {
+    const std::string deep = "a" + repeated(".a", 40000);
+    for (const std::string &toml : {
+             deep + " = 1\n",
+             "[" + deep + "]\n",
+             "[[a" + repeated(" . 'a'", 40000) + "]]\n",
+             "a = " + repeated("[", 40000) + repeated("]", 40000) + "\n",
+             "a = " + repeated("{a=", 40000) + "1" + repeated("}", 40000) + "\n",
+             "a = [\n" + repeated("{a.a.a.a=[\n", 40000),
+             // Behind a text that ends where it does not seem to.
+             "a = [\"\"\"b\"\"\"\"\", {" + deep + " = \"\"}]\n",
+             "a = [\"\\\"\", {" + deep + " = 1}]\n",
+             "a = ['\\', {" + deep + " = 1}]\n",
+             "a = ['''\n'''', {" + deep + " = 1}]\n",
+         }) {
+        EXPECT_NE(load("# the first line\n" + toml), 0);
+        EXPECT_THAT(error, ::testing::MatchesRegex(".*card.toml:[0-9]+: nested deeper than 32 levels"));
+    }
+}
+
+TEST_F(DescriptionTest, TextsAndNeighboursDoNotNest) {
+    const std::string dots = repeated(".[{", 100);
+    EXPECT_EQ(load("# " + dots + "\n" + card_table + "startup = \"\"\"\n" + dots + "\\\"\"\"\"\n" + "bootstrap = '''" +
+                   dots + "'''\n[[led]]\nid = 1\nname = \"" + dots.substr(0, 90) + "\\\\\"\n[[led]]\nid = 2\nname = '" +
+                   dots.substr(0, 90) + "'\n"),
+              0)
+        << error;
+    std::string regions;
+    for (int region = 0; region < 100; ++region) {
+        regions += "{name = 'R" + std::to_string(region) + "', running = '1.0.0', duration = 1.5},\n";
+    }
+    EXPECT_EQ(load("fpd = [{id = 1, region = [\n" + regions + "]}]\n" + card_table), 0) << error;
+}
+
+TEST_F(DescriptionTest, RefusesAFileThatIsTooLargeOrNoPlainOne) {
+    EXPECT_EQ(load(card_table + repeated("#", 1 << 19)), 0) << error;
+    EXPECT_NE(load(card_table + repeated("#", 1 << 20)), 0);
+    EXPECT_EQ(error, file.string() + ": larger than 1048576 bytes");
+    std::filesystem::remove(file);
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+    EXPECT_NE(load_card_description(file, card, error), 0);
+    EXPECT_EQ(error, file.string() + ": cannot be read: not a plain file");
+}
+
+TEST_F(DescriptionTest, ReasonsArePrintable) {
+    EXPECT_NE(load(card_table + "\"\\u001b]0;mine\\u0007\\n\" = 1\n"), 0);
+    EXPECT_EQ(error, file.string() + ":7: [card]: unknown key '\\x1b]0;mine\\x07\\n'");
 }
 
 TEST_F(DescriptionTest, RefusesTooManyRegions) {

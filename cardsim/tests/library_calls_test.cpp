@@ -142,7 +142,7 @@ TEST_F(LibraryTest, SeesWhatAnotherProcessStored) {
     CardState state = saved_state();
     state.auto_upgrade = 0;
     std::string error;
-    ASSERT_EQ(save_state(state_directory(), state, error), 0) << error;
+    ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(&value, nullptr, 0), 0);
     EXPECT_EQ(value, 0);
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_set_upgrade_mode(1, nullptr, 0), 0);
@@ -342,7 +342,7 @@ TEST_F(LibraryTest, RecordsEveryCall) {
 }
 
 TEST_F(LibraryTest, AddsToTheRecordOfEarlierRuns) {
-    write_file(calls_log(state_directory()), "an earlier call -> 0\n");
+    write_file(state_directory() / calls_log, "an earlier call -> 0\n");
     EXPECT_EQ(library().brd_sb_attribute_flag_set(2), 0);
     EXPECT_THAT(recorded(), ElementsAre("an earlier call -> 0", "brd_sb_attribute_flag_set value=2 -> 0"));
 }
@@ -439,7 +439,7 @@ TEST_F(LibraryTest, AnyCallMayBeMadeToFail) {
     EXPECT_TRUE(reports.percents.empty());
     EXPECT_STREQ(result.image, "");
     EXPECT_FALSE(std::filesystem::exists(state_directory() / "ran"));
-    EXPECT_FALSE(std::filesystem::exists(state_file(state_directory())));
+    EXPECT_FALSE(std::filesystem::exists(state_directory() / state_file));
     EXPECT_THAT(recorded(), ::testing::Contains("brd_led_state_and_color_set group=7 obj=3 state=1 color=1 -> -91"));
 }
 
@@ -472,7 +472,7 @@ TEST_F(LibraryTest, TheNextBootHasFaultsOfItsOwn) {
     CardState state = saved_state();
     reload(state);
     std::string error;
-    ASSERT_EQ(save_state(state_directory(), state, error), 0) << error;
+    ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
     EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 6);
 }
 
@@ -506,9 +506,9 @@ TEST_F(LibraryTest, LoudWithABrokenCard) {
 }
 
 TEST_F(LibraryTest, LoudWithABrokenState) {
-    write_file(state_file(state_directory()), "boot = 1\n");
+    write_file(state_directory() / state_file, "boot = 1\n");
     expect_loud([&] { library().brd_sb_attribute_flag_set(1); },
-                state_file(state_directory()).string() + ":1: the state needs the key 'auto_upgrade'");
+                (state_directory() / state_file).string() + ":1: the state needs the key 'auto_upgrade'");
 }
 
 TEST_F(LibraryTest, LoudWithASpeedThatIsNone) {
@@ -521,11 +521,11 @@ TEST_F(LibraryTest, LoudWithASpeedThatIsNone) {
 
 TEST_F(LibraryTest, LoudWhenTheRecordCannotBeWritten) {
     // Long enough that the limit below strikes the record alone.
-    write_file(calls_log(state_directory()), std::string(100000, '\n'));
+    write_file(state_directory() / calls_log, std::string(100000, '\n'));
     EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 0);
     const auto call_on_a_full_disk = [&] {
         // A part of the line still finds room.
-        const rlimit full = {std::filesystem::file_size(calls_log(state_directory())) + 3, RLIM_INFINITY};
+        const rlimit full = {std::filesystem::file_size(state_directory() / calls_log) + 3, RLIM_INFINITY};
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &full);
         library().brd_sb_attribute_flag_set(1);

@@ -70,7 +70,7 @@ TestDirectory::TestDirectory() {
     if (mkdtemp(name.data()) == nullptr) {
         throw std::runtime_error(std::strerror(errno));
     }
-    path = name;
+    path = std::filesystem::canonical(name);
 }
 
 TestDirectory::~TestDirectory() {
@@ -183,12 +183,12 @@ CardDescription LibraryTest::described() const {
 CardState LibraryTest::saved_state() const {
     CardState state;
     std::string error;
-    EXPECT_EQ(load_state(state_directory(), described(), state, error), 0) << error;
+    EXPECT_EQ(load_state(StateDirectory(state_directory()), described(), state, error), 0) << error;
     return state;
 }
 
 std::vector<std::string> LibraryTest::recorded() const {
-    std::istringstream log(read_file(calls_log(state_directory())));
+    std::istringstream log(read_file(state_directory() / calls_log));
     std::vector<std::string> lines;
     for (std::string line; std::getline(log, line);) {
         lines.push_back(line);
@@ -198,9 +198,9 @@ std::vector<std::string> LibraryTest::recorded() const {
 
 void LibraryTest::expect_loud(const std::function<void()> &call, const std::string &line) {
     library();
-    std::filesystem::remove(abort_log(state_directory()));
+    std::filesystem::remove(state_directory() / abort_log);
     EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGABRT), ::testing::HasSubstr("cardsim: " + line + "\n"));
-    EXPECT_EQ(read_file(abort_log(state_directory())), "cardsim: " + line + "\n");
+    EXPECT_EQ(read_file(state_directory() / abort_log), "cardsim: " + line + "\n");
 }
 
 FruHwData LibraryTest::identity() const {

@@ -98,7 +98,7 @@ class LibraryTest : public ::testing::Test {
     CardDescription described() const;
     CardState saved_state() const;
     std::filesystem::path state_directory() const { return directory_.path / "state"; }
-    std::filesystem::path package() const { return package_directory(state_directory()); }
+    std::filesystem::path package() const { return state_directory() / package_directory; }
     std::vector<std::string> recorded() const;
 
     /// The call ends the process with this line on standard error and in the card's abort.log.

@@ -79,7 +79,7 @@ class UpgradeTest : public LibraryTest {
         CardState state = saved_state();
         reload(state);
         std::string error;
-        ASSERT_EQ(save_state(state_directory(), state, error), 0) << error;
+        ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
     }
 
     Reports reports;
@@ -110,7 +110,7 @@ TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 0\n"
             "activation = " +
             std::to_string(kind) + "\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3\"\nfile = \"io.img\"\n";
-        std::filesystem::remove(state_file(state_directory()));
+        std::filesystem::remove(state_directory() / state_file);
         describe(card_table + region);
         Library fresh(place.path / "libcardsim.so");
         FruHwData data = identity();

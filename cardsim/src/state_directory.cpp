@@ -1,0 +1,192 @@
+#include "state_directory.h"
+
+#include <fcntl.h>
+#include <fts.h>
+#include <linux/openat2.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+namespace fs = std::filesystem;
+
+namespace cardsim {
+namespace {
+
+constexpr const char *no_plain_file = "neither a plain file nor a directory";
+
+[[noreturn]] void fail(const fs::path &path, int error_number) {
+    switch (error_number) {
+        case ELOOP:
+            throw CardError(path.string() + ": a symbolic link, which a card's state must not have");
+        case ENXIO:
+        case EOPNOTSUPP:
+            throw CardError(path.string() + ": " + no_plain_file);
+        case ENOTDIR:
+        case EISDIR:
+        case EEXIST:
+            throw CardError(path.string() + ": " + std::strerror(error_number));
+        default:
+            throw std::runtime_error(path.string() + ": " + std::strerror(error_number));
+    }
+}
+
+/// Returns a descriptor, or -1 with errno set.
+int open_without_links(int directory, const fs::path &path, int flags, uint64_t resolve) {
+    open_how how = {};
+    how.flags = static_cast<uint64_t>(flags) | O_CLOEXEC;
+    how.mode = (flags & O_CREAT) != 0 ? 0644 : 0;
+    how.resolve = resolve | RESOLVE_NO_SYMLINKS;
+    const std::string name = path.empty() ? "." : path.string();
+    int file = -1;
+    // EAGAIN: somebody renamed something on the way.
+    do {
+        file = static_cast<int>(syscall(SYS_openat2, directory, name.c_str(), &how, sizeof how));
+    } while (file < 0 && (errno == EINTR || errno == EAGAIN));
+    return file;
+}
+
+/// Why this must not be in a card's state; null: it may.
+const char *surprise(const struct stat &status) {
+    if (S_ISLNK(status.st_mode)) return "a symbolic link, which a card's state must not have";
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return no_plain_file;
+    if (S_ISREG(status.st_mode) && status.st_nlink > 1) return "has another name elsewhere (a hard link)";
+    return nullptr;
+}
+
+/// The unfinished file that becomes this one.
+fs::path unfinished(const fs::path &name) {
+    return "." + name.filename().string() + ".new";
+}
+
+bool is_unfinished(const std::string &name) {
+    return name.starts_with('.') && name.ends_with(".new");
+}
+
+}  // namespace
+
+StateDirectory::StateDirectory(const fs::path &path)
+    : path_(path), directory_(open_without_links(AT_FDCWD, path, O_RDONLY | O_DIRECTORY, 0)) {
+    if (directory_.handle < 0) fail(path, errno);
+}
+
+int StateDirectory::try_open(const fs::path &name, int flags) const {
+    return open_without_links(directory_.handle, name, flags, RESOLVE_BENEATH);
+}
+
+std::optional<struct stat> StateDirectory::status(const fs::path &name) const {
+    const FileOwner file(try_open(name, O_PATH | O_NOFOLLOW));
+    if (file.handle < 0 && errno == ENOENT) return std::nullopt;
+    struct stat found = {};
+    if (file.handle < 0 || fstat(file.handle, &found) != 0) fail(path_ / name, errno);
+    if (const char *const reason = surprise(found)) throw CardError((path_ / name).string() + ": " + reason);
+    return found;
+}
+
+std::uintmax_t StateDirectory::size(const fs::path &name) const {
+    const std::optional<struct stat> found = status(name);
+    return found ? static_cast<std::uintmax_t>(found->st_size) : 0;
+}
+
+int StateDirectory::open(const fs::path &name, int flags) const {
+    FileOwner file(try_open(name, flags | O_NONBLOCK | O_NOCTTY));
+    struct stat found = {};
+    if (file.handle < 0 || fstat(file.handle, &found) != 0) fail(path_ / name, errno);
+    if (const char *const reason = surprise(found)) throw CardError((path_ / name).string() + ": " + reason);
+    if (S_ISDIR(found.st_mode) && (flags & O_DIRECTORY) == 0) fail(path_ / name, EISDIR);
+    return std::exchange(file.handle, -1);
+}
+
+std::string StateDirectory::line(const fs::path &name, std::uintmax_t position) const {
+    if (!has(name)) return {};
+    const FileOwner file(open(name, O_RDONLY));
+    std::array<char, 4096> text = {};
+    const ssize_t length = pread(file.handle, text.data(), text.size(), static_cast<off_t>(position));
+    if (length < 0) fail(path_ / name, errno);
+    const std::string_view read(text.data(), static_cast<std::size_t>(length));
+    return std::string(read.substr(0, read.find('\n')));
+}
+
+void StateDirectory::append(const fs::path &name, const std::string &text) const {
+    const FileOwner file(open(name, O_WRONLY | O_APPEND | O_CREAT));
+    write_all(file.handle, text);
+}
+
+void StateDirectory::remove(const fs::path &name) const {
+    const FileOwner parent(open(name.parent_path(), O_RDONLY | O_DIRECTORY));
+    if (unlinkat(parent.handle, name.filename().c_str(), 0) != 0 && errno != ENOENT) fail(path_ / name, errno);
+}
+
+void StateDirectory::make_directory(const fs::path &name) const {
+    if (mkdirat(directory_.handle, name.c_str(), 0755) != 0 && errno != EEXIST) fail(path_ / name, errno);
+    const std::optional<struct stat> made = status(name);
+    if (made && !S_ISDIR(made->st_mode)) fail(path_ / name, ENOTDIR);
+}
+
+void StateDirectory::replace(const fs::path &name, mode_t mode, const std::function<void(int)> &fill) const {
+    const FileOwner parent(open(name.parent_path(), O_RDONLY | O_DIRECTORY));
+    const fs::path fresh = unfinished(name);
+    remove(name.parent_path() / fresh);
+    FileOwner file(openat(parent.handle, fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (file.handle < 0) fail(path_ / name.parent_path() / fresh, errno);
+    try {
+        fill(file.handle);
+        if (fchmod(file.handle, mode) != 0 || close(std::exchange(file.handle, -1)) != 0) fail(path_ / name, errno);
+        if (renameat(parent.handle, fresh.c_str(), parent.handle, name.filename().c_str()) != 0)
+            fail(path_ / name, errno);
+    } catch (...) {
+        unlinkat(parent.handle, fresh.c_str(), 0);
+        throw;
+    }
+}
+
+void StateDirectory::remove_leftovers() const {
+    for (const fs::path directory : {"", "pkg", "etc", "bin"}) {
+        if (!has(directory)) continue;
+        for (const fs::directory_entry &entry : fs::directory_iterator(path_ / directory)) {
+            const fs::path name = directory / entry.path().filename();
+            if (is_unfinished(name.filename()) && has(name)) remove(name);
+        }
+    }
+}
+
+void StateDirectory::check() const {
+    std::string root = path_.string();
+    std::array<char *, 2> roots = {root.data(), nullptr};
+    const std::unique_ptr<FTS, int (*)(FTS *)> walk(fts_open(roots.data(), FTS_PHYSICAL | FTS_NOCHDIR, nullptr),
+                                                    fts_close);
+    if (walk == nullptr) fail(path_, errno);
+    while (const FTSENT *const entry = fts_read(walk.get())) {
+        const bool is_unreadable = entry->fts_info == FTS_NS || entry->fts_info == FTS_DNR;
+        // What is gone by now was of another command on the card.
+        if (is_unreadable && entry->fts_errno == ENOENT) continue;
+        if (is_unreadable) fail(entry->fts_path, entry->fts_errno);
+        if (const char *const reason = surprise(*entry->fts_statp)) {
+            throw CardError(std::string(entry->fts_path) + ": " + reason);
+        }
+    }
+}
+
+StateLock::StateLock(const StateDirectory &state) : directory_(state.open(".", O_RDONLY | O_DIRECTORY)) {
+    while (flock(directory_.handle, LOCK_EX) != 0) {
+        if (errno != EINTR) fail(state.path(), errno);
+    }
+}
+
+void write_all(int file, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(file, text.data(), text.size());
+        if (written < 0 && errno != EINTR) throw std::runtime_error(std::strerror(errno));
+        text.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
+    }
+}
+
+}  // namespace cardsim
