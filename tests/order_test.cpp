@@ -235,8 +235,9 @@ TEST_F(Order, ARunThatTheMarkerStops) {
 TEST_F(Order, AMarkerThatCannotBeRead) {
     describe(card_of_one());
     begin_trace();
-    fs::create_symlink("bootup_fpd_marker.txt", marker_file());
-    compare("marker_unreadable", tool({"-b", "-c", "upgrade"}, fast));
+    compare("marker_unreadable", shell("ln -s bootup_fpd_marker.txt /misc/scratch/bootup_fpd_marker.txt; "
+                                       "exec bootup_fpd -b -c upgrade",
+                                       fast));
 }
 
 TEST_F(Order, AFailureAndItsRetry) {

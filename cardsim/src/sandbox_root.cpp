@@ -392,7 +392,7 @@ fs::path prepare_directory(Root &root, const fs::path &target) {
 
 std::string sandbox_refusal_hint(int error_number) {
     if (error_number != EPERM && error_number != EACCES && error_number != ENOSPC) return {};
-    return " (allow user namespaces: sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 0, "
+    return " (allow user namespaces: sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 1, "
            "kernel.apparmor_restrict_unprivileged_userns=0 where AppArmor restricts them; in a container, its "
            "seccomp profile must allow them and mount)";
 }

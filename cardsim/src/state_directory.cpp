@@ -54,14 +54,6 @@ int open_without_links(int directory, const fs::path &path, int flags, uint64_t 
     return file;
 }
 
-/// Why this must not be in a card's state; null: it may.
-const char *surprise(const struct stat &status) {
-    if (S_ISLNK(status.st_mode)) return "a symbolic link, which a card's state must not have";
-    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return no_plain_file;
-    if (S_ISREG(status.st_mode) && status.st_nlink > 1) return "has another name elsewhere (a hard link)";
-    return nullptr;
-}
-
 /// The unfinished file that becomes this one.
 fs::path unfinished(const fs::path &name) {
     return "." + name.filename().string() + ".new";
@@ -75,7 +67,17 @@ bool is_unfinished(const std::string &name) {
 
 StateDirectory::StateDirectory(const fs::path &path)
     : path_(path), directory_(open_without_links(AT_FDCWD, path, O_RDONLY | O_DIRECTORY, 0)) {
-    if (directory_.handle < 0) fail(path, errno);
+    struct stat found = {};
+    if (directory_.handle < 0 || fstat(directory_.handle, &found) != 0) fail(path, errno);
+    own_ = found.st_uid == geteuid() && (found.st_mode & S_IWOTH) == 0;
+}
+
+/// Why this must not be in a card's state; null: it may.
+const char *StateDirectory::surprise(const struct stat &status) const {
+    if (S_ISLNK(status.st_mode)) return "a symbolic link, which a card's state must not have";
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return no_plain_file;
+    if (!own_ && S_ISREG(status.st_mode) && status.st_nlink > 1) return "has another name elsewhere (a hard link)";
+    return nullptr;
 }
 
 int StateDirectory::try_open(const fs::path &name, int flags) const {

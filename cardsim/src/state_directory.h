@@ -50,14 +50,16 @@ class StateDirectory {
     /// card.
     void remove_leftovers() const;
 
-    /// Throws CardError naming what is neither a plain file with one name nor a directory.
+    /// Throws CardError naming what must not be in it.
     void check() const;
 
   private:
     std::filesystem::path path_;
     FileOwner directory_;
+    bool own_ = false;  ///< nobody else may write in it
 
     int try_open(const std::filesystem::path &name, int flags) const;
+    const char *surprise(const struct stat &status) const;
 };
 
 /// Keeps every other process that uses this state directory from changing the card's state until it is destroyed: to

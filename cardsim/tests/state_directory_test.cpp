@@ -40,7 +40,6 @@ class StateDirectoryTest : public ::testing::Test {
 
 const std::string link_in_it = ": a symbolic link, which a card's state must not have";
 const std::string no_plain_file = ": neither a plain file nor a directory";
-const std::string hard_link = ": has another name elsewhere (a hard link)";
 
 TEST_F(StateDirectoryTest, ReadsAndWritesWhatLiesInIt) {
     state->append("log", "one\n");
@@ -105,11 +104,24 @@ INSTANTIATE_TEST_SUITE_P(
         Surprise{"link_to_nothing",
                  [](const fs::path &name, const fs::path &victim) { fs::create_symlink(victim.string() + "2", name); },
                  link_in_it},
-        Surprise{"hard_link", [](const fs::path &name, const fs::path &victim) { fs::create_hard_link(victim, name); },
-                 hard_link},
         Surprise{"fifo", [](const fs::path &name, const fs::path &) { ASSERT_EQ(mkfifo(name.c_str(), 0600), 0); },
                  no_plain_file}),
     [](const ::testing::TestParamInfo<Surprise> &surprise) { return surprise.param.what; });
+
+TEST_F(StateDirectoryTest, ASecondNameIsRefusedWhereOthersMayHaveGivenIt) {
+    fs::create_hard_link(victim, path / "name");
+    EXPECT_EQ(refusal([&] { state->check(); }), "");
+    ASSERT_EQ(chmod(path.c_str(), 0757), 0);
+    state.emplace(path);
+    const std::string reason = (path / "name").string() + ": has another name elsewhere (a hard link)";
+    EXPECT_EQ(refusal([&] { state->append("name", "text"); }), reason);
+    EXPECT_EQ(refusal([&] { state->check(); }), reason);
+    if (geteuid() != 0) return;
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    state.emplace(path);
+    EXPECT_EQ(refusal([&] { close(state->open("name", O_RDWR)); }), reason);
+}
 
 TEST_F(StateDirectoryTest, NothingIsReachedThroughALinkOnTheWay) {
     fs::create_directory_symlink(root.path / "outside", path / "etc");
