@@ -501,6 +501,8 @@ TEST_F(DescriptionTest, TextsAndNeighboursDoNotNest) {
                    dots.substr(0, 90) + "'\n"),
               0)
         << error;
+    EXPECT_NE(load(card_table + "more = [" + repeated("1.5, ", 100) + "1.5]\n"), 0);
+    EXPECT_EQ(error, file.string() + ":7: [card]: unknown key 'more'");
     std::string regions;
     for (int region = 0; region < 100; ++region) {
         regions += "{name = 'R" + std::to_string(region) + "', running = '1.0.0', duration = 1.5},\n";

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "library_test_support.h"
 
 namespace cardsim {
@@ -150,6 +153,22 @@ TEST_F(StateDirectoryTest, StaysTheSameWhateverStandsInItsPlace) {
     fs::create_directory_symlink(root.path / "outside", path);
     state->append("victim", "more");
     EXPECT_EQ(read_file(root.path / "moved/victim"), "more");
+}
+
+TEST_F(StateDirectoryTest, AReplacementFollowsNoLinkThatAppearsInItsWay) {
+    std::atomic<bool> is_done = false;
+    std::thread linking([&] {
+        while (!is_done) symlink(victim.c_str(), (path / ".name.new").c_str());
+    });
+    for (int attempt = 0; attempt < 5000; ++attempt) {
+        try {
+            state->replace("name", 0644, [](int file) { write_all(file, "new"); });
+        } catch (const CardError &) {
+            // The link was there first.
+        }
+    }
+    is_done = true;
+    linking.join();
 }
 
 TEST_F(StateDirectoryTest, AFileInThePlaceOfADirectoryIsRefusedAndTheOtherWayRound) {
