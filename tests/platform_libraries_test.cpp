@@ -1,5 +1,4 @@
-/// The tool as what it is to a card's own libraries: what it leaves to them, what it gives them, and that it runs on
-/// them without a rebuild.
+/// The tool on a card's own libraries, without a rebuild.
 
 #include <algorithm>
 #include <set>
@@ -17,50 +16,8 @@ using testing::SizeIs;
 
 namespace {
 
-const std::set<std::string> closed_functions = {
-    "brd_sb_attribute_flag_set",
-    "brd_local_card_group_id_get",
-    "brd_group_fpd_num_fpds_get",
-    "brd_group_fpd_obj_id_list_get",
-    "brd_fpd_num_regions_get",
-    "brd_fpd_regions_get",
-    "brd_fpd_info_get",
-    "brd_fpd_upgrade",
-    "brd_group_led_init",
-    "brd_group_led_num_leds_get",
-    "brd_group_led_obj_id_list_get",
-    "brd_led_type_get",
-    "brd_led_name_get",
-    "brd_led_current_color_get",
-    "brd_led_current_state_get",
-    "brd_led_state_and_color_set",
-    "brd_fru_hw_data_init",
-    "brd_fru_hw_init",
-    "get_fpd_capability_info",
-    "check_and_get_upgrade_image",
-    "exec_shell_command",
-    "brd_intf_fpd_image_md5_validate",
-    "brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config",
-    "brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config",
-    "brd_intf_fpd_upgrade_cookie_get_upgrade_mode",
-    "brd_intf_fpd_upgrade_cookie_set_upgrade_mode",
-};
-
 class PlatformLibraries : public CardTest {
   protected:
-    /// The dynamic symbols of a file, defined or undefined.
-    std::set<std::string> symbols(const std::string &file, const std::string &which) {
-        const Result result = run_program({NM, "-D", which, "--without-symbol-versions", file}, root_, usual_limit);
-        EXPECT_EQ(result.status, 0) << result.err;
-        std::set<std::string> names;
-        for (const std::string &line : lines_of(result.out)) names.insert(line.substr(line.rfind(' ') + 1));
-        return names;
-    }
-    std::string elf(const std::string &option) {
-        const Result result = run_program({READELF, "-W", option, BOOTUP_FPD}, root_, usual_limit);
-        EXPECT_EQ(result.status, 0) << result.err;
-        return result.out;
-    }
     /// Runs the tool on the other libraries, with nothing that leads to the simulated card.
     Result on_other_libraries(const std::string &arguments, const std::string &environment = "FAKE_TIME_DIV=10") {
         return shell("unset CARDSIM_CARD CARDSIM_STATE CARDSIM_SPEED; " + environment +
@@ -79,41 +36,6 @@ class PlatformLibraries : public CardTest {
         describe(Card{});
     }
 };
-
-// ---- the executable
-
-TEST_F(PlatformLibraries, TheToolExportsTwoSymbolsOfItsOwn) {
-    std::set<std::string> defined = symbols(BOOTUP_FPD, "--defined-only");
-    // What a sanitizer asks the program for is there in sanitized builds alone.
-    std::erase_if(defined, [](const std::string &name) { return name.ends_with("san_default_options"); });
-    EXPECT_THAT(defined, ElementsAre("bootup_fpd_time_div", "fpd_upg_handler"));
-}
-
-TEST_F(PlatformLibraries, TheToolLeavesEveryClosedFunctionUndefined) {
-    const std::set<std::string> undefined = symbols(BOOTUP_FPD, "--undefined-only");
-    EXPECT_TRUE(std::includes(undefined.begin(), undefined.end(), closed_functions.begin(), closed_functions.end()));
-    EXPECT_THAT(undefined, Not(Contains("dlsym")));
-    EXPECT_THAT(undefined, Not(Contains("dlopen")));
-}
-
-TEST_F(PlatformLibraries, TheOtherLibraryHasThemAll) {
-    const std::set<std::string> defined = symbols(FAKE_LIBRARY, "--defined-only");
-    EXPECT_TRUE(std::includes(defined.begin(), defined.end(), closed_functions.begin(), closed_functions.end()));
-}
-
-TEST_F(PlatformLibraries, TheToolIsHardened) {
-    EXPECT_THAT(elf("-h"), HasSubstr("DYN (Position-Independent Executable file)"));
-    EXPECT_THAT(elf("-d"), HasSubstr("BIND_NOW"));
-    const std::vector<std::string> segments = lines_of(elf("-l"));
-    EXPECT_THAT(segments, Contains(HasSubstr("GNU_RELRO")));
-    for (const std::string &line : segments) {
-        if (line.find("GNU_STACK") != std::string::npos) {
-            EXPECT_THAT(line, HasSubstr(" RW "));
-        }
-    }
-    EXPECT_THAT(elf("-d"), Not(HasSubstr("TEXTREL")));
-    EXPECT_THAT(elf("-d"), Not(HasSubstr("RPATH")));
-}
 
 // ---- on other libraries
 

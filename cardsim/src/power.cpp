@@ -74,7 +74,8 @@ struct CardLayout {
         layout.boot_commands = opened(state, "bin");
         layout.bootstrap_file = opened(state, "kd_bootstrap", 0);
         layout.extra = {{opened(state, ""), state_path_inside}, {place.file.parent_path(), card_path_inside}};
-        layout.path_first = {fs::read_symlink("/proc/self/exe").parent_path()};
+        const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
+        layout.path_first = {programs, programs.parent_path() / "sbin"};  // as built, and as installed
         layout.host_network = host_network;
     }
 

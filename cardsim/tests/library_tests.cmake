@@ -11,7 +11,7 @@ add_executable(cardsim_library_tests
   tests/state_test.cpp)
 target_link_libraries(cardsim_library_tests PRIVATE
   cardsim_model bootup_fpd_build_flags GTest::gmock_main Threads::Threads ${CMAKE_DL_LIBS})
-bootup_fpd_precompile_test_headers(cardsim_library_tests)
+bootup_fpd_test_program(cardsim_library_tests inside)
 bootup_fpd_sanitizer_options(cardsim_library_tests)
 # The library is loaded at run time, a fresh copy for each test: a process has but one card.
 add_dependencies(cardsim_library_tests cardsim)

@@ -597,7 +597,7 @@ struct EndingWorker : Worker {
         EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
     }
 
-    const Gate gate;
+    const Gate gate{};
 };
 
 TEST_F(EndingWorker, IsWaitedForWhenItsLastReportArrived) {
