@@ -309,7 +309,7 @@ TEST_F(SandboxTest, TheOriginalsOfSystemDirectoriesCannotBeWritten) {
               }),
               0)
         << error_;
-    fs::remove("/usr/sbin" / mark);  // of a sandbox that does not protect the host
+    rmdir(("/usr/sbin" / mark).c_str());  // of a sandbox that does not protect the host
 }
 
 TEST_F(SandboxTest, OfProcOnlyProcessesAndTheLimitsOfQueuesCanBeWritten) {
@@ -352,8 +352,7 @@ TEST_F(SandboxTest, TheInitOfTheSandboxIsClosed) {
 }
 
 TEST_F(SandboxTest, DevicesOfTheHostCannotBeOpenedOrMade) {
-    if (geteuid() != 0) GTEST_SKIP() << "makes a device";
-    ASSERT_EQ(mknod((host_ / "zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+    if (mknod((host_ / "zero").c_str(), S_IFCHR | 0600, makedev(1, 5)) != 0) GTEST_SKIP() << "may not make a device";
     layout_.scratch = host_;
     for (const fs::path &path : {host_ / "zero", fs::path("/misc/scratch/zero")}) {
         EXPECT_EQ(run([&path] { return refused(open(path.c_str(), O_RDONLY | O_CLOEXEC), EACCES); }), 0)
