@@ -178,7 +178,7 @@ std::optional<double> TableReader::seconds(const char *key) {
     if (!found->is_number()) {
         fail(key, "expected a number of seconds, found " + type_name(*found));
     }
-    const double value = *found->value<double>();
+    const double value = found->value<double>().value_or(most + 1);  // none: a number that no double holds
     if (!std::isfinite(value) || value < 0 || value > most) {
         fail(key, "expected seconds from 0 to 2678400");
     }

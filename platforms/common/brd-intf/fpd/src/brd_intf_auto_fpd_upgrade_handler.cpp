@@ -369,13 +369,27 @@ void supervise_fpd(LocalCard &card, Fpd &fpd) {
     }
 }
 
+bool is_in(const FpdQueue &queue, const Fpd &fpd) {
+    const Fpd *each = queue;
+    while (each && each != &fpd) each = each->next;
+    return each;
+}
+
+void supervise_queue(LocalCard &card, const FpdQueue &queue) {
+    for (Fpd *fpd = queue; fpd; fpd = fpd->next) {
+        const FpdState before = fpd->state;
+        supervise_fpd(card, *fpd);
+        // A record that left the queue is in another: the walk ends there and goes on in the next pass.
+        if (fpd->state != before && !is_in(queue, *fpd)) return;
+    }
+}
+
 }  // namespace
 
 void supervise_fpd_upgrades(LocalCard &card) {
-    for (Fpd *const queue : card.queues.seq_queues) {
+    for (const FpdQueue &queue : card.queues.seq_queues) {
         if (!queue) continue;
-        // A record that left the queue is the tail of another: the walk ends there and goes on in the next pass.
-        for (Fpd *fpd = queue; fpd; fpd = fpd->next) supervise_fpd(card, *fpd);
+        supervise_queue(card, queue);
         return;
     }
 }

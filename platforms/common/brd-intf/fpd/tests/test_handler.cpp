@@ -681,6 +681,22 @@ TEST_F(Supervision, EndsItsWalkBehindAnFpdThatLeft) {
     await_end(*next.worker);
 }
 
+TEST_F(Supervision, EndsItsWalkWhereReportsThatWaitedTookSeveralOut) {
+    std::vector<FpdWorkerCtx *> workers;
+    for (const char *name : {"IoFpga", "Two", "Three"})
+        workers.push_back(&attach_worker(plan(name), FpdState::upgrade_started));
+    Fpd &last = plan("Four");
+    interpose::advance_clock(60'000'000);
+    for (const FpdWorkerCtx *worker : workers) report(worker, FpdState::upgrade_done);
+    supervise();
+    EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("IoFpga", "Two", "Three"));
+    EXPECT_EQ(card.planned_count, 1U);
+    expect_no_log("FpdUpgProgressCheckInvState");
+    EXPECT_EQ(last.state, FpdState::queued_for_upgrade) << "its turn is in the next pass";
+    supervise();
+    EXPECT_EQ(last.state, FpdState::worker_created);
+}
+
 TEST_F(Supervision, GivesUpADependentWhoseDependencyFailed) {
     Fpd &cpu = discover("Cpu", FpdState::upgrade_failed);
     Fpd &fpd = plan("IoFpga", 1);
