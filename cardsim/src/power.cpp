@@ -73,7 +73,9 @@ struct CardLayout {
         layout.local_etc = opened(state, "etc");
         layout.boot_commands = opened(state, "bin");
         layout.bootstrap_file = opened(state, "kd_bootstrap", 0);
-        layout.extra = {{opened(state, ""), state_path_inside}, {place.file.parent_path(), card_path_inside}};
+        // An earlier boot may have put a link in the place of the card.
+        const StateDirectory card(place.file.parent_path());
+        layout.extra = {{opened(state, ""), state_path_inside}, {opened(card, ""), card_path_inside}};
         const fs::path programs = fs::read_symlink("/proc/self/exe").parent_path();
         layout.path_first = {programs, programs.parent_path() / "sbin"};  // as built, and as installed
         layout.host_network = host_network;

@@ -506,6 +506,17 @@ TEST_F(CommandTest, TheStateStaysTheSameWhateverTheCardPutsInItsPlace) {
     EXPECT_THAT(read_file(card_ / "moved/state.toml"), HasSubstr("boot = 2"));
 }
 
+TEST_F(CommandTest, TheCardsDirectoryIsNotWhatTheCardPutsInItsPlace) {
+    fs::create_directory(root_ / "elsewhere");
+    describe("touch /.cardsim/card/mark; cd " + root_.string() +
+             "; mv card moved; ln -s elsewhere card; /usr/local/etc/reset_board.sh");
+    const Result result = boot();
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, StartsWith(card_.string() + ": a symbolic link"));
+    EXPECT_THAT(names_in(root_ / "elsewhere"), IsEmpty());
+    EXPECT_THAT(names_in(root_ / "moved"), ElementsAre("card.toml", "mark", "state"));
+}
+
 TEST_F(CommandTest, ADescriptionThatNobodyWritesIsNotWaitedFor) {
     ASSERT_EQ(mkfifo((card_ / "card.toml").c_str(), 0600), 0);
     EXPECT_EQ(boot().status, 2);
