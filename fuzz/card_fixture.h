@@ -8,9 +8,9 @@
 #include "target.h"
 
 /// Where the state is written.
-inline constexpr const char *state_directory = "/misc/scratch";
+const cardsim::StateDirectory &state_directory();
 
-/// Requires that it is "FILE:..." and one line.
+/// Requires that it is "FILE:..." and one line that a terminal can show.
 void require_one_line(const std::string &error, const std::string &file);
 /// Requires that two states are the same.
 void require_same(const cardsim::CardState &found, const cardsim::CardState &expected);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include <toml++/toml.h>
+
 #include "card_description.h"
 #include "card_fixture.h"
 
@@ -92,6 +94,25 @@ cardsim::CardState some_state(const cardsim::CardDescription &card, std::string_
     return state;
 }
 
+std::size_t depth_of(const toml::node &node) {
+    std::size_t depth = 0;
+    if (const toml::table *const table = node.as_table())
+        for (const auto &[key, value] : *table) depth = std::max(depth, depth_of(value));
+    if (const toml::array *const array = node.as_array())
+        for (const toml::node &value : *array) depth = std::max(depth, depth_of(value));
+    return depth + 1;
+}
+
+/// What nests deep enough to end the reader's stack is refused for that. Texts here are too short to do it.
+void require_shallow(std::string_view text) {
+    constexpr std::size_t most = 64;
+    try {
+        require(depth_of(toml::parse(text)) <= most, "a text that nests deep and is not refused for it");
+    } catch (const toml::parse_error &) {
+        // No table came of it.
+    }
+}
+
 }  // namespace
 
 void run_input(std::string_view text) {
@@ -102,6 +123,7 @@ void run_input(std::string_view text) {
     if (cardsim::load_card_description(description_path, card, error) != 0) {
         require_one_line(error, description_path);
         require(card.pid == "as it was" && card.fpds.empty(), "a card that is changed by a failure");
+        if (error.find("nested deeper") == std::string::npos) require_shallow(text);
         return;
     }
     require(error.empty(), "a reason without a failure");

@@ -93,12 +93,12 @@ void check_reload(const cardsim::CardDescription &card, cardsim::CardState state
 
 void run_input(std::string_view text) {
     static const cardsim::CardDescription card = make_card();
-    const std::string path = cardsim::state_file(state_directory);
+    const std::string path = state_directory().path() / cardsim::state_file;
     write_file(path.c_str(), text);
     cardsim::CardState state;
     state.boot = 4711;
     std::string error;
-    if (cardsim::load_state(state_directory, card, state, error) != 0) {
+    if (cardsim::load_state(state_directory(), card, state, error) != 0) {
         require_one_line(error, path);
         require(state.boot == 4711 && state.regions.empty(), "a state that is changed by a failure");
         return;
