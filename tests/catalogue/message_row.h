@@ -49,8 +49,6 @@ constexpr std::string_view stream_word(Stream stream) {
     return stream == Stream::out ? "stdout" : "stderr";
 }
 
-inline constexpr std::string_view a_move_never_fails = "moving an FPD between queues gives 0 in every case";
-
 }  // namespace catalogue
 
 #endif

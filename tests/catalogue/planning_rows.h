@@ -67,7 +67,7 @@ inline constexpr LogRow init_rows[] = {
      "FPD %s has a Dependency FPD %s and couldn't find the dependency in the fpd queue"},
     {error, "BuildQFpdCircularDepend", "FPD %s has found a circular dependency FPD %s"},
     {error, "BuildQDependFpdBad", "FPD %s can't be upgraded due to dependency FPD %s state %s"},
-    {error, "BuildFpdUpgQueueMoveFail", "FPD %s failed Move queue error %s", a_move_never_fails},
+    {error, "BuildFpdUpgQueueMoveFail", "FPD %s failed Move queue error %s"},
     {info, "BuildQRevisitAfterDependFpd", "FPD %s would be revisted after dependency FPD %s resolved"},
     {info, "BuildQDepFpdUpgRequired", "FPD %s required corresponding dependent FPD %s to be upgraded"},
     {debug, "BuildQFpdUpgradeable", "FPD %s is upgradeable"},
@@ -75,7 +75,7 @@ inline constexpr LogRow init_rows[] = {
     {debug, "BuildQFpdMfgOnlyUpgradeable", "FPD %s with Upgrade type %d can only upgradeable in MFG"},
     {error, "BuildQFpdCantUpgraded", "FPD %s with Upgrade type %d can't be upgraded "},
     {error, "BuildQFpdSeqOutOfRange", "FPD %s sequence queue # %d is out of range"},
-    {error, "BuildFpdUpgQueueMoveSeqQFail", "FPD %s failed Move queue error %s", a_move_never_fails},
+    {error, "BuildFpdUpgQueueMoveSeqQFail", "FPD %s failed Move queue error %s"},
     {info, "BuildFpdAddedSeqQueue", "FPD %s would be upgrade in the sequence queue # %d"},
     {error, "AddFPDUpgMarkerFail", "Failed to add FPD %s into Upgrade Marker, error %s"},
     // construction, second pass
@@ -83,7 +83,7 @@ inline constexpr LogRow init_rows[] = {
     {debug, "BuildQFpdDepMfgUpgradeable", "FPD %s is MFG Upgradeable"},
     {debug, "BuildQFpdDepMfgOnlyUpgradeable", "FPD %s with Upgrade type %d can only upgradeable in MFG"},
     {error, "BuildQFpdDepCantUpgraded", "FPD %s with Upgrade type %d can't be dependency upgraded "},
-    {error, "BuildFpdDepUpgQueueMoveSeqQFail", "FPD %s failed Move queue error %s", a_move_never_fails},
+    {error, "BuildFpdDepUpgQueueMoveSeqQFail", "FPD %s failed Move queue error %s"},
     {info, "BuildFpdDepAddedSeqQueue", "FPD %s would be upgrade in the sequence queue # %d"},
     {error, "AddFPDUpgMarkerFail2", "Failed to add FPD %s into Upgrade Marker, error %s"},
     // stages

@@ -51,6 +51,16 @@ int answer(Answer from) {
     return from(fake);
 }
 
+/// The same; what went well may have its text too.
+template <class Answer>
+int answer(char *err_msg, std::size_t err_len, Answer from) {
+    return answer([=](FakePlatform &fake) {
+        const int rc = from(fake);
+        if (rc == 0) copy_text(err_msg, err_len, fake.chatter);
+        return rc;
+    });
+}
+
 int with_led(std::uint32_t obj_id, const std::function<void(FakeLed &)> &use) {
     return answer([&](FakePlatform &fake) {
         const auto led = std::find_if(fake.leds.begin(), fake.leds.end(),
@@ -91,6 +101,12 @@ FakeCommand find_command(const std::string &line, const FakeCommandBuffers &buff
     for (auto each = fake.commands.rbegin(); each != fake.commands.rend(); ++each)
         if (line.starts_with(each->prefix)) return *each;
     return {};
+}
+
+std::string chatter() {
+    FakePlatform &fake = fake_platform();
+    const std::lock_guard guard(fake.lock);
+    return fake.chatter;
 }
 
 }  // namespace
@@ -175,6 +191,7 @@ void FakePlatform::reset() {
     commands.clear();
     auto_upgrade = 1;
     upgrade_mode = 0;
+    chatter.clear();
     brd_sb_attribute_flag_set = nullptr;
     brd_local_card_group_id_get = nullptr;
     brd_group_fpd_num_fpds_get = nullptr;
@@ -276,7 +293,7 @@ int brd_fpd_info_get(std::uint32_t group_id, std::uint32_t obj_id, std::uint8_t 
                      std::size_t err_len) {
     const auto hook = record(&FakePlatform::brd_fpd_info_get, "brd_fpd_info_get", join(group_id, obj_id, region));
     if (hook) return hook(group_id, obj_id, region, info, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         const FakeRegion *const found = find_region(fake, obj_id, region);
         if (!found) return no_such_object;
         *info = found->info;
@@ -295,7 +312,7 @@ int brd_fpd_upgrade(std::uint32_t group_id, std::uint32_t obj_id, BrdFpdUpgradeR
     }
     if (hook) return hook(group_id, obj_id, request, err_msg, err_len);
     request->progress(request->context, 50);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         FakeRegion *const region = find_region(fake, obj_id, request->region);
         if (!region) return no_such_object;
         finish_upgrade(*region);
@@ -401,7 +418,7 @@ int check_and_get_upgrade_image(FpdDescRequest *request, FpdDesc *result, char *
         fake.recorded_descriptions.push_back(*request);
     }
     if (hook) return hook(request, result, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         const FakeRegion *const region = fake.find_region(region_name(request->name, fake));
         if (!region) return no_such_object;
         const FpdDesc asked = *result;
@@ -424,7 +441,7 @@ int exec_shell_command(char *output, std::size_t output_size, std::size_t *outpu
     if (command.effect) command.effect();
     copy_text(output, output_size, command.output);
     if (output && output_len) *output_len = std::min(command.output.size(), output_size);
-    if (command.rc != 0) copy_text(err_msg, err_len, command.error);
+    copy_text(err_msg, err_len, command.rc != 0 ? command.error : chatter());
     return command.rc;
 }
 
@@ -432,14 +449,15 @@ int brd_intf_fpd_image_md5_validate(const char *directory, const char *image, co
                                     std::size_t err_len) {
     const auto hook =
         record(&FakePlatform::image_md5_validate, "brd_intf_fpd_image_md5_validate", join(directory, image, md5));
-    return hook ? hook(directory, image, md5, err_msg, err_len) : 0;
+    return hook ? hook(directory, image, md5, err_msg, err_len)
+                : answer(err_msg, err_len, [](FakePlatform &) { return 0; });
 }
 
 int brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(int *value, char *err_msg, std::size_t err_len) {
     const auto hook = record(&FakePlatform::cookie_get_auto_upgrade_config,
                              "brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config", "");
     if (hook) return hook(value, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         *value = fake.auto_upgrade;
         return 0;
     });
@@ -449,7 +467,7 @@ int brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(int value, char *err_msg
     const auto hook = record(&FakePlatform::cookie_set_auto_upgrade_config,
                              "brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config", join(value));
     if (hook) return hook(value, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         fake.auto_upgrade = value;
         return 0;
     });
@@ -459,7 +477,7 @@ int brd_intf_fpd_upgrade_cookie_get_upgrade_mode(int *mode, char *err_msg, std::
     const auto hook =
         record(&FakePlatform::cookie_get_upgrade_mode, "brd_intf_fpd_upgrade_cookie_get_upgrade_mode", "");
     if (hook) return hook(mode, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         *mode = fake.upgrade_mode;
         return 0;
     });
@@ -469,7 +487,7 @@ int brd_intf_fpd_upgrade_cookie_set_upgrade_mode(int mode, char *err_msg, std::s
     const auto hook =
         record(&FakePlatform::cookie_set_upgrade_mode, "brd_intf_fpd_upgrade_cookie_set_upgrade_mode", join(mode));
     if (hook) return hook(mode, err_msg, err_len);
-    return answer([=](FakePlatform &fake) {
+    return answer(err_msg, err_len, [=](FakePlatform &fake) {
         fake.upgrade_mode = mode;
         return 0;
     });

@@ -68,6 +68,7 @@ struct FakePlatform {
     std::vector<FakeCommand> commands;
     int auto_upgrade = 1;
     int upgrade_mode = 0;
+    std::string chatter;  // into err_msg where nothing failed
 
     // Answers in place of the card's.
     std::function<int(int)> brd_sb_attribute_flag_set;

@@ -9,13 +9,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
 #include <utility>
+
+#include "brd_intf_auto_fpd_upgrade_queue.h"
+#include "fpd_log.h"
 
 using interpose::Call;
 
@@ -35,6 +42,54 @@ constexpr std::int64_t not_held = -1;
 constinit std::atomic<std::int64_t> held_clock{not_held};       // ns
 constinit std::atomic<std::int64_t> held_wall_clock{not_held};  // µs
 constinit std::atomic<std::int64_t> stat_growth{0};             // bytes
+
+/// What was taken through here and not given back, with its size. Never destroyed: calls arrive until the process has
+/// ended.
+struct Held {
+    std::mutex lock;
+    std::map<const void *, std::size_t> pieces;
+};
+
+Held &held_pieces() {
+    static Held *const held = new Held;
+    return *held;
+}
+
+void take(const void *piece, std::size_t size) {
+    const std::lock_guard guard(held_pieces().lock);
+    held_pieces().pieces[piece] = size;
+}
+
+/// Size of the piece, 0 when it was not taken through here.
+std::size_t give_back(const void *piece) {
+    const std::lock_guard guard(held_pieces().lock);
+    const auto held = held_pieces().pieces.extract(piece);
+    return held ? held.mapped() : 0;
+}
+
+// Memory is no wider than it was asked for, and holds nothing that could be taken for zeroes.
+constexpr std::size_t guard_size = 16;
+constexpr std::size_t most_filled = 1 << 20;
+constexpr char filling = '\xa5';
+
+void *take_memory(void *memory, std::size_t size, std::size_t filled_from) {
+    if (!memory) return nullptr;
+    char *const bytes = static_cast<char *>(memory);
+    std::fill_n(bytes + filled_from, std::min(size - filled_from, most_filled), filling);
+    std::fill_n(bytes + size, guard_size, filling);
+    take(memory, size);
+    return memory;
+}
+
+std::size_t give_memory_back(const void *memory) {
+    const std::size_t size = give_back(memory);
+    const char *const end = static_cast<const char *>(memory) + size;
+    if (size != 0 && std::count(end, end + guard_size, filling) != guard_size) {
+        std::fprintf(stderr, "written behind the end of %zu bytes\n", size);
+        std::abort();
+    }
+    return size;
+}
 
 std::function<void(std::uint64_t)> &sleep_hook() {
     static std::function<void(std::uint64_t)> hook;
@@ -114,6 +169,11 @@ void before_each(Call call, std::function<void()> before) {
     hooked = true;
 }
 
+std::size_t held() {
+    const std::lock_guard guard(held_pieces().lock);
+    return held_pieces().pieces.size();
+}
+
 void reset() {
     for (Armed &one : armed_calls) {
         one.first = 0;
@@ -137,7 +197,8 @@ int __wrap_access(const char *path, int mode) {
 
 void *__real_calloc(std::size_t count, std::size_t size);
 void *__wrap_calloc(std::size_t count, std::size_t size) {
-    return failure(Call::calloc) ? nullptr : __real_calloc(count, size);
+    return failure(Call::calloc) ? nullptr
+                                 : take_memory(__real_calloc(1, count * size + guard_size), count * size, count * size);
 }
 
 int __real_clock_gettime(clockid_t clock, timespec *now);
@@ -175,7 +236,22 @@ int __wrap_gettimeofday(timeval *now, void *zone) {
 
 void *__real_malloc(std::size_t size);
 void *__wrap_malloc(std::size_t size) {
-    return failure(Call::malloc) ? nullptr : __real_malloc(size);
+    return failure(Call::malloc) ? nullptr : take_memory(__real_malloc(size + guard_size), size, 0);
+}
+
+void __real_free(void *memory);
+void __wrap_free(void *memory) {
+    give_memory_back(memory);
+    __real_free(memory);
+}
+
+int __real__Z22move_fpd_between_queuePP3FpdS1_S0_Pcm(FpdQueue *from, FpdQueue *to, Fpd *fpd, char *err_msg,
+                                                     std::size_t err_len);
+int __wrap__Z22move_fpd_between_queuePP3FpdS1_S0_Pcm(FpdQueue *from, FpdQueue *to, Fpd *fpd, char *err_msg,
+                                                     std::size_t err_len) {
+    if (const int error = failure(Call::move_fpd_between_queue))
+        return fail_unlogged(error, err_msg, err_len, "no move");
+    return __real__Z22move_fpd_between_queuePP3FpdS1_S0_Pcm(from, to, fpd, err_msg, err_len);
 }
 
 int __real_mq_close(mqd_t queue);
@@ -252,7 +328,14 @@ int __wrap_pthread_cancel(pthread_t thread) {
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *), void *argument);
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *), void *argument) {
     const int error = failure(Call::pthread_create);
+    if (error) *thread = ~pthread_t{};
     return error ? error : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __real_pthread_detach(pthread_t thread);
+int __wrap_pthread_detach(pthread_t thread) {
+    const int error = failure(Call::pthread_detach);
+    return error ? error : __real_pthread_detach(thread);
 }
 
 int __real_pthread_join(pthread_t thread, void **result);
@@ -275,13 +358,23 @@ int __wrap_pthread_tryjoin_np(pthread_t thread, void **result) {
 
 void *__real_realloc(void *memory, std::size_t size);
 void *__wrap_realloc(void *memory, std::size_t size) {
-    return failure(Call::realloc) ? nullptr : __real_realloc(memory, size);
+    if (failure(Call::realloc)) return nullptr;
+    const std::size_t size_before = give_memory_back(memory);
+    return take_memory(__real_realloc(memory, size + guard_size), size, std::min(size_before, size));
 }
 
 int __real_regcomp(regex_t *compiled, const char *pattern, int flags);
 int __wrap_regcomp(regex_t *compiled, const char *pattern, int flags) {
-    const int error = failure(Call::regcomp);
-    return error ? error : __real_regcomp(compiled, pattern, flags);
+    const int failed = failure(Call::regcomp);
+    const int error = failed ? failed : __real_regcomp(compiled, pattern, flags);
+    if (error == 0) take(compiled, 0);
+    return error;
+}
+
+void __real_regfree(regex_t *compiled);
+void __wrap_regfree(regex_t *compiled) {
+    give_back(compiled);
+    __real_regfree(compiled);
 }
 
 int __real_sigaddset(sigset_t *signals, int number);

@@ -22,6 +22,7 @@ enum class Call {
     fread,  // reads nothing, without a stream error
     fsync,
     malloc,
+    move_fpd_between_queue,  // its text is then "no move"
     mq_close,
     mq_open,
     mq_receive,
@@ -31,7 +32,8 @@ enum class Call {
     open_memstream,
     opendir,
     pthread_cancel,
-    pthread_create,
+    pthread_create,  // leaves what is no thread behind
+    pthread_detach,
     pthread_join,
     pthread_sigmask,
     pthread_tryjoin_np,
@@ -71,6 +73,10 @@ void before_each(Call call, std::function<void()> before);
 /// Calls `instead` with the microseconds of each usleep() and nanosleep(), which do not sleep then; null: they sleep.
 /// Not while another thread may sleep.
 void on_sleep(std::function<void(std::uint64_t microseconds)> instead);
+
+/// Pieces of memory and compiled patterns that the modules and the tests took and have not given back. Who writes
+/// behind the end of one ends the process when it is given back.
+std::size_t held();
 
 /// Disarms everything.
 void reset();

@@ -155,6 +155,15 @@ WorkerMsg RunTest::receive() {
     return msg;
 }
 
+StandardInputClosed::StandardInputClosed() : kept(dup(STDIN_FILENO)) {
+    close(STDIN_FILENO);
+}
+
+StandardInputClosed::~StandardInputClosed() {
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+}
+
 bool eventually(const std::function<bool()> &condition) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!condition()) {

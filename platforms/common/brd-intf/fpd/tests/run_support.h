@@ -68,6 +68,15 @@ struct Gate {
     std::shared_ptr<Shared> shared = std::make_shared<Shared>();
 };
 
+/// Standard input is closed while this lives: its descriptor is the next that somebody gets.
+struct StandardInputClosed {
+    StandardInputClosed();
+    ~StandardInputClosed();
+    StandardInputClosed(const StandardInputClosed &) = delete;
+    StandardInputClosed &operator=(const StandardInputClosed &) = delete;
+    int kept;
+};
+
 /// Waits for what another thread is about to do; false when it does not come within 20 s.
 bool eventually(const std::function<bool()> &condition);
 /// Whether the worker's thread is through with its context.

@@ -168,4 +168,14 @@ TEST_F(Activation, ShowsNoEarlierTextWhenACommandGivesNone) {
     EXPECT_STREQ(err_msg, "");
 }
 
+TEST_F(Activation, ShowsNoTextOfTheMarkerWhenABootEntryIsRefusedWithoutOne) {
+    upgraded(5);
+    interpose::fail(interpose::Call::fopen, EROFS);
+    fail_command("grub-reboot", "");
+    EXPECT_EQ(activate(), -38);
+    EXPECT_STREQ(err_msg, "");
+    expect_log(activate_module, "ERROR", "AutoFpdActivateGrubRebootSetFail",
+               "Auto FPD ACtivate GRUB Reboot setting failed error ");
+}
+
 }  // namespace

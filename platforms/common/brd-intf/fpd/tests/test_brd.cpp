@@ -250,4 +250,10 @@ TEST_F(BrdCardInit, RegistersNothingWithoutAProductIdentifier) {
     expect_failed_read(-2, {error("BrdInitMyCardPIDGetFail", "Failed to get my Card PID rc -2")});
 }
 
+TEST_F(BrdCardInit, StartsTheHardwareLayerWithHandle0WhenTheLibraryTellsOfNone) {
+    fake_platform().brd_fru_hw_data_init = [](auto...) { return 0; };
+    EXPECT_EQ(brd_card_init(), 0);
+    EXPECT_THAT(fake_platform().calls_of("brd_fru_hw_init"), ElementsAre(FakeCall{"brd_fru_hw_init", "0"}));
+}
+
 }  // namespace

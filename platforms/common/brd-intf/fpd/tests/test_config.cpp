@@ -79,4 +79,10 @@ TEST_F(AutoUpgradeConfig, EndsATextThatTheStoreDoesNotEnd) {
                "BRD interface auto FPD upgrade config get failed err_msg " + std::string(255, 'x'));
 }
 
+TEST_F(AutoUpgradeConfig, Is0WhenTheStoreTellsOfNone) {
+    fake_platform().cookie_get_auto_upgrade_config = [](auto...) { return 0; };
+    EXPECT_EQ(get(), 0);
+    EXPECT_EQ(enabled, 0);
+}
+
 }  // namespace

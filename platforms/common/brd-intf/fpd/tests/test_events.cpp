@@ -188,4 +188,9 @@ TEST_F(RaisedEvent, LogsOfALongFailureWhatFitsInto255Characters) {
                "Sending FPD event is failed, error " + std::string(255, 'e'));
 }
 
+TEST_F(RaisedEvent, MayBeEmpty) {
+    raise("");
+    EXPECT_THAT(fake_platform().command_lines(), ElementsAre(command_line("")));
+}
+
 }  // namespace

@@ -1,11 +1,13 @@
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "interpose.h"
 #include "os_file.h"
-#include "test_support.h"
+#include "run_support.h"
 
 namespace {
 
@@ -167,6 +169,30 @@ TEST_F(Sync, IsNotMissedWhereThereIsNothingToSync) {
         EXPECT_FALSE(sync_to_storage(file.fd)) << std::strerror(error);
         EXPECT_EQ(errno, error);
     }
+}
+
+TEST_F(AppendToFile, MakesTheFileForAllToReadAndWriteAsFarAsTheMaskLetsThem) {
+    const mode_t mask = umask(0);
+    EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
+    umask(mask);
+    EXPECT_EQ(std::filesystem::status("/misc/scratch/a").permissions(), std::filesystem::perms{0666});
+}
+
+TEST_F(AppendToFile, TakesDescriptor0AsAnyOther) {
+    const StandardInputClosed closed;
+    EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "closed again";
+    EXPECT_EQ(read_file("/misc/scratch/a"), "one");
+}
+
+TEST(Stream, IsReadAndWrittenNoFurtherThanAskedFor) {
+    char bytes[] = "########";
+    Device read("abcdefgh");
+    EXPECT_EQ(read_bytes(read.file.get(), bytes, 4), 4U);
+    EXPECT_STREQ(bytes, "abcd####");
+    Device written("");
+    EXPECT_TRUE(write_bytes(written.file.get(), std::string_view("abcdefgh").substr(0, 4)));
+    EXPECT_EQ(written.content, "abcd");
 }
 
 }  // namespace

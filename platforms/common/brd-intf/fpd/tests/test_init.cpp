@@ -810,4 +810,13 @@ TEST_F(InfoRefresh, KeepsTheNameOfAnFpdThatTurnsIntoAPlannedOne) {
     EXPECT_STREQ(fpd.info.name, "IoFpga");
 }
 
+TEST_F(LoadFpds, LoadsNothingOfAnFpdWhoseRegionsAreNotCounted) {
+    fake_platform().brd_fpd_num_regions_get = [](auto...) { return 0; };
+    std::strcpy(err_msg, "left by an earlier call");
+    EXPECT_EQ(load(), 0);
+    EXPECT_STREQ(err_msg, "");
+    EXPECT_EQ(card.queues.fpd_queue, nullptr);
+    EXPECT_THAT(fake_platform().calls_of("brd_fpd_regions_get"), IsEmpty());
+}
+
 }  // namespace

@@ -356,4 +356,19 @@ TEST_F(LedSet, NeedsNoPlaceForItsText) {
     EXPECT_EQ(led_state_and_color_set(group, 99, LedState::off, LedColor::red, nullptr, 0), -38);
 }
 
+// A library that answers without an answer ----------------------------------------------------------------------------
+
+TEST_F(StatusLed, IsNoneOfALedWhoseTypeIsNotTold) {
+    fake_platform().brd_led_type_get = [](std::uint32_t, std::uint32_t, std::uint32_t *) { return 0; };
+    expect_none();
+}
+
+TEST_F(LedGet, KnowsNothingOfALedThatIsNotToldOf) {
+    fake_platform().brd_led_current_color_get = [](std::uint32_t, std::uint32_t, std::uint32_t *) { return 0; };
+    fake_platform().brd_led_current_state_get = [](std::uint32_t, std::uint32_t, std::uint32_t *) { return 0; };
+    EXPECT_EQ(get(), 0);
+    EXPECT_EQ(state, LedState::unknown);
+    EXPECT_EQ(color, LedColor::unknown);
+}
+
 }  // namespace

@@ -543,4 +543,65 @@ TEST_F(ErrorText, IsEmptiedAndEnded) {
     EXPECT_STREQ(full, "ful");
 }
 
+// Room ----------------------------------------------------------------------------------------------------------------
+
+TEST_F(ErrorText, OfOneByteIsEmptiedAndEnded) {
+    char room[1] = {'x'};
+    clear_error(room, sizeof room);
+    EXPECT_EQ(room[0], '\0');
+    room[0] = 'x';
+    terminate_error(room, sizeof room);
+    EXPECT_EQ(room[0], '\0');
+}
+
+TEST_F(ErrorText, WithoutRoomIsNotEndedInFrontOfIt) {
+    char room[] = "##";
+    terminate_error(room + 1, 0);
+    EXPECT_STREQ(room, "##");
+}
+
+struct RoomForAText : CardTest {
+    RoomForAText() : fits(sizeof text.small - 1, 'x') {}
+    /// A text that printf refuses: there is no such character here.
+    void add_refused(const std::string &format) { text.add((format + "%lc").c_str(), wint_t{0x100}); }
+    static void take_all_memory() { interpose::fail(Call::realloc, ENOMEM, 1, interpose::for_ever); }
+
+    TextBuilder text;
+    std::string fits;  // just into its first buffer
+};
+
+TEST_F(RoomForAText, IsTakenWhenTheFirstBufferIsFull) {
+    text.add("%s", fits.c_str());
+    EXPECT_EQ(text.text(), fits);
+    EXPECT_EQ(interpose::calls(Call::realloc), 0U);
+    text.add("y");
+    EXPECT_EQ(text.text(), fits + "y");
+    EXPECT_EQ(interpose::calls(Call::realloc), 1U);
+}
+
+TEST_F(RoomForAText, IsTheFirstBufferWithoutMemory) {
+    take_all_memory();
+    text.add("%s", std::string(3000, 'x').c_str());
+    EXPECT_EQ(text.view(), fits);
+    text.add("y");
+    EXPECT_EQ(text.view(), fits);
+}
+
+TEST_F(RoomForAText, IsThereForOneThatPrintfRefuses) {
+    text.add("ab");
+    add_refused("cd");
+    EXPECT_STREQ(text.text(), "abcd%lc");
+    add_refused(fits);
+    EXPECT_EQ(text.text(), "abcd%lc" + fits + "%lc");
+    EXPECT_EQ(text.view(), "abcd%lc" + fits + "%lc");
+}
+
+TEST_F(RoomForAText, IsTheFirstBufferForOneThatPrintfRefusesWithoutMemory) {
+    take_all_memory();
+    text.add("ab");
+    add_refused(fits);
+    EXPECT_EQ(text.text(), ("ab" + fits).substr(0, fits.size()));
+    EXPECT_EQ(text.view(), ("ab" + fits).substr(0, fits.size()));
+}
+
 }  // namespace

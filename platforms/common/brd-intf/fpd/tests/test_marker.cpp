@@ -588,4 +588,10 @@ TEST_F(MarkerRelease, ForgetsTheTextAndLeavesTheFileAlone) {
     expect_released();
 }
 
+TEST_F(MarkerCheck, LeavesNoEarlierText) {
+    std::strcpy(err_msg, "left by an earlier call");
+    EXPECT_EQ(check(), 0);
+    EXPECT_STREQ(err_msg, "");
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <mqueue.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -398,6 +399,40 @@ TEST_F(MsgQueue, TellsOfADescriptorThatCannotBeClosed) {
     EXPECT_EQ(close_fpd_mq(no_descriptor, err_msg, sizeof err_msg), -5);
     EXPECT_STREQ(err_msg, not_closed);
     EXPECT_THAT(log_lines(), ElementsAre(log_line(mq_module, "ERROR", "MQClodeFail", not_closed)));
+}
+
+TEST_F(MsgQueue, MayHaveAnyDescriptor) {
+    const StandardInputClosed closed;
+    for (const bool left_behind : {false, true}) {
+        if (left_behind) mq_close(mq_open(name, O_RDONLY | O_CREAT, 0600, nullptr));
+        EXPECT_EQ(create(), 0) << err_msg;
+        EXPECT_EQ(driver, STDIN_FILENO);
+        EXPECT_EQ(attributes(driver).mq_maxmsg, 256);
+        EXPECT_EQ(remove(), 0);
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    }
+}
+
+TEST_F(MsgQueue, IsComparedWithWhatHasItsNameWhateverTheDescriptor) {
+    const int input = dup(STDIN_FILENO);
+    interpose::before_each(Call::flock, [] { close(STDIN_FILENO); });
+    EXPECT_EQ(create(), 0) << err_msg;
+    dup2(input, STDIN_FILENO);
+    close(input);
+}
+
+TEST_F(OwnQueue, LeftBehindIsReplacedWhateverFailedBefore) {
+    mq_close(mq_open(name, O_RDONLY | O_CREAT, 0600, nullptr));
+    errno = EWOULDBLOCK;
+    EXPECT_EQ(create(), 0) << err_msg;
+}
+
+TEST_F(OwnQueue, IsMadeInThePlaceOfAStrangersWhoHoldsItsLock) {
+    ASSERT_NO_FATAL_FAILURE(stranger_makes_one());
+    if (IsSkipped()) return;
+    ASSERT_EQ(flock(strangers, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(create(), 0) << err_msg;
+    EXPECT_TRUE(has_the_name(driver));
 }
 
 }  // namespace

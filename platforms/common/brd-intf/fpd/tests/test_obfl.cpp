@@ -574,4 +574,84 @@ TEST_F(Obfl, ReleaseUnmountsAFlashThatIsNoMountPoint) {
     EXPECT_THAT(event_log_texts(event_log_path), ElementsAre("one"));
 }
 
+TEST_F(Obfl, ReleaseTellsOfNoFailureWhereThereIsNone) {
+    write_first_line();
+    obfl_flash_release();
+    for (const LogLine &line : log_lines()) EXPECT_NE(line.level, "ERROR") << line.message;
+}
+
+TEST_F(Obfl, ReleaseSyncsAFlashThatStaysMountedWhateverTheDescriptor) {
+    set_mounted(true);
+    fpd_obfl_log("line");
+    const unsigned before = interpose::calls(Call::fsync);
+    const StandardInputClosed closed;
+    obfl_flash_release();
+    EXPECT_EQ(interpose::calls(Call::fsync), before + 1);
+}
+
+TEST_F(Obfl, ReleaseJoinsNoThreadWithoutALine) {
+    obfl_flash_release();
+    EXPECT_EQ(interpose::calls(Call::pthread_join), 0U);
+}
+
+TEST_F(Obfl, KnowsASecondMountFromTheFirst) {
+    write_first_line();
+    EXPECT_TRUE(eventually(obfl_mount_is_over));
+    obfl_flash_release();
+    set_mounted(false);
+    const Gate gate;
+    mount_waits(gate);
+    fpd_obfl_log("two");
+    gate.await_arrival();
+    EXPECT_FALSE(obfl_mount_is_over());
+    gate.open();
+}
+
+TEST_F(Obfl, LeavesAThreadThatIsAbandonedToItself) {
+    const Gate gate;
+    mount_waits(gate);
+    fpd_obfl_log("one");
+    gate.await_arrival();
+    obfl_flash_abandon();
+    EXPECT_EQ(interpose::calls(Call::pthread_detach), 1U);
+    EXPECT_EQ(obfl_context().mount_thread, pthread_t{});
+    EXPECT_EQ(obfl_context().mount_status, ObflMountStatus::none);
+    EXPECT_TRUE(obfl_mount_is_over());
+    gate.open();
+    await_mount();
+}
+
+TEST_F(Obfl, HasNoThreadWhereNoneCouldBeStarted) {
+    interpose::fail(Call::pthread_create, EAGAIN);
+    fpd_obfl_log("one");
+    EXPECT_EQ(obfl_context().mount_thread, pthread_t{});
+}
+
+TEST_F(Obfl, MovesATemporaryLogOfAnyLength) {
+    for (std::size_t size = 254; size < 260; ++size) {
+        const std::string text(size, static_cast<char>('a' + size % 26));
+        write_file(event_log_path, text);
+        write_file(flash_log_path, "");
+        EXPECT_EQ(move_log(), 0);
+        EXPECT_EQ(read_file(flash_log_path), text);
+    }
+}
+
+TEST_F(Obfl, TakesAFileWithNumber1ForTheFirst) {
+    write_file(flash_file("fpd_local_log_1xtxt"), "");
+    EXPECT_EQ(latest_file(), 0);
+    EXPECT_EQ(path, flash_file("fpd_local_log_1xtxt"));
+}
+
+TEST_F(FileNumber, IsTheLow32BitsOfANumberOf63AndAllOnesOfALongerOne) {
+    for (const auto &[digits, expected] : {std::pair{"9000000000000000001", 9'000'000'000'000'000'001},
+                                           {"9223372036854775801", 9'223'372'036'854'775'801},
+                                           {"9223372036854775807", 9'223'372'036'854'775'807},
+                                           {"9223372036854775808", 9'223'372'036'854'775'807},
+                                           {"92233720368547758000", 9'223'372'036'854'775'807}}) {
+        EXPECT_EQ(parse((std::string("fpd_local_log_") + digits + ".txt").c_str()), 0);
+        EXPECT_EQ(number, static_cast<std::uint32_t>(expected)) << digits;
+    }
+}
+
 }  // namespace

@@ -817,4 +817,31 @@ TEST_F(Interface, TellsWhenItsQueueCannotBeClosed) {
     EXPECT_EQ(card.planned_count, 0U);
 }
 
+TEST_F(BuildQueue, PlansEveryFpdThatOnlyOthersNeed) {
+    evaluated("First", 0, "Available1");
+    evaluated("Second", 0, "Available2");
+    not_needed("Available1", true);
+    not_needed("Other", true);
+    not_needed("Available2", true);
+    ASSERT_EQ(build(), 0);
+    EXPECT_EQ(card.planned_count, 4U);
+    EXPECT_THAT(unplanned(), ElementsAre("Other"));
+}
+
+TEST_F(BuildQueue, TakesNoBadOrMissingDependencyForACircle) {
+    evaluated("Missing", 0, "Nobody");
+    evaluated("Bad", 0, "Failed");
+    discover("Failed", FpdState::upgrade_failed);
+    ASSERT_EQ(build(), 0);
+    EXPECT_THAT(log_lines("BuildQFpdDependNotFound"), SizeIs(1));
+    EXPECT_THAT(log_lines("BuildQDependFpdBad"), SizeIs(1));
+    expect_no_log("BuildQFpdCircularDepend");
+}
+
+TEST_F(PlanUpgrade, IsRegularWhenTheStoreTellsOfNoMode) {
+    fake_platform().cookie_get_upgrade_mode = [](auto...) { return 0; };
+    EXPECT_EQ(plan_run(), 0);
+    EXPECT_THAT(asked(), ElementsAre("IoFpga 0"));
+}
+
 }  // namespace

@@ -387,4 +387,10 @@ TEST_F(FreeQueue, ReleasesEveryRecordWithoutAWord) {
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
+TEST_F(FindByName, LeavesNoEarlierText) {
+    Chain chain({"IoFpga"});
+    EXPECT_EQ(in(chain.queue, "IoFpga"), &chain[0]);
+    EXPECT_STREQ(err_msg, "");
+}
+
 }  // namespace

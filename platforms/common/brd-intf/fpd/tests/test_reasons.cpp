@@ -152,6 +152,11 @@ TEST_P(EachRefusal, WithoutAReasonIsGivenNoneOfAnEarlierCall) {
     EXPECT_EQ(told(""), GetParam().text + GetParam().behind);
 }
 
+TEST_P(EachRefusal, WithoutAReasonIsGivenNoneOfACallThatWentWell) {
+    fake_platform().chatter = "all is well";
+    EXPECT_EQ(told(""), GetParam().text + GetParam().behind);
+}
+
 TEST_P(EachRefusal, WithAReasonWithoutAnEndIsEndedWhereItsBufferEnds) {
     EXPECT_EQ(told(std::string(buffer_size, 'x')),
               GetParam().text + std::string(buffer_size - 1, 'x') + GetParam().behind);

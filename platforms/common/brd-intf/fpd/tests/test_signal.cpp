@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include "os_signal.h"
@@ -24,6 +25,8 @@ template <class Body>
 int end_of_child(Body body) {
     const pid_t child = fork();
     if (child == 0) {
+        // A program that was started in the background inherits signals that are ignored.
+        for (const int number : unwanted_signals) std::signal(number, SIG_DFL);
         body();
         _exit(7);
     }

@@ -114,9 +114,11 @@ CardTest::CardTest() {
     fake_platform().reset();
     clean_card();
     std::snprintf(err_msg, sizeof err_msg, "%s", untouched_text.data());
+    held_before = interpose::held();
 }
 
 CardTest::~CardTest() {
+    EXPECT_EQ(interpose::held(), held_before);
     interpose::reset();
     record_seen_lines();
 }

@@ -18,12 +18,14 @@ inline constexpr const char *bootstrap_path = "/dev/kd_bootstrap";
 inline constexpr const char *packaged_firmware_path = "/pkg/fpd/ucode";
 
 /// One test on a card of its own: nothing in the card's directories, the default bootstrap file, the fake platform's
-/// default card, nothing armed, err_msg full of what no earlier call left there.
+/// default card, nothing armed, err_msg full of what no earlier call left there. It fails when memory is left that it
+/// took.
 struct CardTest : testing::Test {
     CardTest();
     ~CardTest() override;
 
     char err_msg[256];
+    std::size_t held_before;
 };
 
 /// What err_msg holds when a test begins.

@@ -650,6 +650,7 @@ TEST_F(EndingWorker, IsNotWaitedForForEverBehindItsEnd) {
     interpose::on_sleep([](std::uint64_t) {});
     release_retired_workers(card);
     EXPECT_EQ(card.hanging_threads, 1U);
+    EXPECT_EQ(interpose::calls(Call::pthread_detach), 1U);
     gate.open();
     std::free(worker);
 }
@@ -705,6 +706,17 @@ TEST_F(Worker, MayBeAThreadWithoutAHandle) {
               0);
     pthread_attr_destroy(&attributes);
     EXPECT_TRUE(eventually([] { return ran.load(); }));
+}
+
+TEST_F(Worker, HasNoDescriptorBeforeItOpensTheQueue) {
+    const Gate gate;
+    interpose::before_each(Call::mq_open, [gate] { gate.pass(); });
+    Fpd &fpd = plan("IoFpga");
+    ASSERT_EQ(start(fpd), 0);
+    gate.await_arrival();
+    EXPECT_EQ(fpd.worker->mq, -1);
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
 }
 
 }  // namespace
