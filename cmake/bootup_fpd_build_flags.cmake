@@ -9,12 +9,9 @@ target_compile_options(bootup_fpd_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
   -fstack-protector-strong -fstack-clash-protection)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # gcc 12 sees overlapping copies in std::string's operator+ and, under sanitizers, uninitialized members in std::regex
-  # where there are none.
-  target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-restrict)
-  if(BOOTUP_FPD_SANITIZE)
-    target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-maybe-uninitialized)
-  endif()
+  # gcc 12 sees overlapping copies in std::string's operator+ and, under sanitizers or optimized, uninitialized members in
+  # std::regex and std::optional where there are none.
+  target_compile_options(bootup_fpd_build_flags INTERFACE -Wno-restrict -Wno-maybe-uninitialized)
 endif()
 target_link_options(bootup_fpd_build_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 
