@@ -12,6 +12,7 @@
 #include "brd_intf_auto_fpd_upgrade_config.h"
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 #include "brd_intf_auto_fpd_upgrade_init.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "brd_platform_access.h"
 #include "fpd_log.h"
 #include "fpd_upgrade_cookie.h"
@@ -32,7 +33,7 @@ enum class Command {
 
 /// One run of the tool.
 struct Run {
-    unsigned run_level = run_level_boot;
+    RunLevel run_level = RunLevel::boot;
     Command command = Command::none;
     int config_value = 0;  // of set_config
     int mode_value = 0;    // of set_upgrade_mode, an UpgradeMode
@@ -155,7 +156,7 @@ Parsed parse_options(int argc, char **argv, Run &run) {
     bool error = false;
     for (int option; (option = getopt(argc, argv, "c:bh")) != -1;) {
         if (option == 'h') return Parsed::help;
-        if (option == 'b') run.run_level = run_level_backend;
+        if (option == 'b') run.run_level = RunLevel::backend;
         if (option == 'c' && !error) error = !parse_command(optarg, run);
     }
     return error || run.command == Command::none ? Parsed::error : Parsed::run;
@@ -271,6 +272,8 @@ int card_command(Run &run) {
         return card_command_failed("Interface Init", run.err_msg);
     const int result = run_command_on_card(run);
     const int rc = interface_deinit(*run.card, run.err_msg, sizeof run.err_msg);
+    // Also when the queue could not be removed.
+    release_retired_workers(*run.card);
     run.thread_hangs = run.card->hanging_threads != 0;
     if (rc != 0) return card_command_failed("Interface Deinit", run.err_msg);
     if (context_deinit(&run.card, run.err_msg, sizeof run.err_msg) != 0)
@@ -310,7 +313,7 @@ int bootup_fpd(int argc, char **argv, Run &run) {
         std::printf(usage_format, argv[0]);
         return parsed == Parsed::help ? 0 : status_failed;
     }
-    if (run.run_level == run_level_boot) brd_sb_attribute_flag_set(attribute_flag_boot);
+    if (run.run_level == RunLevel::boot) brd_sb_attribute_flag_set(attribute_flag_boot);
     if (platform_interface_init() != 0) {
         std::fprintf(stderr, "Init Auto FPD Upgrade interface library\n");
         return status_failed;

@@ -2,11 +2,11 @@
 
 #include <cerrno>
 
-#include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "brd_platform_access.h"
 #include "fpd_log.h"
 #include "fpd_utility.h"
+#include "local_card.h"
 
 namespace {
 

@@ -22,6 +22,7 @@
 #include "os_file.h"
 #include "os_signal.h"
 #include "os_time.h"
+#include "worker_msg.h"
 
 std::uint32_t bootup_fpd_time_div = 1;
 
@@ -131,7 +132,6 @@ void handle_failed(LocalCard &card, Fpd &fpd, std::uint32_t progress) {
     log_info({here, "FpdUpgResponseFailed"}, "FPD %s state %s updated in the sequence queue %d", fpd.info.name,
              state_name(fpd.state), fpd.seq);
     leave_sequence_queue(card, fpd, {here, "FpdUpgResponseFailQMoveFail"});
-    --card.planned_count;
 }
 
 void handle_done(LocalCard &card, Fpd &fpd) {
@@ -143,7 +143,6 @@ void handle_done(LocalCard &card, Fpd &fpd) {
     raise_fpd_event({here, "FpdUpgSendFpdCompletedEventFail"}, AUTO_FPD_UPGRADE_EVENT_WARNING,
                     "Auto FPD Upgrade completed for '%s'", fpd.info.name);
     retire_worker(card, fpd, true);
-    --card.planned_count;
     char err_msg[error_size] = "";
     if (fpd_info_refresh(card, fpd, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgDoneInfoGetFail"}, "FPD %s Info get failed, error %s", fpd.info.name, err_msg);
@@ -311,7 +310,6 @@ int end_stuck_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
     }
     transition(fpd, FpdState::cant_be_upgraded);
     leave_sequence_queue(card, fpd, {here, check.move_tag});
-    --card.planned_count;
     return -ESTALE;
 }
 
@@ -509,7 +507,7 @@ void upgrade_planned_fpds(LocalCard &card, char *err_msg, std::size_t err_len) {
 
 }  // namespace
 
-int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
+int run_fpd_upgrade(LocalCard &card, RunLevel run_level) {
     char err_msg[error_size] = "";
     if (card.planned_count == 0) return delete_previous_marker(err_msg, sizeof err_msg);
     bool same = false;
@@ -520,7 +518,7 @@ int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
 
     upgrade_planned_fpds(card, err_msg, sizeof err_msg);
     flush_flash_log(card);
-    if (run_level == run_level_boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
+    if (run_level == RunLevel::boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgActivationRequestFailed"}, "Auto FPD Upgrade Activation request failed %s", err_msg);
     return 0;
 }

@@ -106,13 +106,6 @@ int free_queues(LocalCard &card) {
     return 0;
 }
 
-void leave_sequence_queue(LocalCard &card, Fpd &fpd, LogSite site) {
-    char err_msg[256] = "";
-    if (move_fpd_between_queue(&card.queues.seq_queues[fpd.seq], &card.queues.fpd_queue, &fpd, err_msg,
-                               sizeof err_msg) != 0)
-        log_error(site, "FPD %s failed Move queue error %s", fpd.info.name, err_msg);
-}
-
 // Discovery and evaluation of every FPD region ------------------------------------------------------------------------
 
 int get_fpd_name(std::uint32_t group_id, std::uint32_t obj_id, std::uint8_t region, char *name, std::size_t name_len,
@@ -194,13 +187,13 @@ int fpd_info_refresh(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t
 namespace {
 
 /// Whether this run passes the FPD over by its capabilities.
-bool skipped_by_capability(unsigned run_level, UpgradeStage stage, const Fpd &fpd) {
+bool skipped_by_capability(RunLevel run_level, UpgradeStage stage, const Fpd &fpd) {
     const char *const name = fpd.info.name;
     if (fpd.capabilities & FPD_CAPABILITY_NO_AUTO_UPGRADE) {
         log_info({here, "InitFpdSkipAutoFpdUpgNotSupported"}, "FPD %s Auto upgrade is not supported", name);
         return true;
     }
-    if (run_level == run_level_boot && !(fpd.capabilities & FPD_CAPABILITY_BOOTUP_AUTO_UPGRADE)) {
+    if (run_level == RunLevel::boot && !(fpd.capabilities & FPD_CAPABILITY_BOOTUP_AUTO_UPGRADE)) {
         log_info({here, "InitFpdSkipAutoFpdUpgNotBootUp"}, "FPD %s Bootup Auto upgrade is not supported", name);
         return true;
     }
@@ -261,7 +254,7 @@ int validate_image(const Fpd &fpd, char *err_msg, std::size_t err_len) {
 }
 
 /// Evaluates a discovered FPD for the stage; what comes of it is its state.
-void evaluate_fpd(unsigned run_level, UpgradeStage stage, const LocalCard &card, Fpd &fpd, char *err_msg,
+void evaluate_fpd(RunLevel run_level, UpgradeStage stage, const LocalCard &card, Fpd &fpd, char *err_msg,
                   std::size_t err_len) {
     fpd.capabilities = get_fpd_capability_info(fpd.info.name, card.board_type, card.hw_version);
     transition(fpd, FpdState::capability_received);
@@ -314,7 +307,7 @@ int discover_fpd(LocalCard &card, std::uint32_t obj_id, std::uint8_t region, Fpd
 }
 
 /// Loads every region of one FPD object. -ENOMEM.
-int load_fpd_object(unsigned run_level, UpgradeStage stage, LocalCard &card, std::uint32_t obj_id, char *err_msg,
+int load_fpd_object(RunLevel run_level, UpgradeStage stage, LocalCard &card, std::uint32_t obj_id, char *err_msg,
                     std::size_t err_len) {
     std::uint8_t num_regions = 0;
     if (brd_fpd_num_regions_get(card.group_id, obj_id, &num_regions) != 0) {
@@ -333,7 +326,7 @@ int load_fpd_object(unsigned run_level, UpgradeStage stage, LocalCard &card, std
 
 }  // namespace
 
-int load_fpds(unsigned run_level, UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
+int load_fpds(RunLevel run_level, UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     std::uint32_t count = 0;
     if (brd_group_fpd_num_fpds_get(card.group_id, &count) != 0)
@@ -441,12 +434,11 @@ int plan_fpd(LocalCard &card, Fpd &fpd, unsigned seq, const PassTexts &texts, ch
         transition(fpd, FpdState::cant_be_upgraded);
         return 0;
     }
-    if (move_fpd_between_queue(&card.queues.fpd_queue, &card.queues.seq_queues[seq], &fpd, err_msg, err_len) != 0) {
+    if (enter_sequence_queue(card, fpd, seq, err_msg, err_len) != 0) {
         log_error({here, texts.move_failed_tag}, "FPD %s failed Move queue error %s", fpd.info.name, err_msg);
         transition(fpd, FpdState::cant_be_upgraded);
         return 0;
     }
-    ++card.planned_count;
     transition(fpd, FpdState::queued_for_upgrade);
     log_info({here, texts.added_tag}, "FPD %s would be upgrade in the sequence queue # %d", fpd.info.name,
              static_cast<int>(seq));
@@ -632,7 +624,7 @@ int build_upgrade_queue(UpgradeStage stage, LocalCard &card, char *err_msg, std:
 
 namespace {
 
-int build_stage(unsigned run_level, UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
+int build_stage(RunLevel run_level, UpgradeStage stage, LocalCard &card, char *err_msg, std::size_t err_len) {
     int rc = load_fpds(run_level, stage, card, err_msg, err_len);
     if (rc != 0) return pass_on({here, "LoadFpdsFail"}, rc, "Initializing FPDs failed err_msg %s", err_msg);
     rc = build_upgrade_queue(stage, card, err_msg, err_len);
@@ -650,7 +642,7 @@ int clean_stage(LocalCard &card, char *err_msg, std::size_t err_len) {
     return 0;
 }
 
-int build_golden_stage(unsigned run_level, UpgradeStage stage, LogSite failure_site, LocalCard &card, char *err_msg,
+int build_golden_stage(RunLevel run_level, UpgradeStage stage, LogSite failure_site, LocalCard &card, char *err_msg,
                        std::size_t err_len) {
     const int rc = build_stage(run_level, stage, card, err_msg, err_len);
     if (rc != 0)
@@ -660,7 +652,7 @@ int build_golden_stage(unsigned run_level, UpgradeStage stage, LogSite failure_s
 }
 
 /// A locked Golden image has to be unlocked by one run before another can install the manufacturing firmware.
-int plan_manufacturing(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
+int plan_manufacturing(RunLevel run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
     constexpr UpgradeStage stage_1a = UpgradeStage::requires_golden_unlocked_primary;
     int rc = build_golden_stage(run_level, stage_1a, {here, "FpdUpgdStageCheckReqGlndUnlckPrimaryFail"}, card, err_msg,
                                 err_len);
@@ -681,7 +673,7 @@ int plan_manufacturing(unsigned run_level, LocalCard &card, char *err_msg, std::
 
 }  // namespace
 
-int plan_upgrade(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
+int plan_upgrade(RunLevel run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     int mode = 0;
     const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, err_msg, err_len);
@@ -701,7 +693,7 @@ int plan_upgrade(unsigned run_level, LocalCard &card, char *err_msg, std::size_t
     return fail({here, "FpdUpgdModeUnknown"}, EINVAL, err_msg, err_len, "Unknown FPD Upgrade mode %d", mode);
 }
 
-int interface_init(unsigned run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
+int interface_init(RunLevel run_level, LocalCard &card, char *err_msg, std::size_t err_len) {
     const int rc = create_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);
     if (rc != 0)
         return pass_on({here, "InitMQFail"}, rc, "Initializing Auto FPD Upgrade msg queue failed err_msg %s", err_msg);
@@ -713,7 +705,6 @@ int interface_deinit(LocalCard &card, char *err_msg, std::size_t err_len) {
     int rc = free_queues(card);
     if (rc != 0) return fail({here, "DeinitFpdFail"}, rc, err_msg, err_len, "Deinitializing FPDs failed");
     rc = delete_fpd_mq(card.mq_name, &card.mq, err_msg, err_len);
-    release_retired_workers(card);
     if (rc != 0)
         return pass_on({here, "DeinitFpdMQFail"}, rc, "Deinitializing FPD msg queue failed err_msg %s", err_msg);
     return 0;

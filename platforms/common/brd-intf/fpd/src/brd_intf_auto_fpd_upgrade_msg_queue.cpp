@@ -10,10 +10,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fpd_log.h"
 #include "os_file.h"
 #include "os_time.h"
+#include "worker_msg.h"
 
 namespace {
 

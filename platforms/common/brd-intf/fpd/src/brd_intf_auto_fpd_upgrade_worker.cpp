@@ -10,12 +10,12 @@
 #include <ctime>
 
 #include "brd_intf_auto_fpd_obfl.h"
-#include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_events_fpd.h"
 #include "fpd_log.h"
 #include "os_file.h"
 #include "os_thread.h"
+#include "worker_msg.h"
 
 namespace {
 
@@ -59,7 +59,6 @@ int give_up_for_dependency(LocalCard &card, Fpd &fpd, char *err_msg, std::size_t
                         fpd.dependency->info.name, state_name(fpd.dependency->state));
     transition(fpd, FpdState::cant_be_upgraded);
     leave_sequence_queue(card, fpd, {here, "StartFpdUpgWorkerQMoveFail"});
-    --card.planned_count;
     return rc;
 }
 
