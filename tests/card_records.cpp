@@ -5,7 +5,7 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "subprocess.h"
+#include "files.h"
 #include "text_match.h"
 
 namespace fs = std::filesystem;

@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include "files.h"
 #include "message_catalogue.h"
 #include "source_reader.h"
-#include "subprocess.h"
 
 namespace fs = std::filesystem;
 using namespace catalogue;
