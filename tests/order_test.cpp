@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "card_test.h"
+#include "comparison_record.h"
 #include "order_text.h"
 #include "order_trace.h"
 
@@ -55,12 +56,19 @@ class Order : public CardTest {
         if (std::getenv("ORDER_UPDATE") != nullptr) {
             write_file(file, updated_order(order, text));
         } else {
+            if (text == compared_text(order)) put_on_record(result);
             EXPECT_EQ(text, compared_text(order)) << "if this is right: ORDER_UPDATE=1, see order/README.md";
         }
     }
 
   private:
     fs::path trace() const { return root_ / "trace"; }
+    /// For the message catalogue: they were compared whole.
+    static void put_on_record(const Result &result) {
+        if (!catalogue::recording()) return;
+        catalogue::record({"stdout", result.out});
+        catalogue::record({"stderr", result.err});
+    }
     static std::string end_text(const Result &result) {
         std::string text = "== exit status " + std::to_string(result.status) + "\n";
         static const std::regex duration(" after [0-9.]+ s\n");
