@@ -26,7 +26,7 @@ constexpr std::size_t most_records = 4096;  // far more than the libraries tell 
 /// What is known of the run from its planning on.
 struct Run {
     LocalCard *card = nullptr;
-    unsigned level = RunLevel::boot;
+    RunLevel level = RunLevel::boot;
     int mode = 0;
     bool planned = false;             // the records are those of the run
     std::set<const Fpd *> records;    // all of them

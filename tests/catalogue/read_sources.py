@@ -94,11 +94,22 @@ def site_of(arguments):
     module = inner(arguments[0]) if arguments else None
     if module is None or module.kind != Kind.DECL_REF_EXPR or module.referenced.type.spelling != "const LogModule":
         return None
-    component = next((cursor for cursor in module.referenced.walk_preorder() if cursor.kind == Kind.STRING_LITERAL), None)
+    names = module_names(module.referenced)
     tag = value_of(arguments[1])
-    if component is None or tag is None:
+    if len(names) != 2 or tag is None:
         return None
-    return Site(ast.literal_eval(component.spelling), Path(module.referenced.location.file.name).stem, tag)
+    component, path = names
+    return Site(component, Path(path).stem, tag)
+
+
+def module_names(variable):
+    """The component word and the path that a module is initialised with, there or in the module that it is a copy of."""
+    cursors = [cursor for child in variable.get_children() for cursor in child.walk_preorder()]
+    copied = [cursor.referenced for cursor in cursors
+              if cursor.kind == Kind.DECL_REF_EXPR and cursor.type.spelling == "const LogModule"]
+    if copied:
+        return module_names(copied[0])
+    return [ast.literal_eval(cursor.spelling) for cursor in cursors if cursor.kind == Kind.STRING_LITERAL]
 
 
 def parts(value):

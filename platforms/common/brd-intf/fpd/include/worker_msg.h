@@ -12,6 +12,9 @@
 
 struct LocalCard;
 
+/// The number of no message queue.
+inline constexpr int no_mq = -1;
+
 /// Context of one worker. The main thread makes it, retires it and, when the thread can no longer touch it, releases
 /// it. The thread reads the copies in it and nothing of the card or the record: those may be gone, or about another
 /// upgrade of the same FPD, when a worker that was given up on wakes up.

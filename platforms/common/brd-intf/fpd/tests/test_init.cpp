@@ -261,7 +261,7 @@ TEST_F(FpdName, EndsWithItsRecordWhenTheLibraryDoesNotEndIt) {
     };
     char large[300];
     EXPECT_EQ(get_fpd_name(3, 1, 0, large, sizeof large, err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(large, std::string(103, 'n'));
+    EXPECT_EQ(large, std::string(102, 'n'));
 }
 
 // The information block -----------------------------------------------------------------------------------------------
