@@ -21,13 +21,6 @@ constexpr Module brd_module{"BRD", "brd_intf_auto_fpd_upgrade_brd"};
 // In neither table.
 constexpr std::uint32_t foreign_board_type = 0xffffffff;
 
-/// Lines of the module itself, without those of what it calls.
-std::vector<LogLine> own_lines() {
-    std::vector<LogLine> lines = log_lines();
-    std::erase_if(lines, [](const LogLine &line) { return line.file != brd_module.file; });
-    return lines;
-}
-
 std::string bootstrap_with_type(std::uint32_t board_type) {
     return "PD_CARD_TYPE=" + std::to_string(board_type) +
            "\nHW_MAJOR_VERSION=70000\nHW_MINOR_VERSION=3\nPD_SLOT_NUM=11\nMY_CARD_PID=CARD-36H\n";
@@ -90,7 +83,7 @@ TEST_F(GroupType, PassesTheFailedReadOfTheBoardTypeOn) {
     std::uint32_t group_type = 99;
     EXPECT_EQ(get_card_group_type(&group_type), -2);
     EXPECT_EQ(group_type, 99U);
-    EXPECT_THAT(own_lines(),
+    EXPECT_THAT(log_lines(brd_module),
                 ElementsAre(log_line(brd_module, "ERROR", "BoardTypeGetFail", "Failed to get Card Board Type")));
 }
 
@@ -108,7 +101,7 @@ struct BrdCardInit : CardTest {
     static void expect_failed_read(int rc, const char *tag, const char *message) {
         clear_log();
         EXPECT_EQ(brd_card_init(), rc);
-        const std::vector<LogLine> lines = own_lines();
+        const std::vector<LogLine> lines = log_lines(brd_module);
         ASSERT_THAT(lines, testing::Not(IsEmpty()));
         EXPECT_THAT(lines.back(), log_line(brd_module, "ERROR", tag, message));
         const bool of_group_type = lines[0].tag == "BoardTypeGetFail";  // whose failed read has a line of its own

@@ -26,6 +26,7 @@ using testing::SizeIs;
 constexpr const char *mount_line = "timeout 5m /usr/sbin/check-flash start obfl";
 constexpr const char *unmount_line = "timeout 30s /usr/sbin/check-flash stop obfl";
 constexpr const char *mountpoint_line = "mountpoint /mnt/obfl";
+constexpr const char *no_directory = "Failed to OBFL directory name: /mnt/obfl, error Input/output error'";
 
 std::string flash_file(const std::string &name) {
     return "/mnt/obfl/" + name;
@@ -128,35 +129,28 @@ TEST_F(Obfl, UsesAFlashThatIsMountedAlready) {
     EXPECT_EQ(obfl_context().mount_thread, pthread_t{});
 }
 
-TEST_F(Obfl, IsReadyWithoutATemporaryLog) {
-    set_mounted(true);
-    EXPECT_STREQ(GetFpdObflLogFilename(), flash_log_path);
-    EXPECT_TRUE(obfl_context().flash_ready);
-    EXPECT_FALSE(fs::exists(flash_log_path));
-}
-
 TEST_F(Obfl, KeepsToTheTemporaryLogWhenItCannotBeMovedAtTheStart) {
     set_mounted(true);
     write_file(event_log_path, "old\n");
     interpose::fail(Call::opendir, EIO);
     EXPECT_STREQ(GetFpdObflLogFilename(), event_log_path);
     expect_log(obfl_module, "ERROR", "CopyTempObflLogIntoLatestFlashFileFail",
-               "Failed to copy temporary OBFL log into latest flash file, error 'Failed to OBFL directory name: "
-               "/mnt/obfl, error Input/output error'");
+               std::string("Failed to copy temporary OBFL log into latest flash file, error '") + no_directory);
     EXPECT_EQ(obfl_context().mount_status, ObflMountStatus::already_mounted);
     EXPECT_FALSE(obfl_context().flash_ready);
     EXPECT_STREQ(GetFpdObflLogFilename(), event_log_path);
     EXPECT_THAT(fake_platform().command_lines(), SizeIs(1));
 }
 
-TEST_F(Obfl, FallsBackWhenTheLatestFileCannotBeFound) {
-    set_mounted(true);  // without a temporary log nothing is looked for at the start
+TEST_F(Obfl, IsReadyWithoutATemporaryLogAndFallsBackWhenTheLatestFileCannotBeFound) {
+    set_mounted(true);
     interpose::fail(Call::opendir, EIO);
     EXPECT_STREQ(GetFpdObflLogFilename(), event_log_path);
     expect_log(obfl_module, "ERROR", "GetFpdObflLogFilename",
-               "Failed to get FPD OBFL Filename, error 'Failed to OBFL directory name: /mnt/obfl, error Input/output "
-               "error'");
+               std::string("Failed to get FPD OBFL Filename, error '") + no_directory);
+    EXPECT_TRUE(obfl_context().flash_ready);
     EXPECT_STREQ(GetFpdObflLogFilename(), flash_log_path);
+    EXPECT_FALSE(fs::exists(flash_log_path));
 }
 
 // The mount thread ----------------------------------------------------------------------------------------------------
@@ -223,8 +217,7 @@ TEST_F(Obfl, StaysWithTheTemporaryLogWhenItCannotBeMovedToTheMountedFlash) {
     fpd_obfl_log("two");
     EXPECT_EQ(obfl_context().mount_status, ObflMountStatus::mounted);
     expect_log(obfl_module, "ERROR", "CopyTempObflLogIntoLatestFlashFileFaile",
-               "Failed to copy temporary OBFL log into latest flash file, error 'Failed to OBFL directory name: "
-               "/mnt/obfl, error Input/output error'");
+               std::string("Failed to copy temporary OBFL log into latest flash file, error '") + no_directory);
     EXPECT_THAT(event_log_texts(event_log_path), ElementsAre("one", "two"));
 }
 

@@ -163,6 +163,12 @@ std::vector<LogLine> log_lines(std::string_view tag) {
     return lines;
 }
 
+std::vector<LogLine> log_lines(const Module &module) {
+    std::vector<LogLine> lines = log_lines();
+    std::erase_if(lines, [&module](const LogLine &line) { return line.file != module.file; });
+    return lines;
+}
+
 void clear_log() {
     record_seen_lines();
     fs::remove(diagnostic_log_path);

@@ -69,6 +69,8 @@ void PrintTo(const LogLine &line, std::ostream *out);
 std::vector<LogLine> log_lines();
 /// Those with the tag.
 std::vector<LogLine> log_lines(std::string_view tag);
+/// Those of the module itself, without the lines of what it calls.
+std::vector<LogLine> log_lines(const Module &module);
 /// Forgets the lines so far.
 void clear_log();
 
