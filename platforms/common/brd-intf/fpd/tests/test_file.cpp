@@ -74,6 +74,13 @@ TEST_F(OpenDirectory, IsReadWhateverSignalsInterrupt) {
     int entries = 0;
     while (next_entry(directory.get())) ++entries;
     EXPECT_EQ(entries, 3) << "the file, the directory and its parent";
+    for (const unsigned interruptions : {0U, 1U}) {
+        const unsigned before = interpose::calls(Call::readdir);
+        errno = EINTR;  // of an earlier call
+        interpose::fail(Call::readdir, EINTR, 1, interruptions);
+        EXPECT_FALSE(next_entry(directory.get()));
+        EXPECT_EQ(interpose::calls(Call::readdir), before + 1 + interruptions);
+    }
     EXPECT_FALSE(open_directory("/misc/scratch/none"));
     EXPECT_EQ(errno, ENOENT);
 }
@@ -85,7 +92,7 @@ TEST_F(OpenDirectory, EndsWithAnyOtherError) {
     EXPECT_EQ(errno, EBADF);
 }
 
-/// A device that gives and takes one character at a time, and fails each second time, with `error`.
+/// A device that gives one character and takes up to three at a time, and fails each second time, with `error`.
 struct Device {
     explicit Device(std::string given) : content(std::move(given)) {
         const cookie_io_functions_t functions{read, write, nullptr, nullptr};
@@ -106,11 +113,12 @@ struct Device {
         device.content.erase(0, 1);
         return 1;
     }
-    static ssize_t write(void *cookie, const char *bytes, std::size_t) {
+    static ssize_t write(void *cookie, const char *bytes, std::size_t size) {
         auto &device = *static_cast<Device *>(cookie);
         if (device.fails()) return 0;
-        device.content += *bytes;
-        return 1;
+        const std::string_view taken(bytes, std::min<std::size_t>(size, 3));
+        device.content += taken;
+        return static_cast<ssize_t>(taken.size());
     }
 
     std::string content;
