@@ -14,6 +14,8 @@
 
 #include "brd_platform_access.h"
 #include "fpd_description.h"
+#include "fpd_upgrade_cookie.h"
+#include "fpd_utility.h"
 
 /// One FPD region.
 struct FakeRegion {
@@ -40,9 +42,9 @@ struct FakeLed {
 struct FakeCommand {
     std::string prefix;
     int rc = 0;
-    std::string output;
-    std::string error;             // into err_msg when rc is not 0
-    std::function<void()> effect;  // runs first; may be null
+    std::string output{};
+    std::string error{};             // into err_msg when rc is not 0
+    std::function<void()> effect{};  // runs first; may be null
 };
 
 /// What exec_shell_command was handed to write into.
@@ -60,74 +62,86 @@ struct FakeCall {
     bool operator==(const FakeCall &) const = default;
 };
 
-struct FakePlatform {
-    // The card.
+/// A region that runs 1.0.0, has 2.0.0 packaged as "<name>.bin", and is to be upgraded; activation kind 0, sequence 0.
+FakeRegion make_region(const std::string &name);
+/// The FPD with regions of these names.
+FakeFpd make_fpd(std::uint32_t obj_id, const std::vector<std::string> &names);
+
+/// What a test sets: the card, and answers in place of the card's.
+struct FakeAnswers {
     std::uint32_t group_id = 3;
-    std::vector<FakeFpd> fpds;
-    std::vector<FakeLed> leds;
+    std::vector<FakeFpd> fpds{make_fpd(1, {"IoFpga"})};
+    std::vector<FakeLed> leds{{.obj_id = 1}};
     std::vector<FakeCommand> commands;
     int auto_upgrade = 1;
     int upgrade_mode = 0;
     std::string chatter;  // into err_msg where nothing failed
 
-    // Answers in place of the card's.
-    std::function<int(int)> brd_sb_attribute_flag_set;
-    std::function<int(std::uint32_t *)> brd_local_card_group_id_get;
-    std::function<int(std::uint32_t, std::uint32_t *)> brd_group_fpd_num_fpds_get;
-    std::function<int(std::uint32_t, std::uint32_t *)> brd_group_fpd_obj_id_list_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint8_t *)> brd_fpd_num_regions_get;
-    std::function<int(std::uint32_t, std::uint32_t, BrdFpdRegion *, std::uint8_t)> brd_fpd_regions_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *, std::size_t)> brd_fpd_info_get;
-    std::function<int(std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *, char *, std::size_t)> brd_fpd_upgrade;
-    std::function<int(std::uint32_t)> brd_group_led_init;
-    std::function<int(std::uint32_t, std::uint32_t *)> brd_group_led_num_leds_get;
-    std::function<int(std::uint32_t, std::uint32_t *)> brd_group_led_obj_id_list_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint32_t *)> brd_led_type_get;
-    std::function<int(std::uint32_t, std::uint32_t, char *, std::size_t)> brd_led_name_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint32_t *)> brd_led_current_color_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint32_t *)> brd_led_current_state_get;
-    std::function<int(std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t)> brd_led_state_and_color_set;
-    std::function<int(std::uint32_t, std::uint32_t, FruHwData *, std::uint32_t *)> brd_fru_hw_data_init;
-    std::function<int(std::uint32_t)> brd_fru_hw_init;
-    std::function<std::uint32_t(const char *, std::uint32_t, FpdVersion)> get_fpd_capability_info;
-    std::function<int(FpdDescRequest *, FpdDesc *, char *, std::size_t)> check_and_get_upgrade_image;
-    std::function<int(const char *, const char *, const char *, char *, std::size_t)> image_md5_validate;
-    std::function<int(int *, char *, std::size_t)> cookie_get_auto_upgrade_config;
-    std::function<int(int, char *, std::size_t)> cookie_set_auto_upgrade_config;
-    std::function<int(int *, char *, std::size_t)> cookie_get_upgrade_mode;
-    std::function<int(int, char *, std::size_t)> cookie_set_upgrade_mode;
+    std::function<decltype(::brd_sb_attribute_flag_set)> brd_sb_attribute_flag_set;
+    std::function<decltype(::brd_local_card_group_id_get)> brd_local_card_group_id_get;
+    std::function<decltype(::brd_group_fpd_num_fpds_get)> brd_group_fpd_num_fpds_get;
+    std::function<decltype(::brd_group_fpd_obj_id_list_get)> brd_group_fpd_obj_id_list_get;
+    std::function<decltype(::brd_fpd_num_regions_get)> brd_fpd_num_regions_get;
+    std::function<decltype(::brd_fpd_regions_get)> brd_fpd_regions_get;
+    std::function<decltype(::brd_fpd_info_get)> brd_fpd_info_get;
+    std::function<decltype(::brd_fpd_upgrade)> brd_fpd_upgrade;
+    std::function<decltype(::brd_group_led_init)> brd_group_led_init;
+    std::function<decltype(::brd_group_led_num_leds_get)> brd_group_led_num_leds_get;
+    std::function<decltype(::brd_group_led_obj_id_list_get)> brd_group_led_obj_id_list_get;
+    std::function<decltype(::brd_led_type_get)> brd_led_type_get;
+    std::function<decltype(::brd_led_name_get)> brd_led_name_get;
+    std::function<decltype(::brd_led_current_color_get)> brd_led_current_color_get;
+    std::function<decltype(::brd_led_current_state_get)> brd_led_current_state_get;
+    std::function<decltype(::brd_led_state_and_color_set)> brd_led_state_and_color_set;
+    std::function<decltype(::brd_fru_hw_data_init)> brd_fru_hw_data_init;
+    std::function<decltype(::brd_fru_hw_init)> brd_fru_hw_init;
+    std::function<decltype(::get_fpd_capability_info)> get_fpd_capability_info;
+    std::function<decltype(::check_and_get_upgrade_image)> check_and_get_upgrade_image;
+    std::function<decltype(::brd_intf_fpd_image_md5_validate)> image_md5_validate;
+    std::function<decltype(::brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config)> cookie_get_auto_upgrade_config;
+    std::function<decltype(::brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config)> cookie_set_auto_upgrade_config;
+    std::function<decltype(::brd_intf_fpd_upgrade_cookie_get_upgrade_mode)> cookie_get_upgrade_mode;
+    std::function<decltype(::brd_intf_fpd_upgrade_cookie_set_upgrade_mode)> cookie_set_upgrade_mode;
+};
 
-    /// The record, in the order of the calls; copies, taken at any time.
-    std::vector<FakeCall> calls();
+/// What the closed functions were called with, in the order of the calls.
+struct FakeRecord {
+    std::vector<FakeCall> calls;
+    std::vector<std::string> command_lines;              // of exec_shell_command
+    std::vector<FakeCommandBuffers> command_buffers;     // of its calls
+    std::vector<BrdFpdUpgradeRequest> upgrade_requests;  // of brd_fpd_upgrade
+    std::vector<FpdDescRequest> description_requests;    // of check_and_get_upgrade_image
+    std::vector<FruHwData> hardware_data;                // of brd_fru_hw_data_init
+};
+
+struct FakePlatform : FakeAnswers {
+    // Copies of the record, taken at any time.
+    std::vector<FakeCall> calls() { return copy_of(&FakeRecord::calls); }
     std::vector<FakeCall> calls_of(const std::string &function);
-    std::vector<std::string> command_lines();              // of exec_shell_command
-    std::vector<FakeCommandBuffers> command_buffers();     // of its calls
-    std::vector<BrdFpdUpgradeRequest> upgrade_requests();  // of brd_fpd_upgrade
-    std::vector<FpdDescRequest> description_requests();    // of check_and_get_upgrade_image
-    std::vector<FruHwData> hardware_data();                // of brd_fru_hw_data_init
+    std::vector<std::string> command_lines() { return copy_of(&FakeRecord::command_lines); }
+    std::vector<FakeCommandBuffers> command_buffers() { return copy_of(&FakeRecord::command_buffers); }
+    std::vector<BrdFpdUpgradeRequest> upgrade_requests() { return copy_of(&FakeRecord::upgrade_requests); }
+    std::vector<FpdDescRequest> description_requests() { return copy_of(&FakeRecord::description_requests); }
+    std::vector<FruHwData> hardware_data() { return copy_of(&FakeRecord::hardware_data); }
     void forget_calls();
 
-    /// The default card again (see make_default_card), no hooks, nothing on record.
+    /// The default card again, no answers in its place, nothing on record.
     void reset();
 
     FakeFpd *find_fpd(std::uint32_t obj_id);
     FakeRegion *find_region(const std::string &name);
 
-    std::mutex lock;  // of everything above and below
-    std::vector<FakeCall> recorded;
-    std::vector<std::string> recorded_commands;
-    std::vector<FakeCommandBuffers> recorded_buffers;
-    std::vector<BrdFpdUpgradeRequest> recorded_upgrades;
-    std::vector<FpdDescRequest> recorded_descriptions;
-    std::vector<FruHwData> recorded_hardware;
+    template <class Part>
+    Part copy_of(Part FakeRecord::*part) {
+        const std::lock_guard guard(lock);
+        return record.*part;
+    }
+
+    std::mutex lock;  // of all that is here
+    FakeRecord record;
 };
 
 /// The process's fake; never destroyed, since a worker that was given up on may still be in it.
 FakePlatform &fake_platform();
-
-/// A region that runs 1.0.0, has 2.0.0 packaged as "<name>.bin", and is to be upgraded; activation kind 0, sequence 0.
-FakeRegion make_region(const std::string &name);
-/// The FPD with regions of these names.
-FakeFpd make_fpd(std::uint32_t obj_id, const std::vector<std::string> &names);
 
 #endif

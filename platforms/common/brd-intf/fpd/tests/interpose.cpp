@@ -304,11 +304,6 @@ int __wrap_open(const char *path, int flags, ...) {
     return __real_open(path, flags, mode);
 }
 
-std::FILE *__real_open_memstream(char **text, std::size_t *size);
-std::FILE *__wrap_open_memstream(char **text, std::size_t *size) {
-    return failure(Call::open_memstream) ? nullptr : __real_open_memstream(text, size);
-}
-
 dirent *__real_readdir(DIR *directory);
 dirent *__wrap_readdir(DIR *directory) {
     return failure(Call::readdir) ? nullptr : __real_readdir(directory);

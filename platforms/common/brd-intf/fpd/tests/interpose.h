@@ -29,7 +29,6 @@ enum class Call {
     mq_send,
     mq_unlink,
     open,
-    open_memstream,
     opendir,
     pthread_cancel,
     pthread_create,  // leaves what is no thread behind

@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "brd_intf_auto_fpd_bootstrap.h"
@@ -27,8 +29,6 @@ std::string with_nul(const std::string &before, const std::string &after) {
     return before + '\0' + after;
 }
 
-// The lookup of one key -----------------------------------------------------------------------------------------------
-
 struct BootstrapField : CardTest {
     BootstrapField() {
         std::memset(value, '#', sizeof value);
@@ -41,143 +41,66 @@ struct BootstrapField : CardTest {
     }
 
     void expect_value(const std::string &text, const std::string &expected, const char *key = "KEY") {
-        EXPECT_EQ(look_up(text, key), 0);
-        EXPECT_EQ(std::string_view(value), expected);
+        EXPECT_EQ(look_up(text, key), 0) << text;
+        EXPECT_EQ(std::string_view(value), expected) << text;
         EXPECT_THAT(log_lines(), IsEmpty());
     }
 
     void expect_failure(int rc, int expected, const char *tag, const std::string &message) {
         EXPECT_EQ(rc, expected);
-        EXPECT_THAT(log_lines(), ElementsAre(log_line(bootstrap_module, "ERROR", tag, message)));
+        expect_only_log(bootstrap_module, "ERROR", tag, message);
         EXPECT_THAT(value, Each('#')) << "the caller's buffer is left alone";
-    }
-
-    void expect_not_found(const std::string &text) {
-        expect_failure(look_up(text), -2, "FieldisNotFound", "Bootstrp field KEY is not found");
-    }
-
-    void expect_too_long(const std::string &text) {
-        expect_failure(look_up(text), -7, "KeyLengthTooLong", "Failed parsing, key length is too long");
+        clear_log();
     }
 
     char value[bootstrap_field_size];
     std::vector<std::uint64_t> sleeps;
 };
 
-TEST_F(BootstrapField, IsFoundOnAnyLine) {
-    expect_value("KEY=first\nOTHER=1\n", "first");
-    expect_value("OTHER=1\nKEY=middle\nLAST=2\n", "middle");
-    expect_value("OTHER=1\n\nKEY=last\n", "last");
+TEST_F(BootstrapField, IsWhatFollowsTheLastEqualSignOfTheFirstLineOfItsKeyWithoutBlanks) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"KEY=first\nOTHER=1\n", "first"},
+        {"OTHER=1\nKEY=middle\nLAST=2\n", "middle"},
+        {"OTHER=1\n\nKEY=last\n", "last"},
+        {"KEY=one\nKEY=two\n", "one"},
+        {"  K E Y  =  1 2 3  \n", "123"},
+        {"KEY=\t1\t2\r\n", "\t1\t2\r"},
+        {"KEY=x=y\n", "y"},
+        {"KEY=a long one=b=short\n", "short"},
+        {"KEY=x=\n", ""},
+        {"KEY=\n", ""},
+        {"KEY\n", ""},
+        {"OTHER=a longer value\nKEY\n", ""},
+        {"OTHER=a longer value\nKEY=b\n", "b"},
+        {with_nul("KEY=2\n", "\n"), "2"},
+        {"KEY=2\n\xFF\n", "2"},
+        {"KEY=\x80\xFE\n", "\x80\xFE"},
+    };
+    for (const auto &[text, expected] : cases) expect_value(text, expected);
 }
 
-TEST_F(BootstrapField, IsTheFirstOfThatKey) {
-    expect_value("KEY=one\nKEY=two\n", "one");
+TEST_F(BootstrapField, IsNotFoundUnderAnotherKeyNorBehindTheEndOfTheText) {
+    for (const std::string &text :
+         {std::string(), std::string("OTHER=1\nKEY=2"), std::string("key=1\nKEYS=2\nKE=3\nOKEY=4\n"),
+          std::string("KEY\t=1\n\tKEY=1\n"), with_nul("OTHER=1\n", "\nKEY=2\n"), with_nul("KEY=2", "\n"),
+          std::string("OTHER=1\xFF\nKEY=2\n")})
+        expect_failure(look_up(text), -2, "FieldisNotFound", "Bootstrp field KEY is not found");
 }
 
-TEST_F(BootstrapField, IsNotFoundOnALastLineWithoutANewline) {
-    expect_not_found("OTHER=1\nKEY=2");
-}
-
-TEST_F(BootstrapField, IsNotFoundInAnEmptyFile) {
-    expect_not_found("");
-}
-
-TEST_F(BootstrapField, MatchesTheWholeKeyWithItsCase) {
-    expect_not_found("key=1\nKEYS=2\nKE=3\nOKEY=4\n");
-}
-
-TEST_F(BootstrapField, LosesBlanksAnywhereInTheLine) {
-    expect_value("  K E Y  =  1 2 3  \n", "123");
-}
-
-TEST_F(BootstrapField, KeepsTabsAndCarriageReturns) {
-    expect_value("KEY=\t1\t2\r\n", "\t1\t2\r");
-}
-
-TEST_F(BootstrapField, IsNotFoundWhenATabBelongsToTheKey) {
-    expect_not_found("KEY\t=1\n\tKEY=1\n");
-}
-
-TEST_F(BootstrapField, IsWhatFollowsTheLastEqualSign) {
-    expect_value("KEY=x=y\n", "y");
-    expect_value("KEY=a long one=b=short\n", "short");
-    expect_value("KEY=x=\n", "");
-}
-
-TEST_F(BootstrapField, IsEmptyWithoutTextBehindTheEqualSignOrWithoutTheSign) {
-    expect_value("KEY=\n", "");
-    expect_value("KEY\n", "");
-}
-
-TEST_F(BootstrapField, TakesNothingFromTheLinesBefore) {
-    expect_value("OTHER=a longer value\nKEY\n", "");
-    expect_value("OTHER=a longer value\nKEY=b\n", "b");
-}
-
-TEST_F(BootstrapField, IsNotFoundBehindANulByte) {
-    expect_not_found(with_nul("OTHER=1\n", "\nKEY=2\n"));
-}
-
-TEST_F(BootstrapField, IsNotFoundOnALineWithANulByte) {
-    expect_not_found(with_nul("KEY=2", "\n"));
-}
-
-TEST_F(BootstrapField, IsNotFoundBehindAByteOf0xFF) {
-    expect_not_found("OTHER=1\xFF\nKEY=2\n");
-}
-
-TEST_F(BootstrapField, IsFoundBeforeANulByteAndAByteOf0xFF) {
-    expect_value(with_nul("KEY=2\n", "\n"), "2");
-    expect_value("KEY=2\n\xFF\n", "2");
-}
-
-TEST_F(BootstrapField, KeepsOtherBytesAbove127) {
-    expect_value("KEY=\x80\xFE\n", "\x80\xFE");
-}
-
-TEST_F(BootstrapField, HasUpTo253CharactersTogetherWithItsKey) {
+TEST_F(BootstrapField, IsFoundBehindLinesOfUpTo253CharactersAndOnOne) {
     expect_value("KEY=" + run_of(250) + "\n", run_of(250));
-}
-
-TEST_F(BootstrapField, FailsWith254CharactersTogetherWithItsKey) {
-    expect_too_long("KEY=" + run_of(251) + "\n");
-}
-
-TEST_F(BootstrapField, FillsTheBufferWhenItsKeyIsEmpty) {
     expect_value("=" + run_of(253) + "\n", run_of(253), "");
-}
-
-TEST_F(BootstrapField, MayHaveAKeyOf253Characters) {
-    const std::string key = run_of(253, 'K');
-    expect_value(key + "=\n", "", key.c_str());
-}
-
-TEST_F(BootstrapField, FailsWithAKeyOf254Characters) {
-    expect_too_long(run_of(254, 'K') + "=\n");
-}
-
-TEST_F(BootstrapField, IsFoundBehindALineOf253Characters) {
+    expect_value(run_of(253, 'K') + "=\n", "", run_of(253, 'K').c_str());
     expect_value("OTHER=" + run_of(248) + "\nKEY=1\n", "1");
-}
-
-TEST_F(BootstrapField, FailsBehindALineOf254Characters) {
-    expect_too_long("OTHER=" + run_of(249) + "\nKEY=1\n");
-}
-
-TEST_F(BootstrapField, IsFoundBeforeALineThatIsTooLong) {
     expect_value("KEY=1\nOTHER=" + run_of(1000) + "\n", "1");
-}
-
-TEST_F(BootstrapField, CountsNeitherBlanksNorEqualSigns) {
     expect_value("KEY" + run_of(300, ' ') + run_of(300, '=') + run_of(250) + "\n", run_of(250));
-}
-
-TEST_F(BootstrapField, HasUpTo253CharactersTogetherWithTheTextBeforeASecondEqualSign) {
     expect_value("KEY=" + run_of(125) + "=" + run_of(125) + "\n", run_of(125));
 }
 
-TEST_F(BootstrapField, CountsTheTextBeforeASecondEqualSign) {
-    expect_too_long("KEY=" + run_of(125) + "=" + run_of(126) + "\n");
+TEST_F(BootstrapField, FailsOnALineOf254CharactersAndBehindOne) {
+    for (const std::string &text : {"KEY=" + run_of(251), run_of(254, 'K') + "=", "OTHER=" + run_of(249) + "\nKEY=1",
+                                    "KEY=" + run_of(125) + "=" + run_of(126)})
+        expect_failure(look_up(text + "\n"), -7, "KeyLengthTooLong", "Failed parsing, key length is too long");
 }
 
 TEST_F(BootstrapField, FailsWithoutTheFile) {
@@ -201,12 +124,6 @@ TEST_F(BootstrapField, WaitsASecondBeforeEachOfThreeMoreAttemptsToOpenTheFile) {
     EXPECT_THAT(sleeps, ElementsAre(1'000'000U, 1'000'000U, 1'000'000U));
 }
 
-TEST_F(BootstrapField, DoesNotWaitForAFileThatOpens) {
-    expect_value("KEY=1\n", "1");
-    EXPECT_EQ(interpose::calls(Call::fopen), 1U);
-    EXPECT_THAT(sleeps, IsEmpty());
-}
-
 TEST_F(BootstrapField, FailsWhenTheFileDoesNotOpenInFourAttempts) {
     interpose::fail(Call::fopen, EBUSY, 1, 4);
     expect_failure(look_up("KEY=1\n"), -38, "BootstrapFileOpenFail",
@@ -215,71 +132,74 @@ TEST_F(BootstrapField, FailsWhenTheFileDoesNotOpenInFourAttempts) {
     EXPECT_THAT(sleeps, ElementsAre(1'000'000U, 1'000'000U, 1'000'000U));
 }
 
-TEST_F(BootstrapField, LeavesNoFileOpen) {
+TEST_F(BootstrapField, IsReadAnewEachTimeAndLeavesNoFileOpen) {
     const std::vector<std::string> before = open_descriptors();
-    look_up("KEY=1\n");
+    expect_value("KEY=1\n", "1");
+    expect_value("KEY=2\n", "2");
+    EXPECT_EQ(interpose::calls(Call::fopen), 2U);
+    EXPECT_THAT(sleeps, IsEmpty());
     look_up("OTHER=1\n");
     look_up(run_of(254));
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(BootstrapField, IsReadAnewEachTime) {
-    expect_value("KEY=1\n", "1");
-    expect_value("KEY=2\n", "2");
-}
-
-// The card type -------------------------------------------------------------------------------------------------------
-
-struct BootstrapCardType : CardTest {
-    int read(const std::string &value) {
-        write_file(bootstrap_path, "PD_CARD_TYPE=" + value + "\n");
-        return bootstrap_card_type_get(&card_type);
-    }
-
-    void expect_type(const std::string &value, std::uint32_t expected) {
-        card_type = untouched_number;
-        EXPECT_EQ(read(value), 0);
-        EXPECT_EQ(card_type, expected) << value;
-    }
-
-    std::uint32_t card_type = untouched_number;
+struct Number {
+    const char *key;
+    int (*get)(std::uint32_t *number);
 };
-
-TEST_F(BootstrapCardType, IsADecimalNumber) {
-    expect_type("12544", 12544);
-    expect_type("0010", 10);
-    expect_type("4294967295", 4294967295U);
+void PrintTo(const Number &number, std::ostream *out) {
+    *out << number.key;
 }
 
-TEST_F(BootstrapCardType, IsTheNumberThatTheTextBeginsWithOr0) {
-    expect_type("12abc", 12);
-    expect_type("0x3100", 0);
-    expect_type("abc", 0);
-    expect_type("", 0);
+struct BootstrapNumber : CardTest, testing::WithParamInterface<Number> {};
+
+INSTANTIATE_TEST_SUITE_P(Of, BootstrapNumber,
+                         testing::Values(Number{"PD_CARD_TYPE", bootstrap_card_type_get},
+                                         Number{"PD_SLOT_NUM", bootstrap_slot_num_get}),
+                         [](const auto &instance) { return std::string(instance.param.key); });
+
+TEST_P(BootstrapNumber, IsTheDecimalThatTheTextBeginsWithOr0CutTo32Bits) {
+    const std::pair<const char *, std::uint32_t> cases[] = {
+        {"=12544", 12544},
+        {" = 3", 3},
+        {"=0010", 10},
+        {"=4294967295", 4294967295U},
+        {"=12abc", 12},
+        {"=3\r", 3},
+        {"=0x3100", 0},
+        {"=abc", 0},
+        {"=", 0},
+        {"=4294967301", 5},
+        {"=18446744073709551616", 4294967295U},
+    };
+    for (const auto &[text, expected] : cases) {
+        write_file(bootstrap_path, std::string(GetParam().key) + text + "\n");
+        std::uint32_t number = untouched_number;
+        EXPECT_EQ(GetParam().get(&number), 0) << text;
+        EXPECT_EQ(number, expected) << text;
+    }
 }
 
-TEST_F(BootstrapCardType, IsCutTo32Bits) {
-    expect_type("4294967301", 5);
-    expect_type("18446744073709551616", 4294967295U);
+TEST_P(BootstrapNumber, PassesAFailedLookupOn) {
+    std::uint32_t number = untouched_number;
+    write_file(bootstrap_path, "MY_CARD_PID=1\n");
+    EXPECT_EQ(GetParam().get(&number), -2);
+    expect_only_log(bootstrap_module, "ERROR", "FieldisNotFound",
+                    std::string("Bootstrp field ") + GetParam().key + " is not found");
+    write_file(bootstrap_path, run_of(254));
+    EXPECT_EQ(GetParam().get(&number), -7);
+    std::filesystem::remove(bootstrap_path);
+    EXPECT_EQ(GetParam().get(&number), -38);
+    EXPECT_EQ(number, untouched_number);
 }
+
+struct BootstrapCardType : CardTest {};
 
 TEST_F(BootstrapCardType, NeedsAPlaceToGoTo) {
     EXPECT_EQ(bootstrap_card_type_get(nullptr), -22);
     EXPECT_EQ(interpose::calls(Call::stat), 0U);
     EXPECT_THAT(log_lines(), IsEmpty());
 }
-
-TEST_F(BootstrapCardType, PassesAFailedLookupOn) {
-    write_file(bootstrap_path, "PD_SLOT_NUM=1\n");
-    EXPECT_EQ(bootstrap_card_type_get(&card_type), -2);
-    expect_log(bootstrap_module, "ERROR", "FieldisNotFound", "Bootstrp field PD_CARD_TYPE is not found");
-    EXPECT_EQ(read(run_of(254)), -7);
-    std::filesystem::remove(bootstrap_path);
-    EXPECT_EQ(bootstrap_card_type_get(&card_type), -38);
-    EXPECT_EQ(card_type, untouched_number);
-}
-
-// The hardware version ------------------------------------------------------------------------------------------------
 
 struct BootstrapHwVersion : CardTest {
     int read(const std::string &major_value, const std::string &minor_value, int error_before = 0) {
@@ -311,43 +231,27 @@ struct BootstrapHwVersion : CardTest {
     std::uint32_t minor = untouched_number;
 };
 
-TEST_F(BootstrapHwVersion, HasTwoNumbers) {
+TEST_F(BootstrapHwVersion, HasTwoNumbersReadFromTheFileTwice) {
     EXPECT_EQ(read("2", "500"), 0);
     EXPECT_EQ(major, 2U);
     EXPECT_EQ(minor, 500U);
+    EXPECT_EQ(interpose::calls(Call::fopen), 2U);
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(BootstrapHwVersion, IsWhollyNumbers) {
+TEST_F(BootstrapHwVersion, IsWhollyNumbersCutTo32Bits) {
     expect_version("12", 12);
     expect_version("1 2", 12);
     expect_version("010", 10);
-    expect_no_version("1a");
-    expect_no_version("a1");
-    expect_no_version("0x10");
-    expect_no_version("3\r");
-    expect_no_version("3\t");
-}
-
-TEST_F(BootstrapHwVersion, IsNotEmpty) {
-    expect_no_version("");
-}
-
-TEST_F(BootstrapHwVersion, MayHaveWhatANumberMayBeginWith) {
     expect_version("\t7", 7);
     expect_version("+7", 7);
     expect_version("-1", 4294967295U);
-}
-
-TEST_F(BootstrapHwVersion, IsCutTo32Bits) {
     expect_version("4294967301", 5);
     expect_version("9223372036854775807", 4294967295U);
     expect_version("9223372036854775808", 0);
-}
-
-TEST_F(BootstrapHwVersion, IsCutTo32BitsAlsoWhenItDoesNotFitInto64) {
     expect_version("18446744073709551616", 4294967295U);
     expect_version("99999999999999999999999", 4294967295U, ERANGE);
+    for (const char *text : {"", "1a", "a1", "0x10", "3\r", "3\t"}) expect_no_version(text);
 }
 
 TEST_F(BootstrapHwVersion, IsNoLimitOfSigned64BitNumbersBehindAnEarlierOverflow) {
@@ -371,61 +275,18 @@ TEST_F(BootstrapHwVersion, NeedsTwoPlacesToGoTo) {
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(BootstrapHwVersion, PassesAFailedLookupOfTheMajorVersionOn) {
-    write_file(bootstrap_path, "HW_MINOR_VERSION=1\n");
-    EXPECT_EQ(bootstrap_hw_version_get(&major, &minor), -2);
-    expect_log(bootstrap_module, "ERROR", "FieldisNotFound", "Bootstrp field HW_MAJOR_VERSION is not found");
-    EXPECT_EQ(minor, untouched_number);
-}
-
-TEST_F(BootstrapHwVersion, StoresTheMajorVersionWhenTheLookupOfTheMinorOneFails) {
-    write_file(bootstrap_path, "HW_MAJOR_VERSION=8\n");
-    EXPECT_EQ(bootstrap_hw_version_get(&major, &minor), -2);
-    expect_log(bootstrap_module, "ERROR", "FieldisNotFound", "Bootstrp field HW_MINOR_VERSION is not found");
-    EXPECT_EQ(major, 8U);
-    EXPECT_EQ(minor, untouched_number);
-}
-
-TEST_F(BootstrapHwVersion, IsReadFromTheFileTwice) {
-    EXPECT_EQ(read("1", "0"), 0);
-    EXPECT_EQ(interpose::calls(Call::fopen), 2U);
-}
-
-// The slot number -----------------------------------------------------------------------------------------------------
-
-struct BootstrapSlotNum : CardTest {
-    void expect_slot(const std::string &line, std::uint32_t expected) {
-        write_file(bootstrap_path, line + "\n");
-        std::uint32_t slot = untouched_number;
-        EXPECT_EQ(bootstrap_slot_num_get(&slot), 0);
-        EXPECT_EQ(slot, expected) << line;
+TEST_F(BootstrapHwVersion, PassesAFailedLookupOnBehindAMajorVersionThatIsStored) {
+    for (const auto &[file, missing, expected] :
+         {std::tuple{"HW_MINOR_VERSION=1\n", "MAJOR", untouched_number}, {"HW_MAJOR_VERSION=8\n", "MINOR", 8U}}) {
+        clear_log();
+        write_file(bootstrap_path, file);
+        EXPECT_EQ(bootstrap_hw_version_get(&major, &minor), -2);
+        expect_only_log(bootstrap_module, "ERROR", "FieldisNotFound",
+                        std::string("Bootstrp field HW_") + missing + "_VERSION is not found");
+        EXPECT_EQ(major, expected);
+        EXPECT_EQ(minor, untouched_number);
     }
-};
-
-TEST_F(BootstrapSlotNum, IsADecimalNumber) {
-    expect_slot("PD_SLOT_NUM=11", 11);
-    expect_slot("PD_SLOT_NUM = 3", 3);
 }
-
-TEST_F(BootstrapSlotNum, Is0WhenItsTextIsNoNumber) {
-    expect_slot("PD_SLOT_NUM=abc", 0);
-    expect_slot("PD_SLOT_NUM=", 0);
-    expect_slot("PD_SLOT_NUM=3\r", 3);
-}
-
-TEST_F(BootstrapSlotNum, IsCutTo32Bits) {
-    expect_slot("PD_SLOT_NUM=4294967297", 1);
-}
-
-TEST_F(BootstrapSlotNum, PassesAFailedLookupOn) {
-    write_file(bootstrap_path, "PD_CARD_TYPE=1\n");
-    std::uint32_t slot = untouched_number;
-    EXPECT_EQ(bootstrap_slot_num_get(&slot), -2);
-    EXPECT_EQ(slot, untouched_number);
-    expect_log(bootstrap_module, "ERROR", "FieldisNotFound", "Bootstrp field PD_SLOT_NUM is not found");
-}
-
-// The product identifier ----------------------------------------------------------------------------------------------
 
 struct BootstrapCardPid : CardTest {
     BootstrapCardPid() { std::memset(pid, '#', sizeof pid); }
@@ -444,11 +305,6 @@ TEST_F(BootstrapCardPid, IsTheTextAndItsLengthComesBackAs0) {
     EXPECT_STREQ(pid, "CARD-36H");
     EXPECT_EQ(pid_len, 0U);
     EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(BootstrapCardPid, IsWhatFollowsTheLastEqualSign) {
-    EXPECT_EQ(read("x=y"), 0);
-    EXPECT_STREQ(pid, "y");
 }
 
 TEST_F(BootstrapCardPid, IsCutToItsPlace) {

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -15,8 +16,11 @@ using interpose::Call;
 
 struct AppendToFile : CardTest {};
 
-TEST_F(AppendToFile, MakesTheFileAndAddsToIt) {
+TEST_F(AppendToFile, MakesTheFileForAllToReadAndWriteAsFarAsTheMaskLetsThemAndAddsToIt) {
+    const mode_t mask = umask(0);
     EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
+    umask(mask);
+    EXPECT_EQ(std::filesystem::status("/misc/scratch/a").permissions(), std::filesystem::perms{0666});
     EXPECT_EQ(append_to_file("/misc/scratch/a", " two"), 0);
     EXPECT_EQ(read_file("/misc/scratch/a"), "one two");
 }
@@ -40,27 +44,20 @@ TEST_F(AppendToFile, RepeatsWhatASignalInterrupts) {
 
 struct OpenFile : CardTest {};
 
-TEST_F(OpenFile, IsClosedOnExec) {
-    write_file("/misc/scratch/a", "text");
-    const File files[] = {open_to_read("/misc/scratch/a"), open_to_write("/misc/scratch/a", "a"),
-                          open_to_write("/misc/scratch/a", "w+")};
-    for (const File &file : files) {
-        ASSERT_TRUE(file);
-        EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC);
-    }
-}
-
-TEST_F(OpenFile, IsRepeatedWhenASignalInterruptsIt) {
+TEST_F(OpenFile, IsClosedOnExecAndOpenedAgainWhenASignalInterruptsIt) {
     write_file("/misc/scratch/a", "text");
     interpose::fail(Call::fopen, EINTR, 1, 3);
-    EXPECT_TRUE(open_to_read("/misc/scratch/a"));
-}
-
-TEST_F(OpenFile, HasWhatIsWrittenInTheFileAtOnce) {
+    const File read = open_to_read("/misc/scratch/a");
+    ASSERT_TRUE(read);
+    EXPECT_TRUE(fcntl(fileno(read.get()), F_GETFD) & FD_CLOEXEC);
     for (const char *mode : {"a", "w+"}) {
-        const File file = open_to_write("/misc/scratch/b", mode);
+        interpose::fail(Call::fopen, EINTR, 1, 3);
+        const File file = open_to_write("/misc/scratch/a", mode);
+        ASSERT_TRUE(file) << mode;
+        EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC) << mode;
+        std::filesystem::resize_file("/misc/scratch/a", 0);
         ASSERT_TRUE(write_bytes(file.get(), "text"));
-        EXPECT_EQ(read_file("/misc/scratch/b"), "text") << mode;
+        EXPECT_EQ(read_file("/misc/scratch/a"), "text") << mode << ": written at once";
     }
 }
 
@@ -80,6 +77,13 @@ TEST_F(OpenDirectory, IsReadWhateverSignalsInterrupt) {
     int entries = 0;
     while (next_entry(directory.get())) ++entries;
     EXPECT_EQ(entries, 3) << "the file, the directory and its parent";
+    for (const unsigned interruptions : {0U, 1U}) {
+        const unsigned before = interpose::calls(Call::readdir);
+        errno = EINTR;  // of an earlier call
+        interpose::fail(Call::readdir, EINTR, 1, interruptions);
+        EXPECT_FALSE(next_entry(directory.get()));
+        EXPECT_EQ(interpose::calls(Call::readdir), before + 1 + interruptions);
+    }
     EXPECT_FALSE(open_directory("/misc/scratch/none"));
     EXPECT_EQ(errno, ENOENT);
 }
@@ -91,7 +95,7 @@ TEST_F(OpenDirectory, EndsWithAnyOtherError) {
     EXPECT_EQ(errno, EBADF);
 }
 
-/// A device that gives and takes one character at a time, and fails each second time, with `error`.
+/// A device that gives one character and takes up to three at a time, and fails each second time, with `error`.
 struct Device {
     explicit Device(std::string given) : content(std::move(given)) {
         const cookie_io_functions_t functions{read, write, nullptr, nullptr};
@@ -112,11 +116,12 @@ struct Device {
         device.content.erase(0, 1);
         return 1;
     }
-    static ssize_t write(void *cookie, const char *bytes, std::size_t) {
+    static ssize_t write(void *cookie, const char *bytes, std::size_t size) {
         auto &device = *static_cast<Device *>(cookie);
         if (device.fails()) return 0;
-        device.content += *bytes;
-        return 1;
+        const std::string_view taken(bytes, std::min<std::size_t>(size, 3));
+        device.content += taken;
+        return static_cast<ssize_t>(taken.size());
     }
 
     std::string content;
@@ -125,21 +130,22 @@ struct Device {
     File file;
 };
 
-TEST(Stream, IsReadOnWhenASignalInterrupts) {
+TEST(Stream, IsReadOnWhenASignalInterruptsAndNoFurtherThanAskedFor) {
     Device one("ab");
-    EXPECT_EQ(read_byte(one.file.get()), 'a');
-    EXPECT_EQ(read_byte(one.file.get()), 'b');
-    EXPECT_EQ(read_byte(one.file.get()), EOF);
-    char bytes[8] = "";
-    Device many("abcd");
-    EXPECT_EQ(read_bytes(many.file.get(), bytes, sizeof bytes), 4U);
-    EXPECT_STREQ(bytes, "abcd");
-    EXPECT_FALSE(std::ferror(many.file.get()));
+    for (const int expected : {int{'a'}, int{'b'}, EOF}) EXPECT_EQ(read_byte(one.file.get()), expected);
+    for (const std::size_t size : {4U, 8U}) {
+        char bytes[9] = "########";
+        Device many("abcdef");
+        const std::size_t count = std::min<std::size_t>(size, 6);
+        EXPECT_EQ(read_bytes(many.file.get(), bytes, size), count);
+        EXPECT_EQ(std::string(bytes), std::string("abcdef").substr(0, count) + std::string(8 - count, '#'));
+        EXPECT_FALSE(std::ferror(many.file.get()));
+    }
 }
 
-TEST(Stream, IsWrittenOnWhenASignalInterrupts) {
+TEST(Stream, IsWrittenOnWhenASignalInterruptsAndNoFurtherThanAskedFor) {
     Device device("");
-    EXPECT_TRUE(write_bytes(device.file.get(), "abcd"));
+    EXPECT_TRUE(write_bytes(device.file.get(), std::string_view("abcdefgh").substr(0, 4)));
     EXPECT_EQ(device.content, "abcd");
 }
 
@@ -172,28 +178,11 @@ TEST_F(Sync, IsNotMissedWhereThereIsNothingToSync) {
     }
 }
 
-TEST_F(AppendToFile, MakesTheFileForAllToReadAndWriteAsFarAsTheMaskLetsThem) {
-    const mode_t mask = umask(0);
-    EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
-    umask(mask);
-    EXPECT_EQ(std::filesystem::status("/misc/scratch/a").permissions(), std::filesystem::perms{0666});
-}
-
 TEST_F(AppendToFile, TakesDescriptor0AsAnyOther) {
     const StandardInputClosed closed;
     EXPECT_EQ(append_to_file("/misc/scratch/a", "one"), 0);
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "closed again";
     EXPECT_EQ(read_file("/misc/scratch/a"), "one");
-}
-
-TEST(Stream, IsReadAndWrittenNoFurtherThanAskedFor) {
-    char bytes[] = "########";
-    Device read("abcdefgh");
-    EXPECT_EQ(read_bytes(read.file.get(), bytes, 4), 4U);
-    EXPECT_STREQ(bytes, "abcd####");
-    Device written("");
-    EXPECT_TRUE(write_bytes(written.file.get(), std::string_view("abcdefgh").substr(0, 4)));
-    EXPECT_EQ(written.content, "abcd");
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "interpose.h"
@@ -14,8 +13,6 @@ namespace {
 namespace fs = std::filesystem;
 using interpose::Call;
 using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
@@ -56,8 +53,6 @@ struct MarkerTest : CardTest {
     bool same = false;
 };
 
-// Adding --------------------------------------------------------------------------------------------------------------
-
 struct MarkerAdd : MarkerTest {};
 
 TEST_F(MarkerAdd, BeginsWithNothing) {
@@ -65,75 +60,58 @@ TEST_F(MarkerAdd, BeginsWithNothing) {
 }
 
 TEST_F(MarkerAdd, AppendsOneLinePerFpdInTheOrderOfAdding) {
-    EXPECT_EQ(add("IoFpga", "1.12.0"), 0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_EQ(add("Bios", "3.4.0"), 0);
+    expect_unlogged(add("IoFpga", "1.12.0"), 0);
+    expect_unlogged(add("Bios", "3.4.0"), 0);
     expect_marker(std::string(io_line) + bios_line, 96);
-    EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(MarkerAdd, PadsTheColumnsToTheirWidth) {
-    EXPECT_EQ(add("", ""), 0);
-    expect_marker("FPD:                  | Version:             \n", 96);
-    upg_marker_release();
-    EXPECT_EQ(add("SixteenLettersOK", "255.65535.2"), 0);
-    expect_marker("FPD: SixteenLettersOK | Version: 255.65535.2 \n", 96);
-    EXPECT_EQ(upg_marker().length, 46U);
-}
-
-TEST_F(MarkerAdd, WritesALongNameWhole) {
-    EXPECT_EQ(add("A name of seventeen and more", "1.2.3"), 0);
-    expect_marker("FPD: A name of seventeen and more | Version: 1.2.3       \n", 96);
+TEST_F(MarkerAdd, PadsTheColumnsToTheirWidthAndWritesALongNameWhole) {
+    const struct {
+        const char *name, *version, *line;
+    } cases[] = {
+        {"", "", "FPD:                  | Version:             \n"},
+        {"SixteenLettersOK", "255.65535.2", "FPD: SixteenLettersOK | Version: 255.65535.2 \n"},
+        {"A name of seventeen and more", "1.2.3", "FPD: A name of seventeen and more | Version: 1.2.3       \n"},
+    };
+    for (const auto &[name, version, line] : cases) {
+        upg_marker_release();
+        EXPECT_EQ(add(name, version), 0);
+        expect_marker(line, 96);
+    }
 }
 
 TEST_F(MarkerAdd, TakesMemoryForTwoEntriesThenForOneMoreAtATime) {
     std::string expected;
-    const std::size_t capacities[] = {96, 96, 144, 192, 240, 288};
-    for (const std::size_t capacity : capacities) {
+    for (const std::size_t capacity : {96U, 96U, 144U, 192U, 240U, 288U}) {
         EXPECT_EQ(add("IoFpga"), 0);
-        expected += io_line;
-        expect_marker(expected, capacity);
+        expect_marker(expected += io_line, capacity);
     }
 }
 
 TEST_F(MarkerAdd, GrowsWhenLessThan49BytesAreFree) {
-    ASSERT_EQ(add_of_length(47), 0);
-    ASSERT_EQ(add_of_length(46), 0);
-    EXPECT_EQ(upg_marker().capacity, 96U);
-    upg_marker_release();
-    ASSERT_EQ(add_of_length(48), 0);
-    ASSERT_EQ(add_of_length(46), 0);
-    EXPECT_EQ(upg_marker().capacity, 144U);
+    for (const auto &[first, capacity] : {std::pair{47U, 96U}, {48U, 144U}}) {
+        upg_marker_release();
+        ASSERT_EQ(add_of_length(first), 0);
+        ASSERT_EQ(add_of_length(46), 0);
+        EXPECT_EQ(upg_marker().capacity, capacity);
+    }
 }
 
 TEST_F(MarkerAdd, FailsWithoutMemoryForTheFirstEntry) {
     interpose::fail(Call::calloc, ENOMEM);
-    EXPECT_EQ(add("IoFpga"), -12);
-    EXPECT_STREQ(err_msg, no_memory);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "ERROR", "UpgMarkerCallocFail", no_memory)));
+    expect_logged(add("IoFpga"), -12, marker_module, "UpgMarkerCallocFail", no_memory);
     expect_released();
-    EXPECT_EQ(add("IoFpga"), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(add("IoFpga"), 0);
     expect_marker(io_line, 96);
 }
 
-TEST_F(MarkerAdd, LosesTheEarlierEntriesWithoutMemoryToGrow) {
+TEST_F(MarkerAdd, LosesTheEarlierEntriesWithoutMemoryToGrowAndStartsAnew) {
     ASSERT_EQ(add("IoFpga"), 0);
     ASSERT_EQ(add("IoFpga"), 0);
     interpose::fail(Call::realloc, ENOMEM);
-    EXPECT_EQ(add("Bios", "3.4.0"), -12);
-    EXPECT_STREQ(err_msg, no_memory);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "ERROR", "UpgMarkerReallocFail", no_memory)));
+    expect_logged(add("Bios", "3.4.0"), -12, marker_module, "UpgMarkerReallocFail", no_memory);
     expect_released();
-}
-
-TEST_F(MarkerAdd, StartsAnewAfterItLostItsEntries) {
-    ASSERT_EQ(add("IoFpga"), 0);
-    ASSERT_EQ(add("IoFpga"), 0);
-    interpose::fail(Call::realloc, ENOMEM);
-    ASSERT_EQ(add("IoFpga"), -12);
-    EXPECT_EQ(add("Bios", "3.4.0"), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(add("Bios", "3.4.0"), 0);
     expect_marker(bios_line, 96);
 }
 
@@ -145,90 +123,53 @@ TEST_F(MarkerAdd, TakesAnEntryThatFitsToTheLastByte) {
     EXPECT_EQ(text().size(), 143U);
 }
 
-TEST_F(MarkerAdd, RefusesAnEntryWithoutRoomForItsEnd) {
+TEST_F(MarkerAdd, RefusesAnEntryWithoutRoomForItsEndAndEveryOneAfterIt) {
     ASSERT_EQ(add_of_length(60), 0);
-    EXPECT_EQ(add_of_length(84), -105);
-    const std::string message = "Out of buffer to add FPD info for " + std::string(54, 'n');
-    EXPECT_EQ(err_msg, message);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "ERROR", "AddFpdInfoUpgMarkerOOB", message)));
+    expect_logged(add_of_length(84), -105, marker_module, "AddFpdInfoUpgMarkerOOB",
+                  "Out of buffer to add FPD info for " + std::string(54, 'n'));
     EXPECT_EQ(upg_marker().length, 144U);
     EXPECT_EQ(text().size(), 143U);
-    EXPECT_EQ(add("Bios", "3.4.0"), -105);
-    EXPECT_EQ(upg_marker().length, 190U);
-    EXPECT_EQ(upg_marker().capacity, 144U);
-}
-
-TEST_F(MarkerAdd, RefusesEveryEntryAfterOneThatDidNotFit) {
-    ASSERT_EQ(add_of_length(92), 0);
-    ASSERT_EQ(add_of_length(93), -105);
     const std::string cut = text();
-    const std::size_t capacity = upg_marker().capacity;
-    std::size_t length = upg_marker().length;
-    EXPECT_EQ(length, 185U);
-    for (int i = 0; i < 5; ++i) {
+    for (std::size_t length = 190; length < 500; length += 46) {
         clear_log();
-        EXPECT_EQ(add("Bios", "3.4.0"), -105);
-        EXPECT_STREQ(err_msg, "Out of buffer to add FPD info for Bios");
-        expect_log(marker_module, "ERROR", "AddFpdInfoUpgMarkerOOB", "Out of buffer to add FPD info for Bios");
-        EXPECT_EQ(upg_marker().length, length += 46);
-        EXPECT_EQ(upg_marker().capacity, capacity);
+        expect_logged(add("Bios", "3.4.0"), -105, marker_module, "AddFpdInfoUpgMarkerOOB",
+                      "Out of buffer to add FPD info for Bios");
+        EXPECT_EQ(upg_marker().length, length);
+        EXPECT_EQ(upg_marker().capacity, 144U);
         EXPECT_EQ(text(), cut);
     }
 }
 
-TEST_F(MarkerAdd, WritesNothingPastItsMemory) {
-    ASSERT_EQ(add_of_length(92), 0);
-    // Grown here, so that what lies behind the memory can be marked before the entry that does not fit.
-    UpgradeMarker &marker = upg_marker();
-    marker.text = static_cast<char *>(std::realloc(marker.text, 144 + 256));
-    ASSERT_NE(marker.text, nullptr);
-    std::memset(marker.text + 144, '#', 256);
-    marker.capacity = 144;
-    marker.length = 90;
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(add_of_length(93), -105);
-    EXPECT_EQ(std::string(marker.text + 144, 256), std::string(256, '#'));
-    EXPECT_EQ(marker.text[143], '\0');
-}
-
-// Checking ------------------------------------------------------------------------------------------------------------
-
 struct MarkerCheck : MarkerTest {
     MarkerCheck() { EXPECT_EQ(add("IoFpga", "1.12.0"), 0); }
-    static std::string check_text(const std::string &file, const std::string &current) {
-        return "Previous Marked FPDs to Upgrade\n" + file + "\nCurren Upgrading FPDs\n" + current;
-    }
-    static void expect_check_log(const std::string &file, const std::string &current) {
-        EXPECT_THAT(log_lines(),
-                    ElementsAre(log_line(marker_module, "INFO", "UpgMarkerCheck", check_text(file, current))));
+    /// Checks a file of this text, and expects what it is found to be.
+    void expect_check(const std::string &file, const std::string &current, bool expected) {
+        clear_log();
+        write_file(marker_path, file);
+        same = !expected;
+        expect_result(check(), 0);
+        EXPECT_EQ(same, expected) << file;
+        expect_only_log(marker_module, "INFO", "UpgMarkerCheck",
+                        "Previous Marked FPDs to Upgrade\n" + file.substr(0, file.find('\0')) +
+                            "\nCurren Upgrading FPDs\n" + current);
     }
 };
 
-TEST_F(MarkerCheck, FindsNoFileToBeAnother) {
-    same = true;
-    EXPECT_EQ(check(), 0);
-    EXPECT_FALSE(same);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(MarkerCheck, FindsAnEmptyFileToBeAnother) {
+TEST_F(MarkerCheck, FindsNoFileAndAnEmptyOneToBeAnother) {
     const auto before = open_descriptors();
-    same = true;
-    write_file(marker_path, "");
-    EXPECT_EQ(check(), 0);
-    EXPECT_FALSE(same);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines(), IsEmpty());
+    for (const bool there : {false, true}) {
+        if (there) write_file(marker_path, "");
+        std::strcpy(err_msg, "left by an earlier call");
+        same = true;
+        expect_unlogged(check(), 0);
+        EXPECT_FALSE(same);
+    }
     EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(MarkerCheck, FindsTheIdenticalFileToBeTheSame) {
     const auto before = open_descriptors();
-    write_file(marker_path, io_line);
-    EXPECT_EQ(check(), 0);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "");
-    expect_check_log(io_line, io_line);
+    expect_check(io_line, io_line, true);
     EXPECT_EQ(marker_file(), io_line);
     EXPECT_EQ(open_descriptors(), before);
 }
@@ -240,17 +181,15 @@ TEST_F(MarkerCheck, ComparesTheWholeTexts) {
     for (const std::string &other :
          {bios + io, io, current + io, current + " ", current + "\n", current.substr(0, current.size() - 1),
           " " + current, io + "fPD" + bios.substr(3), io + "FPD: Bios             | Version: 3.4.1       \n",
-          io + "FPD: Bios             | Version: 3.4.0\n", io + "FPD: Bios             | Version: 3.4.0        \n"}) {
-        clear_log();
-        write_file(marker_path, other);
-        same = true;
-        EXPECT_EQ(check(), 0);
-        EXPECT_FALSE(same) << other;
-        expect_check_log(other, current);
-    }
-    write_file(marker_path, current);
-    EXPECT_EQ(check(), 0);
-    EXPECT_TRUE(same);
+          io + "FPD: Bios             | Version: 3.4.0\n", io + "FPD: Bios             | Version: 3.4.0        \n"})
+        expect_check(other, current, false);
+    expect_check(current, current, true);
+}
+
+TEST_F(MarkerCheck, TakesNoEntriesForTheEmptyText) {
+    upg_marker_release();
+    expect_check(io_line, "", false);
+    expect_check(std::string(1, '\0'), "", true);
 }
 
 TEST_F(MarkerCheck, KnowsWhatWriteLeft) {
@@ -264,203 +203,103 @@ TEST_F(MarkerCheck, KnowsWhatWriteLeft) {
     EXPECT_TRUE(same);
 }
 
-TEST_F(MarkerCheck, TakesNoEntriesForTheEmptyText) {
-    upg_marker_release();
-    write_file(marker_path, io_line);
-    same = true;
-    EXPECT_EQ(check(), 0);
-    EXPECT_FALSE(same);
-    expect_check_log(io_line, "");
-    clear_log();
-    write_file(marker_path, std::string_view("\0", 1));
-    EXPECT_EQ(check(), 0);
-    EXPECT_TRUE(same);
-    expect_check_log("", "");
-}
-
 TEST_F(MarkerCheck, TakesTheFilesSizeAsANumberOf32Bits) {
     constexpr std::int64_t growth = std::int64_t{1} << 32;
     if (!Allocated<char>(static_cast<char *>(std::malloc(growth)))) GTEST_SKIP() << "no memory for 4 GiB";
     write_file(marker_path, io_line);
     interpose::grow_stat(growth);
-    EXPECT_EQ(check(), 0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines("UpgMarkerCheck"), testing::SizeIs(1));
+    expect_result(check(), 0);
+    EXPECT_THAT(log_lines("UpgMarkerCheck"), SizeIs(1));
     clear_log();
     interpose::grow_stat(growth + 1);
-    EXPECT_EQ(check(), 0);
+    expect_unlogged(check(), 0, "Failed to read marker data, error 0");
     EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "Failed to read marker data, error 0");
-    EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(MarkerCheck, FailsWhenTheFileIsNotReadable) {
-    write_file(marker_path, io_line);
-    interpose::fail(Call::access, EACCES);
-    EXPECT_EQ(check(), -13);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg,
-                 "Upgrade marker file /misc/scratch/bootup_fpd_marker.txt doesn't exist, error Permission denied");
-    EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(MarkerCheck, FailsWhenTheFileIsALinkToItself) {
-    fs::create_symlink(marker_path, marker_path);
-    EXPECT_EQ(check(), -40);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg,
-                 "Upgrade marker file /misc/scratch/bootup_fpd_marker.txt doesn't exist, error Too many levels of "
-                 "symbolic links");
-}
-
-TEST_F(MarkerCheck, FailsWithoutTheFilesSize) {
-    const auto before = open_descriptors();
-    write_file(marker_path, io_line);
-    interpose::fail(Call::stat, EIO);
-    EXPECT_EQ(check(), -5);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "Marker File /misc/scratch/bootup_fpd_marker.txt access error Input/output error");
-    EXPECT_THAT(log_lines(), IsEmpty());
-    EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST_F(MarkerCheck, FailsWhenTheFileCannotBeOpened) {
-    write_file(marker_path, io_line);
-    interpose::fail(Call::fopen, EMFILE);
-    EXPECT_EQ(check(), -24);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "Marker File /misc/scratch/bootup_fpd_marker.txt access error Too many open files");
-    EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(MarkerCheck, FailsWithoutMemoryForTheFilesText) {
-    const auto before = open_descriptors();
-    write_file(marker_path, io_line);
-    interpose::fail(Call::malloc, ENOMEM);
-    EXPECT_EQ(check(), -12);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "malloc() failed size 46, error Cannot allocate memory");
-    EXPECT_THAT(log_lines(), IsEmpty());
-    EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST_F(MarkerCheck, CountsAsTheSameAfterAShortRead) {
-    const auto before = open_descriptors();
+TEST_F(MarkerCheck, CountsAsTheSameAfterAFailure) {
+    const struct {
+        Call call;
+        int error, rc;
+        const char *text;
+    } cases[] = {
+        {Call::access, EACCES, -13,
+         "Upgrade marker file /misc/scratch/bootup_fpd_marker.txt doesn't exist, error Permission denied"},
+        {Call::stat, EIO, -5, "Marker File /misc/scratch/bootup_fpd_marker.txt access error Input/output error"},
+        {Call::fopen, EMFILE, -24, "Marker File /misc/scratch/bootup_fpd_marker.txt access error Too many open files"},
+        {Call::malloc, ENOMEM, -12, "malloc() failed size 46, error Cannot allocate memory"},
+        {Call::fread, EIO, 0, "Failed to read marker data, error 0"},  // a short read is no error
+    };
     write_file(marker_path, bios_line);
-    interpose::fail(Call::fread, EIO);
-    EXPECT_EQ(check(), 0);
-    EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "Failed to read marker data, error 0");
-    EXPECT_THAT(log_lines(), IsEmpty());
-    EXPECT_EQ(open_descriptors(), before);
+    const auto before = open_descriptors();
+    for (const auto &[call, error, rc, text] : cases) {
+        same = false;
+        interpose::fail(call, error);
+        expect_unlogged(check(), rc, text);
+        EXPECT_TRUE(same) << text;
+        EXPECT_EQ(open_descriptors(), before) << text;
+    }
 }
 
 TEST_F(MarkerCheck, FailsWhenADirectoryIsInTheFilesPlace) {
     const auto before = open_descriptors();
     fs::create_directory(marker_path);
     write_file(fs::path(marker_path) / "gives the directory a size", "");
-    EXPECT_EQ(check(), -1);
+    expect_unlogged(check(), -1, "Failed to read marker data, error 1");
     EXPECT_TRUE(same);
-    EXPECT_STREQ(err_msg, "Failed to read marker data, error 1");
-    EXPECT_THAT(log_lines(), IsEmpty());
     EXPECT_EQ(open_descriptors(), before);
 }
-
-// Writing -------------------------------------------------------------------------------------------------------------
 
 struct MarkerWrite : MarkerTest {};
 
 TEST_F(MarkerWrite, LeavesTheFileAloneWithoutEntries) {
-    EXPECT_EQ(write(), 0);
+    expect_unlogged(write(), 0);
     EXPECT_EQ(marker_file(), "(none)");
     write_file(marker_path, "earlier");
-    EXPECT_EQ(write(), 0);
+    expect_unlogged(write(), 0);
     EXPECT_EQ(marker_file(), "earlier");
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(MarkerWrite, PutsTheTextInTheFileAndReleasesIt) {
+TEST_F(MarkerWrite, PutsTheTextInTheFileInPlaceOfALongerOneAndReleasesIt) {
     const auto before = open_descriptors();
+    write_file(marker_path, std::string(1000, 'x'));
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
     ASSERT_EQ(add("Bios", "3.4.0"), 0);
-    EXPECT_EQ(write(), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(write(), 0);
     const std::string text = std::string(io_line) + bios_line;
     EXPECT_EQ(marker_file(), text);
     expect_released();
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "DEBUG", "WriteUpgMarkerData",
-                                                  "Writing Upgrade Marker Data\n" + text)));
+    expect_only_log(marker_module, "DEBUG", "WriteUpgMarkerData", "Writing Upgrade Marker Data\n" + text);
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(MarkerWrite, ReplacesALongerFile) {
-    write_file(marker_path, std::string(1000, 'x'));
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    EXPECT_EQ(write(), 0);
-    EXPECT_EQ(marker_file(), io_line);
-}
-
-TEST_F(MarkerWrite, FailsWhenTheFileCannotBeOpened) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    interpose::fail(Call::fopen, ENOSPC);
-    EXPECT_EQ(write(), -28);
-    EXPECT_STREQ(err_msg,
-                 "Unable to open the Upgrade marker file /misc/scratch/bootup_fpd_marker.txt, error No space left on "
-                 "device");
-    EXPECT_THAT(log_lines(), IsEmpty());
-    expect_marker(io_line, 96);
-}
-
-TEST_F(MarkerWrite, FailsWhenADirectoryIsInTheFilesPlace) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    fs::create_directory(marker_path);
-    EXPECT_EQ(write(), -21);
-    EXPECT_STREQ(err_msg,
-                 "Unable to open the Upgrade marker file /misc/scratch/bootup_fpd_marker.txt, error Is a directory");
-    EXPECT_TRUE(fs::is_directory(marker_path));
-    expect_marker(io_line, 96);
-}
-
-TEST_F(MarkerWrite, FailsOnAFullDiskAndKeepsTheText) {
+TEST_F(MarkerWrite, FailsAndKeepsTheText) {
+    constexpr const char *not_written =
+        "Failed to write Upgrade marker data\nFPD: IoFpga           | Version: 1.12.0      \n";
+    const struct {
+        void (*obstruct)();
+        int rc;
+        const char *text;
+    } cases[] = {
+        {[] { interpose::fail(Call::fopen, ENOSPC); }, -28,
+         "Unable to open the Upgrade marker file /misc/scratch/bootup_fpd_marker.txt, error No space left on device"},
+        {[] { fs::create_directory(marker_path); }, -21,
+         "Unable to open the Upgrade marker file /misc/scratch/bootup_fpd_marker.txt, error Is a directory"},
+        {[] { fs::create_symlink("/dev/full", marker_path); }, -5, not_written},
+        {[] { interpose::fail(Call::fsync, EIO); }, -5, not_written},
+        {[] { interpose::fail(Call::fsync, EIO, 2); }, -5, not_written},
+    };
     const auto before = open_descriptors();
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    fs::create_symlink("/dev/full", marker_path);
-    EXPECT_EQ(write(), -5);
-    EXPECT_EQ(err_msg, std::string("Failed to write Upgrade marker data\n") + io_line);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(marker_module, "DEBUG", "WriteUpgMarkerData",
-                                                  std::string("Writing Upgrade Marker Data\n") + io_line)));
-    expect_marker(io_line, 96);
-    EXPECT_EQ(open_descriptors(), before);
-    fs::remove(marker_path);
+    for (const auto &[obstruct, rc, text] : cases) {
+        obstruct();
+        expect_result(write(), rc, text);
+        expect_marker(io_line, 96);
+        EXPECT_EQ(open_descriptors(), before);
+        fs::remove(marker_path);
+    }
     EXPECT_EQ(write(), 0);
     EXPECT_EQ(marker_file(), io_line);
     expect_released();
-}
-
-TEST_F(MarkerWrite, FailsWhenTheFileDoesNotReachTheStorage) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    interpose::fail(Call::fsync, EIO);
-    EXPECT_EQ(write(), -5);
-    EXPECT_EQ(err_msg, std::string("Failed to write Upgrade marker data\n") + io_line);
-    expect_marker(io_line, 96);
-}
-
-TEST_F(MarkerWrite, IsDoneWhereTheFileSystemHasNoSync) {
-    for (const int error : {EINVAL, EROFS, ENOTSUP}) {
-        ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-        interpose::fail(Call::fsync, error);
-        EXPECT_EQ(write(), 0) << error;
-        EXPECT_EQ(marker_file(), io_line);
-        expect_released();
-    }
-}
-
-TEST_F(MarkerWrite, HasTheFileReachTheStorageAndThenItsDirectory) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    interpose::reset();
-    EXPECT_EQ(write(), 0);
-    EXPECT_EQ(interpose::calls(Call::fsync), 3U);
 }
 
 TEST_F(MarkerWrite, IsTheMarkerOfNoPlanUntilItIsWhole) {
@@ -478,13 +317,6 @@ TEST_F(MarkerWrite, IsTheMarkerOfNoPlanUntilItIsWhole) {
         EXPECT_THAT(plans, Not(Contains(on_storage[0].substr(0, size)))) << size;
     EXPECT_EQ(on_storage[0].substr(1), plans.back().substr(1));
     EXPECT_EQ(on_storage[1], plans.back());
-}
-
-TEST_F(MarkerWrite, FailsWhenItsEndDoesNotReachTheStorage) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    interpose::fail(Call::fsync, EIO, 2);
-    EXPECT_EQ(write(), -5);
-    expect_marker(io_line, 96);
 }
 
 TEST_F(MarkerWrite, IsDoneWhenTheDirectoryCannotBeSynced) {
@@ -509,89 +341,63 @@ TEST_F(MarkerWrite, FailsWhenAnEntryTookTheLastByteToo) {
     EXPECT_EQ(marker_file(), "");
 }
 
-TEST_F(MarkerWrite, HasTheDirectoryReachTheStorageWhateverItsDescriptor) {
-    ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
-    interpose::reset();
-    const Descriptor standard_input(dup(STDIN_FILENO));
-    close(STDIN_FILENO);  // the lowest descriptor is free
-    EXPECT_EQ(write(), 0);
-    dup2(standard_input.fd, STDIN_FILENO);
-    EXPECT_EQ(interpose::calls(Call::fsync), 3U);
+TEST_F(MarkerWrite, HasTheDirectoryReachTheStorageTooWhateverItsDescriptor) {
+    for (const bool lowest_is_free : {false, true}) {
+        ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
+        interpose::reset();
+        std::optional<StandardInputClosed> closed;
+        if (lowest_is_free) closed.emplace();
+        EXPECT_EQ(write(), 0);
+        EXPECT_EQ(interpose::calls(Call::fsync), 3U);
+    }
 }
 
 TEST_F(MarkerWrite, FailsWhenAnEntryDidNotFit) {
-    ASSERT_EQ(add_of_length(92), 0);
-    ASSERT_EQ(add_of_length(93), -105);
-    const std::string cut = text();
-    EXPECT_EQ(write(), -5);
-    EXPECT_EQ(err_msg, "Failed to write Upgrade marker data\n" + cut);
-    EXPECT_EQ(marker_file(), "");
-    EXPECT_EQ(text(), cut);
+    for (const std::size_t last : {93U, 52U}) {  // 52: its newline would be the last byte
+        upg_marker_release();
+        ASSERT_EQ(add_of_length(92), 0);
+        ASSERT_EQ(add_of_length(last), -105);
+        const std::string cut = text();
+        expect_result(write(), -5, "Failed to write Upgrade marker data\n" + cut);
+        EXPECT_EQ(marker_file(), "");
+        EXPECT_EQ(text(), cut);
+    }
 }
-
-// Deleting, releasing -------------------------------------------------------------------------------------------------
 
 struct MarkerDelete : MarkerTest {};
 
 TEST_F(MarkerDelete, RemovesTheFileAndKeepsTheText) {
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
     write_file(marker_path, "earlier");
-    EXPECT_EQ(remove(), 0);
-    EXPECT_STREQ(err_msg, "");
+    bool there_at_sync = true;
+    interpose::before_each(Call::fsync, [&] { there_at_sync = fs::exists(marker_path); });
+    expect_unlogged(remove(), 0);
     EXPECT_EQ(marker_file(), "(none)");
+    EXPECT_FALSE(there_at_sync) << "the removal reaches the storage";
     expect_marker(io_line, 96);
-    EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(MarkerDelete, HasTheRemovalReachTheStorage) {
-    write_file(marker_path, "earlier");
-    bool there = true;
-    interpose::before_each(Call::fsync, [&] { there = fs::exists(marker_path); });
-    EXPECT_EQ(upg_marker_delete(err_msg, sizeof err_msg), 0);
-    EXPECT_FALSE(there);
 }
 
 TEST_F(MarkerDelete, HasNothingToDoWithoutAFile) {
-    EXPECT_EQ(remove(), 0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines(), IsEmpty());
+    expect_unlogged(remove(), 0);
 }
 
-TEST_F(MarkerDelete, FailsWhenADirectoryIsInTheFilesPlace) {
+TEST_F(MarkerDelete, FailsWhenADirectoryIsInTheFilesPlaceOrTheSystemRefuses) {
+    const std::string text = "Unable to remove Upgrade Marker file /misc/scratch/bootup_fpd_marker.txt, error ";
     fs::create_directory(marker_path);
-    EXPECT_EQ(remove(), -21);
-    EXPECT_STREQ(err_msg,
-                 "Unable to remove Upgrade Marker file /misc/scratch/bootup_fpd_marker.txt, error Is a directory");
-    EXPECT_TRUE(fs::is_directory(marker_path));
-    EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(MarkerDelete, FailsWhenTheSystemRefuses) {
-    write_file(marker_path, "earlier");
+    expect_unlogged(remove(), -21, text + "Is a directory");
     interpose::fail(Call::unlink, EROFS);
-    EXPECT_EQ(remove(), -30);
-    EXPECT_STREQ(
-        err_msg,
-        "Unable to remove Upgrade Marker file /misc/scratch/bootup_fpd_marker.txt, error Read-only file system");
-    EXPECT_EQ(marker_file(), "earlier");
+    expect_unlogged(remove(), -30, text + "Read-only file system");
+    EXPECT_TRUE(fs::is_directory(marker_path));
 }
 
-struct MarkerRelease : MarkerTest {};
-
-TEST_F(MarkerRelease, ForgetsTheTextAndLeavesTheFileAlone) {
+TEST_F(MarkerTest, IsReleasedWithItsTextAndLeavesTheFileAlone) {
     ASSERT_EQ(add("IoFpga", "1.12.0"), 0);
     write_file(marker_path, "earlier");
-    upg_marker_release();
-    expect_released();
-    EXPECT_EQ(marker_file(), "earlier");
-    upg_marker_release();
-    expect_released();
-}
-
-TEST_F(MarkerCheck, LeavesNoEarlierText) {
-    std::strcpy(err_msg, "left by an earlier call");
-    EXPECT_EQ(check(), 0);
-    EXPECT_STREQ(err_msg, "");
+    for (int i = 0; i < 2; ++i) {
+        upg_marker_release();
+        expect_released();
+        EXPECT_EQ(marker_file(), "earlier");
+    }
 }
 
 }  // namespace

@@ -49,8 +49,6 @@ struct QueueTest : CardTest {
     Fpd fpd{};
 };
 
-// Records -------------------------------------------------------------------------------------------------------------
-
 struct FpdRecord : QueueTest {};
 
 TEST_F(FpdRecord, IsZeroedAndCreated) {
@@ -61,46 +59,34 @@ TEST_F(FpdRecord, IsZeroedAndCreated) {
     expected.state = FpdState::created;
     expected.state_time = {4711, 5};
     EXPECT_EQ(bytes_of(*record), bytes_of(expected));
-    EXPECT_THAT(log_lines(),
-                ElementsAre(log_line({"FPD", "brd_intf_auto_fpd_upgrade_state"}, "DEBUG", "UpdateFpdTransitionState",
-                                     "FPD  transitioning state from 'Unknown state 0' to 'FPD Created' "
-                                     "at 4711")));
+    expect_only_log({"FPD", "brd_intf_auto_fpd_upgrade_state"}, "DEBUG", "UpdateFpdTransitionState",
+                    "FPD  transitioning state from 'Unknown state 0' to 'FPD Created' at 4711");
     free_fpd(record);
 }
 
-TEST_F(FpdRecord, CannotBeMadeWithoutMemory) {
-    interpose::fail(Call::calloc, ENOMEM);
+TEST_F(FpdRecord, CannotBeMadeWithoutMemoryAndMayBeNullWhenItIsFreed) {
+    interpose::fail(Call::calloc, ENOMEM, 1, 2);
     EXPECT_EQ(alloc_fpd(err_msg, sizeof err_msg), nullptr);
     EXPECT_STREQ(err_msg, "Memory allocation failed err_msg Cannot allocate memory");
-    interpose::fail(Call::calloc, ENOMEM);
     EXPECT_EQ(alloc_fpd(nullptr, 0), nullptr);
     EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(FpdRecord, MayBeNullWhenItIsFreed) {
     free_fpd(nullptr);
 }
-
-// Adding --------------------------------------------------------------------------------------------------------------
 
 struct AddToQueue : QueueTest {};
 
 TEST_F(AddToQueue, MakesTheRecordTheHeadOfAnEmptyOne) {
     FpdQueue queue = nullptr;
-    EXPECT_EQ(add(queue, fpd), 0);
+    expect_result(add(queue, fpd), 0);
     EXPECT_THAT(members(queue), ElementsAre(&fpd));
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "INFO", "AddFpdQueueHead",
-                                                  at("FPD IoFpga added into upgrade queue head", queue))));
+    expect_only_log(queue_module, "INFO", "AddFpdQueueHead", at("FPD IoFpga added into upgrade queue head", queue));
 }
 
 TEST_F(AddToQueue, AppendsInTheOrderOfAdding) {
     Chain chain({"A", "B"});
-    EXPECT_EQ(add(chain.queue, fpd), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(add(chain.queue, fpd), 0);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0], &chain[1], &fpd));
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "INFO", "AddFpdQueueTail",
-                                                  at("FPD IoFpga added into a queue tail", chain.queue))));
+    expect_only_log(queue_module, "INFO", "AddFpdQueueTail", at("FPD IoFpga added into a queue tail", chain.queue));
 }
 
 TEST_F(AddToQueue, RefusesARecordThatIsLinked) {
@@ -108,10 +94,8 @@ TEST_F(AddToQueue, RefusesARecordThatIsLinked) {
     for (FpdQueue queue : {FpdQueue{nullptr}, &fpd}) {
         clear_log();
         const FpdQueue before = queue;
-        EXPECT_EQ(add(queue, linked[0]), 22);
-        EXPECT_STREQ(err_msg, "FPD Upgrade msg already linked in a queue");
-        EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "AddFpdQueueInvldParam",
-                                                      "FPD Upgrade msg already linked in a queue")));
+        expect_logged(add(queue, linked[0]), 22, queue_module, "AddFpdQueueInvldParam",
+                      "FPD Upgrade msg already linked in a queue");
         EXPECT_EQ(queue, before);
         EXPECT_EQ(linked[0].next, &linked[1]);
         EXPECT_EQ(fpd.next, nullptr);
@@ -119,8 +103,7 @@ TEST_F(AddToQueue, RefusesARecordThatIsLinked) {
 }
 
 TEST_F(AddToQueue, TakesTheTailOfAnotherQueueIntoTwoQueues) {
-    Chain other({"A", "B"});
-    Chain chain({"C"});
+    Chain other({"A", "B"}), chain({"C"});
     EXPECT_EQ(add(chain.queue, other[1]), 0);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0], &other[1]));
     EXPECT_THAT(members(other.queue), ElementsAre(&other[0], &other[1]));
@@ -132,11 +115,9 @@ TEST_F(AddToQueue, RefusesANameThatIsThereAtAnyPlace) {
         clear_log();
         Chain chain(names);
         const auto before = members(chain.queue);
-        EXPECT_EQ(add(chain.queue, fpd), 17);
-        EXPECT_STREQ(err_msg, "Duplicate FPD IoFpga found");
+        expect_result(add(chain.queue, fpd), 17, "Duplicate FPD IoFpga found");
         EXPECT_EQ(members(chain.queue), before);
-        EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "AddFpdQueueDupEntry",
-                                                      "adding a Duplicate FPD IoFpga found")));
+        expect_only_log(queue_module, "ERROR", "AddFpdQueueDupEntry", "adding a Duplicate FPD IoFpga found");
     }
 }
 
@@ -146,26 +127,11 @@ TEST_F(AddToQueue, ComparesWholeNamesAndTheirCase) {
     EXPECT_THAT(names(chain.queue), ElementsAre("iofpga", "IoFpg", "IoFpga1", "", "IoFpga"));
 }
 
-TEST_F(AddToQueue, NeedsNoErrorText) {
-    FpdQueue queue = nullptr;
-    EXPECT_EQ(add_fpd_queue(&queue, &fpd, nullptr, 0), 0);
-    Fpd twin{};
-    name_record(twin, "IoFpga");
-    EXPECT_EQ(add_fpd_queue(&queue, &twin, nullptr, 0), 17);
-    twin.next = &fpd;
-    EXPECT_EQ(add_fpd_queue(&queue, &twin, nullptr, 0), 22);
-}
-
-// Removing ------------------------------------------------------------------------------------------------------------
-
 struct RemoveFromQueue : QueueTest {};
 
 TEST_F(RemoveFromQueue, FailsWhenItIsEmpty) {
     FpdQueue queue = nullptr;
-    EXPECT_EQ(rm(queue, fpd), 22);
-    EXPECT_STREQ(err_msg, "queue is empty");
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "RmFpdQueueEmpty", "queue is empty")));
-    EXPECT_EQ(rm_fpd_queue(&queue, &fpd, nullptr, 0), 22);
+    expect_logged(rm(queue, fpd), 22, queue_module, "RmFpdQueueEmpty", "queue is empty");
 }
 
 TEST_F(RemoveFromQueue, UnlinksTheHead) {
@@ -173,8 +139,7 @@ TEST_F(RemoveFromQueue, UnlinksTheHead) {
     EXPECT_EQ(rm(chain.queue, chain[0]), 0);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[1]));
     EXPECT_EQ(chain[0].next, nullptr);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "INFO", "RmFpdQueueHead",
-                                                  at("FPD A removed from head", chain.queue))));
+    expect_only_log(queue_module, "INFO", "RmFpdQueueHead", at("FPD A removed from head", chain.queue));
     EXPECT_EQ(rm(chain.queue, chain[1]), 0);
     EXPECT_EQ(chain.queue, nullptr);
 }
@@ -184,20 +149,17 @@ TEST_F(RemoveFromQueue, UnlinksARecordFurtherDown) {
     EXPECT_EQ(rm(chain.queue, chain[1]), 0);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0], &chain[2]));
     EXPECT_EQ(chain[1].next, nullptr);
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "INFO", "RmFpdQueue",
-                                                  at("FPD B removed from queue head", chain.queue))));
+    expect_only_log(queue_module, "INFO", "RmFpdQueue", at("FPD B removed from queue head", chain.queue));
     EXPECT_EQ(rm(chain.queue, chain[2]), 0);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0]));
 }
 
 TEST_F(RemoveFromQueue, LeavesErrorTextAloneWhenTheNameIsNotThere) {
     Chain chain({"A", "B"});
-    EXPECT_EQ(rm(chain.queue, fpd), 2);
-    EXPECT_EQ(err_msg, untouched_text);
+    expect_result(rm(chain.queue, fpd), 2, untouched_text);
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[0], &chain[1]));
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "RmFpdQueueNotFound",
-                                                  at("Couldn't find FPD IoFpga in the queue head", chain.queue))));
-    EXPECT_EQ(rm_fpd_queue(&chain.queue, &fpd, nullptr, 0), 2);
+    expect_only_log(queue_module, "ERROR", "RmFpdQueueNotFound",
+                    at("Couldn't find FPD IoFpga in the queue head", chain.queue));
 }
 
 TEST_F(RemoveFromQueue, RemovesTheFirstOfTheRecordsNameBehindTheHead) {
@@ -221,8 +183,6 @@ TEST_F(RemoveFromQueue, RemovesTheHeadItselfBeforeItsNamesakes) {
     EXPECT_THAT(members(chain.queue), ElementsAre(&chain[1]));
 }
 
-// Moving --------------------------------------------------------------------------------------------------------------
-
 struct MoveBetweenQueues : QueueTest {
     FpdQueue to = nullptr;
 };
@@ -230,37 +190,32 @@ struct MoveBetweenQueues : QueueTest {
 TEST_F(MoveBetweenQueues, TakesTheRecordToTheEndOfTheOther) {
     Chain from({"A", "B", "C"});
     to = &fpd;
-    EXPECT_EQ(move(from.queue, to, from[1]), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(move(from.queue, to, from[1]), 0);
     EXPECT_THAT(members(from.queue), ElementsAre(&from[0], &from[2]));
     EXPECT_THAT(members(to), ElementsAre(&fpd, &from[1]));
-    EXPECT_THAT(
-        log_lines(),
-        ElementsAre(log_line(queue_module, "INFO", "RmFpdQueue", at("FPD B removed from queue head", from.queue)),
-                    log_line(queue_module, "INFO", "AddFpdQueueTail", at("FPD B added into a queue tail", to))));
-}
-
-TEST_F(MoveBetweenQueues, AddsTheRecordAlsoWhenTheOneIsEmpty) {
-    FpdQueue from = nullptr;
-    EXPECT_EQ(move(from, to, fpd), 0);
-    EXPECT_THAT(members(to), ElementsAre(&fpd));
-    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueRm",
-               at("FPD IoFpga failed remove from queue", from) + " error queue is empty");
-    expect_no_log("MoveFpdBetweenQueueAdd");
+    EXPECT_EQ(log_lines().size(), 2U);
+    expect_log(queue_module, "INFO", "RmFpdQueue", at("FPD B removed from queue head", from.queue));
+    expect_log(queue_module, "INFO", "AddFpdQueueTail", at("FPD B added into a queue tail", to));
 }
 
 TEST_F(MoveBetweenQueues, AddsTheRecordAlsoWhenItIsNotThereAndShowsNoEarlierText) {
-    Chain from({"A"});
-    EXPECT_EQ(move(from.queue, to, fpd), 0);
-    EXPECT_THAT(members(to), ElementsAre(&fpd));
-    EXPECT_THAT(members(from.queue), ElementsAre(&from[0]));
-    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueRm",
-               at("FPD IoFpga failed remove from queue", from.queue) + " error ");
+    Chain none({}), others({"A"});
+    for (Chain *const from : {&none, &others}) {
+        clear_log();
+        to = nullptr;
+        EXPECT_EQ(move(from->queue, to, fpd), 0);
+        EXPECT_THAT(members(to), ElementsAre(&fpd));
+        EXPECT_EQ(members(from->queue).size(), from->records.size());
+        expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueRm",
+                   at("FPD IoFpga failed remove from queue", from->queue) + " error " +
+                       (from == &none ? "queue is empty" : ""));
+        expect_no_log("MoveFpdBetweenQueueAdd");
+    }
 }
 
 TEST_F(MoveBetweenQueues, TellsOfADuplicateWithTheAddressOfTheQueueItLeft) {
     Chain from({"IoFpga"}), other({"IoFpga"});
-    EXPECT_EQ(move(from.queue, other.queue, from[0]), 0);
+    expect_result(move(from.queue, other.queue, from[0]), 0, "Duplicate FPD IoFpga found");
     EXPECT_EQ(from.queue, nullptr);
     EXPECT_THAT(members(other.queue), ElementsAre(&other[0]));
     expect_no_log("MoveFpdBetweenQueueRm");
@@ -269,44 +224,37 @@ TEST_F(MoveBetweenQueues, TellsOfADuplicateWithTheAddressOfTheQueueItLeft) {
                at("FPD IoFpga failed add into queue", from.queue) + " error Duplicate FPD IoFpga found");
 }
 
-TEST_F(MoveBetweenQueues, TellsOfBothFailures) {
-    FpdQueue from = nullptr;
-    Chain other({"A", "IoFpga"});
-    EXPECT_EQ(move(from, other.queue, fpd), 0);
-    EXPECT_STREQ(err_msg, "Duplicate FPD IoFpga found");
-    expect_log(queue_module, "ERROR", "RmFpdQueueEmpty", "queue is empty");
-    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueRm",
-               at("FPD IoFpga failed remove from queue", from) + " error queue is empty");
-    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueAdd",
-               at("FPD IoFpga failed add into queue", from) + " error Duplicate FPD IoFpga found");
-}
-
-TEST_F(MoveBetweenQueues, NeedsNoErrorText) {
-    FpdQueue from = nullptr;
-    EXPECT_EQ(move_fpd_between_queue(&from, &to, &fpd, nullptr, 0), 0);
-    EXPECT_THAT(members(to), ElementsAre(&fpd));
+TEST_F(QueueTest, FailuresNeedNoErrorText) {
+    FpdQueue queue = nullptr, to = nullptr;
+    EXPECT_EQ(rm_fpd_queue(&queue, &fpd, nullptr, 0), 22);
+    EXPECT_EQ(add_fpd_queue(&queue, &fpd, nullptr, 0), 0);
+    Chain twins({"IoFpga", "Bios"});
+    EXPECT_EQ(add_fpd_queue(&queue, &twins[1], nullptr, 0), 0);
+    EXPECT_EQ(add_fpd_queue(&queue, &twins[0], nullptr, 0), 22);
+    EXPECT_EQ(rm_fpd_queue(&queue, &twins[0], nullptr, 0), 2);
+    twins[0].next = nullptr;
+    EXPECT_EQ(add_fpd_queue(&queue, &twins[0], nullptr, 0), 17);
     Chain other({"IoFpga"});
-    EXPECT_EQ(move_fpd_between_queue(&other.queue, &to, &other[0], nullptr, 0), 0);
-    expect_log(queue_module, "ERROR", "MoveFpdBetweenQueueAdd",
-               at("FPD IoFpga failed add into queue", other.queue) + " error ");
+    EXPECT_EQ(move_fpd_between_queue(&to, &queue, &other[0], nullptr, 0), 0);
+    for (const auto &[tag, action] :
+         {std::pair{"MoveFpdBetweenQueueRm", "remove from"}, {"MoveFpdBetweenQueueAdd", "add into"}})
+        expect_log(queue_module, "ERROR", tag,
+                   at(std::string("FPD IoFpga failed ") + action + " queue", to) + " error ");
+    EXPECT_EQ(get_fpd_by_name_queue(&fpd, nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(get_fpd_by_name({}, nullptr, nullptr, 0), nullptr);
 }
-
-// Finding -------------------------------------------------------------------------------------------------------------
 
 struct FindByName : QueueTest {
-    FindByName() {
-        interpose::reset();
-        clear_log();
-    }
     Fpd *in(Fpd *first, const char *name) { return get_fpd_by_name_queue(first, name, err_msg, sizeof err_msg); }
     Fpd *find(const char *name) { return get_fpd_by_name(queues, name, err_msg, sizeof err_msg); }
 
     FpdCardQueues queues{};
 };
 
-TEST_F(FindByName, GivesTheFirstOfThatNameInAQueue) {
+TEST_F(FindByName, GivesTheFirstOfThatNameInAQueueAndLeavesNoEarlierText) {
     Chain chain({"A", "Same", "Same"});
     EXPECT_EQ(in(chain.queue, "A"), &chain[0]);
+    EXPECT_STREQ(err_msg, "");
     EXPECT_EQ(in(chain.queue, "Same"), &chain[1]);
     EXPECT_EQ(in(&chain[2], "Same"), &chain[2]);
     EXPECT_THAT(log_lines(), IsEmpty());
@@ -314,30 +262,20 @@ TEST_F(FindByName, GivesTheFirstOfThatNameInAQueue) {
 
 TEST_F(FindByName, MissesWithoutAWord) {
     Chain chain({"A", "B"});
-    EXPECT_EQ(in(chain.queue, "a"), nullptr);
-    EXPECT_EQ(in(chain.queue, ""), nullptr);
-    EXPECT_EQ(in(chain.queue, "AB"), nullptr);
+    for (const char *name : {"a", "", "AB"}) EXPECT_EQ(in(chain.queue, name), nullptr);
     EXPECT_EQ(in(nullptr, "A"), nullptr);
     EXPECT_EQ(find("A"), nullptr);
     EXPECT_STREQ(err_msg, "");
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(FindByName, RefusesNoNameInAQueue) {
-    EXPECT_EQ(in(&fpd, nullptr), nullptr);
-    EXPECT_STREQ(err_msg, "Invalid argument name (nil)");
-    EXPECT_THAT(log_lines(), ElementsAre(log_line(queue_module, "ERROR", "GetFpdByNameQueueInvldParam",
-                                                  "Invalid argument name (nil)")));
-    EXPECT_EQ(get_fpd_by_name_queue(&fpd, nullptr, nullptr, 0), nullptr);
-}
-
-TEST_F(FindByName, RefusesNoNameInAllQueues) {
+TEST_F(FindByName, RefusesNoName) {
     queues.fpd_queue = &fpd;
-    EXPECT_EQ(find(nullptr), nullptr);
-    EXPECT_STREQ(err_msg, "Invalid argument name (nil)");
-    EXPECT_THAT(log_lines(),
-                ElementsAre(log_line(queue_module, "ERROR", "GetFpdByNameInvldParam", "Invalid argument name (nil)")));
-    EXPECT_EQ(get_fpd_by_name(queues, nullptr, nullptr, 0), nullptr);
+    expect_logged(in(&fpd, nullptr) != nullptr, false, queue_module, "GetFpdByNameQueueInvldParam",
+                  "Invalid argument name (nil)");
+    clear_log();
+    expect_logged(find(nullptr) != nullptr, false, queue_module, "GetFpdByNameInvldParam",
+                  "Invalid argument name (nil)");
 }
 
 TEST_F(FindByName, LooksIntoEveryQueue) {
@@ -363,18 +301,10 @@ TEST_F(FindByName, PrefersTheUnplannedThenTheLowerSequence) {
     EXPECT_EQ(find("IoFpga"), &last[0]);
 }
 
-// Releasing -----------------------------------------------------------------------------------------------------------
-
-struct FreeQueue : QueueTest {};
-
-TEST_F(FreeQueue, LeavesAnEmptyOneNull) {
+TEST_F(QueueTest, IsNullWhenItsRecordsAreReleasedWithoutAWord) {
     FpdQueue queue = nullptr;
     free_fpd_queue(&queue);
     EXPECT_EQ(queue, nullptr);
-}
-
-TEST_F(FreeQueue, ReleasesEveryRecordWithoutAWord) {
-    FpdQueue queue = nullptr;
     for (const char *name : {"A", "B", "C"}) {
         Fpd *const record = alloc_fpd(err_msg, sizeof err_msg);
         ASSERT_NE(record, nullptr);
@@ -385,12 +315,6 @@ TEST_F(FreeQueue, ReleasesEveryRecordWithoutAWord) {
     free_fpd_queue(&queue);
     EXPECT_EQ(queue, nullptr);
     EXPECT_THAT(log_lines(), IsEmpty());
-}
-
-TEST_F(FindByName, LeavesNoEarlierText) {
-    Chain chain({"IoFpga"});
-    EXPECT_EQ(in(chain.queue, "IoFpga"), &chain[0]);
-    EXPECT_STREQ(err_msg, "");
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ constexpr Module events_module{"EVENTS", "brd_intf_events_fpd"};
 
 struct Refusal {
     const char *name;
-    void (*refuse)(FakePlatform &fake, const std::string &reason);
+    std::function<void(FakePlatform &fake, const std::string &reason)> refuse;
     void (*ask)(RunTest &run);
     Module module;
     const char *level;
@@ -50,8 +50,16 @@ auto refusing(const std::string &reason) {
     };
 }
 
-void refuse_command(FakePlatform &fake, const char *prefix, const std::string &reason) {
-    fake.commands.push_back({.prefix = prefix, .rc = EIO, .output = "", .error = reason, .effect = nullptr});
+template <auto Hook>
+void refuse(FakePlatform &fake, const std::string &reason) {
+    fake.*Hook = refusing(reason);
+}
+
+/// Of the commands with that prefix.
+auto refuse_command(const char *prefix) {
+    return [prefix](FakePlatform &fake, const std::string &reason) {
+        fake.commands = {{.prefix = prefix, .rc = EIO, .error = reason}};
+    };
 }
 
 void load(RunTest &run) {
@@ -78,88 +86,76 @@ void upgrade(RunTest &run) {
     run_fpd_upgrade(run.card, RunLevel::backend);
 }
 
+/// Asks a worker to upgrade, and waits for its end.
+void work(RunTest &run) {
+    Fpd &fpd = run.plan("IoFpga");
+    start_fpd_upgrade_worker(run.card, fpd, run.err_msg, sizeof run.err_msg);
+    EXPECT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
+}
+
 const Refusal refusals[] = {
-    {"Configuration",
-     [](FakePlatform &fake, const std::string &reason) { fake.cookie_get_auto_upgrade_config = refusing(reason); },
+    {"Configuration", refuse<&FakePlatform::cookie_get_auto_upgrade_config>,
      [](RunTest &run) {
          int enabled = 0;
          get_auto_fpd_upgrade_config(enabled, run.err_msg, sizeof run.err_msg);
      },
      config_module, "ERROR", "BrdIntfFpdUpgCfg", "BRD interface auto FPD upgrade config get failed err_msg "},
-    {"Mode", [](FakePlatform &fake, const std::string &reason) { fake.cookie_get_upgrade_mode = refusing(reason); },
+    {"Mode", refuse<&FakePlatform::cookie_get_upgrade_mode>,
      [](RunTest &run) { plan_upgrade(RunLevel::boot, run.card, run.err_msg, sizeof run.err_msg); }, init_module,
      "ERROR", "FpdUpgdCookieGetModeFail", "Failed to get FPD Upgrade Mode, error "},
-    {"Information", [](FakePlatform &fake, const std::string &reason) { fake.brd_fpd_info_get = refusing(reason); },
-     load, init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error "},
-    {"InformationOfAnUpgradedFpd",
-     [](FakePlatform &fake, const std::string &reason) { fake.brd_fpd_info_get = refusing(reason); }, upgrade,
-     init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error "},
-    {"Description",
-     [](FakePlatform &fake, const std::string &reason) { fake.check_and_get_upgrade_image = refusing(reason); }, load,
-     init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg "},
-    {"Checksum", [](FakePlatform &fake, const std::string &reason) { fake.image_md5_validate = refusing(reason); },
-     load, init_module, "ERROR", "InitFpdMd5SumFailed", "md5 checksum validation failed, "},
-    {"Upgrade", [](FakePlatform &fake, const std::string &reason) { fake.brd_fpd_upgrade = refusing(reason); },
-     [](RunTest &run) {
-         Fpd &fpd = run.plan("IoFpga");
-         start_fpd_upgrade_worker(run.card, fpd, run.err_msg, sizeof run.err_msg);
-         EXPECT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
-     },
-     worker_module, "ERROR", "FpdUpgHdlUpgradeFail", "FPD IoFpga upgrade failed err_msg "},
-    {"Event",
-     [](FakePlatform &fake, const std::string &reason) { refuse_command(fake, "/usr/local/etc/send", reason); },
+    {"Information", refuse<&FakePlatform::brd_fpd_info_get>, load, init_module, "ERROR", "FpdInfoGetBrdFail",
+     "Failed to get FPD info, error "},
+    {"InformationOfAnUpgradedFpd", refuse<&FakePlatform::brd_fpd_info_get>, upgrade, init_module, "ERROR",
+     "FpdInfoGetBrdFail", "Failed to get FPD info, error "},
+    {"Description", refuse<&FakePlatform::check_and_get_upgrade_image>, load, init_module, "ERROR", "InitFpdDescFail",
+     "Does not have a Firmware packaged for FPD IoFpga err_msg "},
+    {"Checksum", refuse<&FakePlatform::image_md5_validate>, load, init_module, "ERROR", "InitFpdMd5SumFailed",
+     "md5 checksum validation failed, "},
+    {"Upgrade", refuse<&FakePlatform::brd_fpd_upgrade>, work, worker_module, "ERROR", "FpdUpgHdlUpgradeFail",
+     "FPD IoFpga upgrade failed err_msg "},
+    {"Event", refuse_command("/usr/local/etc/send"),
      [](RunTest &run) {
          send_auto_fpd_upgrade_event(AUTO_FPD_UPGRADE_EVENT_STARTED, "x", run.err_msg, sizeof run.err_msg);
      },
      events_module, "ERROR", "AutoFpdUpgradeStartedEvent", "Sending Auto FPD Started Event failed error "},
-    {"Watchdog",
-     [](FakePlatform &fake, const std::string &reason) { refuse_command(fake, "/usr/local/etc/punch", reason); },
-     upgrade, handler_module, "ERROR", "AutoFpdUpgradeProgressWDPunchFail", "Punching PD watchdog failed error "},
-    {"BootLoader", [](FakePlatform &fake, const std::string &reason) { refuse_command(fake, "grub-reboot", reason); },
-     activate, activate_module, "ERROR", "AutoFpdActivateGrubRebootSetFail",
-     "Auto FPD ACtivate GRUB Reboot setting failed error "},
-    {"Reset",
-     [](FakePlatform &fake, const std::string &reason) { refuse_command(fake, "/usr/local/etc/reset", reason); },
-     activate, activate_module, "ERROR", "AutoFpdUpgradeActivateFail", "Auto FPD Upgrade Activation failed error "},
-    {"Flash", [](FakePlatform &fake, const std::string &reason) { refuse_command(fake, "timeout 5m", reason); },
+    {"Watchdog", refuse_command("/usr/local/etc/punch"), upgrade, handler_module, "ERROR",
+     "AutoFpdUpgradeProgressWDPunchFail", "Punching PD watchdog failed error "},
+    {"BootLoader", refuse_command("grub-reboot"), activate, activate_module, "ERROR",
+     "AutoFpdActivateGrubRebootSetFail", "Auto FPD ACtivate GRUB Reboot setting failed error "},
+    {"Reset", refuse_command("/usr/local/etc/reset"), activate, activate_module, "ERROR", "AutoFpdUpgradeActivateFail",
+     "Auto FPD Upgrade Activation failed error "},
+    {"Flash", refuse_command("timeout 5m"),
      [](RunTest &run) { obfl_flash_operation(1, run.err_msg, sizeof run.err_msg); }, obfl_module, "ERROR",
      "ObflOperCmdFail", ""},
-    {"MountPoint",
-     [](FakePlatform &fake, const std::string &reason) {
-         fake.commands.clear();
-         refuse_command(fake, "mountpoint", reason);
-     },
-     [](RunTest &run) { obfl_is_mounted(run.err_msg, sizeof run.err_msg); }, obfl_module, "INFO",
-     "ObflMountPointNotExist", "OBFL Flash mountpoint '/mnt/obfl' doesn't exist, '", "'"},
+    {"MountPoint", refuse_command("mountpoint"), [](RunTest &run) { obfl_is_mounted(run.err_msg, sizeof run.err_msg); },
+     obfl_module, "INFO", "ObflMountPointNotExist", "OBFL Flash mountpoint '/mnt/obfl' doesn't exist, '", "'"},
 };
 
 struct EachRefusal : RunTest, testing::WithParamInterface<Refusal> {
-    /// The message of the first line of that tag, when the library refuses with the reason.
-    std::string told(const std::string &reason) {
-        GetParam().refuse(fake_platform(), reason);
+    /// Expects what the first line of that tag shows when the library refuses with the reason.
+    void expect_shown(const std::string &reason, const std::string &shown) {
+        const Refusal &refusal = GetParam();
+        refusal.refuse(fake_platform(), reason);
         clear_log();
-        GetParam().ask(*this);
-        const std::vector<LogLine> lines = log_lines(GetParam().tag);
-        if (lines.empty()) return "nothing";
-        EXPECT_EQ(lines[0].component, GetParam().module.component);
-        EXPECT_EQ(lines[0].file, GetParam().module.file);
-        EXPECT_EQ(lines[0].level, GetParam().level);
-        return lines[0].message;
+        refusal.ask(*this);
+        const std::vector<LogLine> lines = log_lines(refusal.tag);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_THAT(lines[0],
+                    log_line(refusal.module, refusal.level, refusal.tag, refusal.text + shown + refusal.behind));
     }
 };
 
 TEST_P(EachRefusal, WithoutAReasonIsGivenNoneOfAnEarlierCall) {
-    EXPECT_EQ(told(""), GetParam().text + GetParam().behind);
+    expect_shown("", "");
 }
 
 TEST_P(EachRefusal, WithoutAReasonIsGivenNoneOfACallThatWentWell) {
     fake_platform().chatter = "all is well";
-    EXPECT_EQ(told(""), GetParam().text + GetParam().behind);
+    expect_shown("", "");
 }
 
 TEST_P(EachRefusal, WithAReasonWithoutAnEndIsEndedWhereItsBufferEnds) {
-    EXPECT_EQ(told(std::string(buffer_size, 'x')),
-              GetParam().text + std::string(buffer_size - 1, 'x') + GetParam().behind);
+    expect_shown(std::string(buffer_size, 'x'), std::string(buffer_size - 1, 'x'));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, EachRefusal, testing::ValuesIn(refusals),
@@ -168,8 +164,7 @@ INSTANTIATE_TEST_SUITE_P(All, EachRefusal, testing::ValuesIn(refusals),
 /// What a command says when all is well, likewise.
 struct Chatter : RunTest {
     void chatty(const char *prefix) {
-        fake_platform().commands = {
-            {.prefix = prefix, .rc = 0, .output = std::string(buffer_size, 'x'), .error = "", .effect = nullptr}};
+        fake_platform().commands = {{.prefix = prefix, .output = std::string(buffer_size, 'x')}};
         clear_log();
     }
     const std::string output = std::string(buffer_size - 1, 'x');

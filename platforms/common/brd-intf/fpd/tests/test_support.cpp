@@ -123,6 +123,25 @@ CardTest::~CardTest() {
     record_seen_lines();
 }
 
+void CardTest::expect_result(int result, int expected, std::string_view text, const char *file, int line) const {
+    const testing::ScopedTrace trace(file, line, "expect_result");
+    EXPECT_EQ(result, expected);
+    EXPECT_EQ(std::string_view(err_msg), text);
+}
+
+void CardTest::expect_unlogged(int result, int expected, std::string_view text, const char *file, int line) const {
+    const testing::ScopedTrace trace(file, line, "expect_unlogged");
+    expect_result(result, expected, text);
+    EXPECT_THAT(log_lines(), testing::IsEmpty());
+}
+
+void CardTest::expect_logged(int result, int expected, const Module &module, std::string_view tag,
+                             std::string_view text, const char *file, int line) const {
+    const testing::ScopedTrace trace(file, line, "expect_logged");
+    expect_result(result, expected, text);
+    expect_only_log(module, "ERROR", tag, text);
+}
+
 std::string default_bootstrap_text() {
     return "PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=0\nPD_SLOT_NUM=2\nMY_CARD_PID=CARD-36H\n";
 }
@@ -144,6 +163,12 @@ std::vector<LogLine> log_lines(std::string_view tag) {
     return lines;
 }
 
+std::vector<LogLine> log_lines(const Module &module) {
+    std::vector<LogLine> lines = log_lines();
+    std::erase_if(lines, [&module](const LogLine &line) { return line.file != module.file; });
+    return lines;
+}
+
 void clear_log() {
     record_seen_lines();
     fs::remove(diagnostic_log_path);
@@ -162,6 +187,12 @@ void expect_log(const Module &module, std::string_view level, std::string_view t
                 const char *file, int line) {
     const testing::ScopedTrace trace(file, line, "expect_log");
     EXPECT_THAT(log_lines(tag), testing::ElementsAre(log_line(module, level, tag, message)));
+}
+
+void expect_only_log(const Module &module, std::string_view level, std::string_view tag, std::string_view message,
+                     const char *file, int line) {
+    const testing::ScopedTrace trace(file, line, "expect_only_log");
+    EXPECT_THAT(log_lines(), testing::ElementsAre(log_line(module, level, tag, message)));
 }
 
 void expect_no_log(std::string_view tag, const char *file, int line) {

@@ -64,16 +64,12 @@ struct OsThreadCreate : CardTest {
     }
 };
 
-TEST_F(OsThreadCreate, BlocksTheTwoReservedSignalsAndNoOtherInTheThread) {
+TEST_F(OsThreadCreate, BlocksTheTwoReservedSignalsAndNoOtherInTheThreadAndItsCreator) {
+    ASSERT_FALSE(is_blocked(SIGRTMIN + 6));
+    ASSERT_FALSE(is_blocked(SIGRTMIN + 10));
     const Seen seen = run();
     EXPECT_TRUE(seen.reserved_blocked);
     EXPECT_EQ(seen.others_blocked, 0);
-}
-
-TEST_F(OsThreadCreate, LeavesThemBlockedInTheCreator) {
-    ASSERT_FALSE(is_blocked(SIGRTMIN + 6));
-    ASSERT_FALSE(is_blocked(SIGRTMIN + 10));
-    run();
     EXPECT_TRUE(is_blocked(SIGRTMIN + 6));
     EXPECT_TRUE(is_blocked(SIGRTMIN + 10));
     EXPECT_FALSE(is_blocked(SIGRTMIN + 7));
@@ -106,30 +102,26 @@ TEST_F(OsThreadCreate, ReturnsTheResultOfTheCreation) {
     EXPECT_TRUE(is_blocked(SIGRTMIN + 6));
 }
 
-struct OsThreadCreateDeathTest : OsThreadCreate {
-    /// Creates a thread while that call fails for the nth time.
-    static void create_failing(Call call, unsigned nth = 1) {
-        Seen seen;
-        pthread_t thread{};
-        interpose::fail(call, EINVAL, nth);
-        if (os_thread_create(&thread, nullptr, look, &seen) == 0) pthread_join(thread, nullptr);
-    }
-};
-
-TEST_F(OsThreadCreateDeathTest, AbortsWhenTheSetCannotBeEmptied) {
-    EXPECT_EXIT(create_failing(Call::sigemptyset), testing::KilledBySignal(SIGABRT), "Assertion `rc == 0' failed");
-}
-
-TEST_F(OsThreadCreateDeathTest, AbortsWhenTheFirstSignalCannotBeAdded) {
-    EXPECT_EXIT(create_failing(Call::sigaddset), testing::KilledBySignal(SIGABRT), "Assertion `rc == 0' failed");
-}
-
-TEST_F(OsThreadCreateDeathTest, AbortsWhenTheSecondSignalCannotBeAdded) {
-    EXPECT_EXIT(create_failing(Call::sigaddset, 2), testing::KilledBySignal(SIGABRT), "Assertion `rc ==0' failed");
-}
+using OsThreadCreateDeathTest = OsThreadCreate;
 
 TEST_F(OsThreadCreateDeathTest, AbortsWhenTheSignalsCannotBeBlocked) {
-    EXPECT_EXIT(create_failing(Call::pthread_sigmask), testing::KilledBySignal(SIGABRT), "Assertion `rc == 0' failed");
+    const struct {
+        Call call;
+        unsigned nth;
+        const char *text;
+    } cases[] = {
+        {Call::sigemptyset, 1, "Assertion `rc == 0' failed"},
+        {Call::sigaddset, 1, "Assertion `rc == 0' failed"},
+        {Call::sigaddset, 2, "Assertion `rc ==0' failed"},
+        {Call::pthread_sigmask, 1, "Assertion `rc == 0' failed"},
+    };
+    for (const auto &each : cases)
+        EXPECT_EXIT(
+            {
+                interpose::fail(each.call, EINVAL, each.nth);
+                run();
+            },
+            testing::KilledBySignal(SIGABRT), each.text);
 }
 
 }  // namespace
