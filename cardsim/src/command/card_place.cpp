@@ -8,13 +8,10 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
+#include "file_text.h"
 #include "images.h"
 #include "scripts.h"
 
@@ -23,27 +20,15 @@ namespace fs = std::filesystem;
 namespace cardsim {
 namespace {
 
-[[noreturn]] void fail(const fs::path &path, int error_number) {
-    throw std::runtime_error(path.string() + ": " + std::strerror(error_number));
-}
-
 [[noreturn]] void refuse_second_use(const fs::path &state) {
-    throw CardError(state.string() + ": the card is in use by another cardsim");
-}
-
-/// A name for an open file, for what knows files by their names alone.
-fs::path name_of(int file) {
-    return "/proc/self/fd/" + std::to_string(file);
+    throw Error(state.string() + ": the card is in use by another cardsim");
 }
 
 /// Replaces a file whole, and only when it differs.
 void update_file(const StateDirectory &state, const fs::path &name, const std::string &text, mode_t mode) {
-    if (state.has(name)) {
-        const FileOwner file(state.open(name, O_RDONLY));
-        std::ifstream present(name_of(file.handle), std::ios::binary);
-        if (std::string(std::istreambuf_iterator<char>(present), {}) == text) return;
-    }
-    state.replace(name, mode, [&text](int file) { write_all(file, text); });
+    const fs::path path = state.path() / name;
+    if (state.has(name) && read_text(state.open(name, O_RDONLY), path) == text) return;
+    state.replace(name, mode, [&](const Descriptor &file) { write_all(file, path, text); });
 }
 
 bool is_newer(const timespec &one, const timespec &other) {
@@ -59,11 +44,11 @@ bool image_is_current(const fs::path &source, const std::optional<struct stat> &
 
 void update_image(const StateDirectory &state, const fs::path &source, const fs::path &image, uint64_t size) {
     if (image_is_current(source, state.status(image), size)) return;
-    state.replace(image, 0644, [&](int file) {
+    state.replace(image, 0644, [&](const Descriptor &file) {
         if (fs::exists(source)) {
-            fs::copy_file(source, name_of(file), fs::copy_options::overwrite_existing);
+            fs::copy_file(source, file.name(), fs::copy_options::overwrite_existing);
         } else {
-            write_image(name_of(file), image.filename().string(), size);
+            write_image(file, state.path() / image, image.filename().string(), size);
         }
     });
 }
@@ -84,12 +69,11 @@ class StateInTheMaking {
   public:
     explicit StateInTheMaking(const fs::path &state)
         : state_(state), path_(state.parent_path() / ("." + state.filename().string() + ".new")) {
-        if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) fail(path_, errno);
+        if (mkdir(path_.c_str(), 0700) != 0 && errno != EEXIST) throw system_error(path_.string(), errno);
         directory_.emplace(path_);
-        lock_.emplace(directory_->open(".", O_RDONLY | O_DIRECTORY));
-        if (directory_->status(".")->st_uid != geteuid())
-            throw CardError(path_.string() + ": belongs to somebody else");
-        if (flock(lock_->handle, LOCK_EX | LOCK_NB) != 0 || !is_still_there()) refuse_second_use(state);
+        lock_ = directory_->open(".", O_RDONLY | O_DIRECTORY);
+        if (directory_->status(".")->st_uid != geteuid()) throw Error(path_.string() + ": belongs to somebody else");
+        if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0 || !is_still_there()) refuse_second_use(state);
         for (const fs::directory_entry &entry : fs::directory_iterator(path_)) fs::remove_all(entry.path());
     }
     StateInTheMaking(const StateInTheMaking &) = delete;
@@ -100,7 +84,7 @@ class StateInTheMaking {
     }
     const StateDirectory &directory() const { return *directory_; }
     void keep() {
-        if (fchmod(lock_->handle, 0755) != 0) fail(path_, errno);
+        if (fchmod(lock_.get(), 0755) != 0) throw system_error(path_.string(), errno);
         fs::rename(path_, state_);
         kept_ = true;
     }
@@ -109,15 +93,15 @@ class StateInTheMaking {
     fs::path state_;
     fs::path path_;
     std::optional<StateDirectory> directory_;
-    std::optional<FileOwner> lock_;
+    Descriptor lock_;
     bool kept_ = false;
 
     /// Not renamed or removed by the one that had the lock before.
     bool is_still_there() const {
         struct stat locked = {};
         struct stat named = {};
-        return fstat(lock_->handle, &locked) == 0 && lstat(path_.c_str(), &named) == 0 &&
-               locked.st_ino == named.st_ino && locked.st_dev == named.st_dev;
+        return fstat(lock_.get(), &locked) == 0 && lstat(path_.c_str(), &named) == 0 && locked.st_ino == named.st_ino &&
+               locked.st_dev == named.st_dev;
     }
 };
 
@@ -126,10 +110,10 @@ void check_state_directory(const fs::path &state) {
     std::error_code error;
     const fs::file_status status = fs::symlink_status(state, error);
     if (!fs::exists(status)) return;
-    if (fs::is_symlink(status)) throw CardError(state.string() + ": a symbolic link; name the directory by --state");
-    if (!fs::is_directory(status)) throw CardError(state.string() + ": not a directory");
+    if (fs::is_symlink(status)) throw Error(state.string() + ": a symbolic link; name the directory by --state");
+    if (!fs::is_directory(status)) throw Error(state.string() + ": not a directory");
     if (!fs::is_empty(state) && !fs::exists(fs::symlink_status(state / state_file))) {
-        throw CardError(state.string() + ": holds other files and no card's state");
+        throw Error(state.string() + ": holds other files and no card's state");
     }
 }
 
@@ -138,8 +122,7 @@ void check_state_directory(const fs::path &state) {
 CardPlace find_card(const fs::path &card, const fs::path &state) {
     const fs::path given = fs::is_directory(card) ? card / "card.toml" : card;
     CardPlace place;
-    std::string error;
-    if (load_card_description(given, place.description, error) != 0) throw CardError(error);
+    place.description = load_card_description(given);
     place.file = fs::canonical(given);
     place.images = place.file.parent_path() / "images";
     place.state = state.empty() ? place.file.parent_path() / "state" : fs::weakly_canonical(fs::absolute(state));
@@ -156,8 +139,7 @@ void make_state(const CardPlace &place, uint32_t speed) {
     fs::create_directories(place.state.parent_path());
     StateInTheMaking making(place.state);
     update_state(place, making.directory(), speed);
-    std::string error;
-    if (save_state(making.directory(), initial_state(place.description), error) != 0) throw std::runtime_error(error);
+    save_state(making.directory(), initial_state(place.description));
     making.keep();
 }
 
@@ -173,15 +155,15 @@ void update_state(const CardPlace &place, const StateDirectory &state, uint32_t 
 CardInUse::CardInUse(const StateDirectory &state, For what) : file_(state.open("power", O_RDWR | O_CREAT)) {
     // One at a time: a command that looks whether it is alone must not be in the way of another one.
     const StateLock lock(state);
-    if (flock(file_.handle, LOCK_EX | LOCK_NB) == 0) state.remove_leftovers();
+    if (flock(file_.get(), LOCK_EX | LOCK_NB) == 0) state.remove_leftovers();
     const int use = what == For::Boot ? LOCK_EX : LOCK_SH;
-    if (flock(file_.handle, use | LOCK_NB) != 0) refuse_second_use(state.path());
+    if (flock(file_.get(), use | LOCK_NB) != 0) refuse_second_use(state.path());
     state.check();
 }
 
 uint32_t CardInUse::last_boot() const {
     std::array<char, 16> text = {};
-    const ssize_t length = pread(file_.handle, text.data(), text.size(), 0);
+    const ssize_t length = pread(file_.get(), text.data(), text.size(), 0);
     uint32_t boot = 0;
     if (length > 0) std::from_chars(text.data(), text.data() + length, boot);
     return boot;
@@ -189,8 +171,8 @@ uint32_t CardInUse::last_boot() const {
 
 void CardInUse::set_last_boot(uint32_t boot) const {
     const std::string text = std::to_string(boot) + "\n";
-    if (pwrite(file_.handle, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-        throw std::runtime_error(std::string("record the boot: ") + std::strerror(errno));
+    if (pwrite(file_.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        throw system_error("record the boot", errno);
     }
 }
 

@@ -6,8 +6,8 @@
 #include <filesystem>
 
 #include "card_description.h"
-#include "card_error.h"
 #include "card_state.h"
+#include "descriptor.h"
 #include "state_directory.h"
 
 namespace cardsim {
@@ -20,14 +20,14 @@ struct CardPlace {
 };
 
 /// Reads the card that `card` names: a description or the directory of a card.toml. The state directory is `state` or,
-/// when that is empty, "state" beside the description. Nothing is written. Throws CardError.
+/// when that is empty, "state" beside the description. Nothing is written. Throws Error.
 CardPlace find_card(const std::filesystem::path &card, const std::filesystem::path &state);
 
 /// True once the card's state directory was made.
 bool has_state(const CardPlace &place);
 
 /// Makes the state directory, whole or not at all, with everything in it that follows from the description; nothing is
-/// done when there is one. Throws CardError, or std::exception when the system refuses.
+/// done when there is one. Throws Error, or another std::exception when the system refuses.
 void make_state(const CardPlace &place, uint32_t speed);
 
 /// Brings the key file, the scripts and missing or changed images up to date, under a StateLock. `speed` divides the
@@ -35,7 +35,7 @@ void make_state(const CardPlace &place, uint32_t speed);
 void update_state(const CardPlace &place, const StateDirectory &state, uint32_t speed);
 
 /// Holds a card while it is in use: one boot, or any number of other commands. Where nobody else does, what earlier
-/// ones left unfinished is removed. Throws CardError when the card is taken, or when its state is nothing that a card
+/// ones left unfinished is removed. Throws Error when the card is taken, or when its state is nothing that a card
 /// leaves.
 class CardInUse {
   public:
@@ -47,7 +47,7 @@ class CardInUse {
     void set_last_boot(uint32_t boot) const;
 
   private:
-    FileOwner file_;
+    Descriptor file_;
 };
 
 }  // namespace cardsim

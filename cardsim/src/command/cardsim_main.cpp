@@ -49,19 +49,19 @@ void add_power(CLI::App &command, cardsim::Power &power) {
 
 void show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
-    cardsim::CardState state = cardsim::initial_state(place.description);
-    std::string error;
-    if (cardsim::has_state(place)) {
-        const cardsim::StateDirectory directory(place.state);
-        if (cardsim::load_state(directory, place.description, state, error) != 0) throw cardsim::CardError(error);
-    }
+    const cardsim::CardState state = cardsim::has_state(place)
+                                         ? cardsim::load_state(cardsim::StateDirectory(place.state), place.description)
+                                         : cardsim::initial_state(place.description);
     std::fputs(cardsim::card_table(place.description, state).c_str(), stdout);
 }
 
-int complain(int status, const char *reason) {
+/// Tells what went wrong: about a card that names its file by itself, about the rest after this program's name.
+int complain(const std::exception &reason) {
+    const auto *const error = dynamic_cast<const cardsim::Error *>(&reason);
+    const bool is_card_broken = error != nullptr && error->code == 0;
     std::fflush(stdout);
-    std::fprintf(stderr, "cardsim: %s\n", cardsim::printable(reason).c_str());
-    return status;
+    std::fprintf(stderr, "%s%s\n", is_card_broken ? "" : "cardsim: ", cardsim::printable(reason.what()).c_str());
+    return is_card_broken ? broken_card : no_power;
 }
 
 }  // namespace
@@ -104,10 +104,7 @@ int main(int argc, char **argv) {
         if (show_command->parsed()) show(options);
         if (new_command->parsed()) cardsim::make_card(options.new_directory);
         return 0;
-    } catch (const cardsim::CardError &reason) {
-        std::fprintf(stderr, "%s\n", cardsim::printable(reason.what()).c_str());
-        return broken_card;
     } catch (const std::exception &reason) {
-        return complain(no_power, reason.what());
+        return complain(reason);
     }
 }

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -63,7 +62,7 @@ void forward_caught_signal(const Sandbox &card) {
 /// What the sandbox is to show, and the open files by which it is named there.
 struct CardLayout {
     SandboxLayout layout;
-    std::deque<FileOwner> files;
+    std::vector<Descriptor> files;
 
     CardLayout(const CardPlace &place, const StateDirectory &state, bool host_network) {
         layout.packaged_firmware = opened(state, package_directory);
@@ -83,8 +82,8 @@ struct CardLayout {
 
   private:
     fs::path opened(const StateDirectory &state, const char *name, int kind = O_DIRECTORY) {
-        files.emplace_back(state.open(name, O_RDONLY | kind));
-        return "/proc/self/fd/" + std::to_string(files.back().handle);
+        files.push_back(state.open(name, O_RDONLY | kind));
+        return files.back().name();
     }
 };
 
@@ -142,28 +141,19 @@ int run_on_card(const CardPlace &place, const Power &power, const std::vector<st
 }
 
 void read_nothing() {
-    const int null = open("/dev/null", O_RDONLY);
-    if (null > 0) {
-        dup2(null, STDIN_FILENO);
-        close(null);
-    }
+    [[maybe_unused]] const FILE *const nothing = std::freopen("/dev/null", "r", stdin);
 }
 
 Sandbox power_up(const CardPlace &place, const StateDirectory &state, const Power &power,
                  const std::function<int()> &body) {
     const CardLayout card(place, state, power.host_network);
-    Sandbox sandbox;
-    std::string error;
-    if (!sandbox_start(card.layout, body, sandbox, error)) throw PowerError(error);
-    return sandbox;
+    return sandbox_start(card.layout, body);
 }
 
 /// Makes the card's state where there is none, but only where a card can be powered at all.
 void make_missing_state(const CardPlace &place, uint32_t speed) {
-    const auto nothing = [] { return 0; };
-    std::string error;
     if (has_state(place)) return;
-    if (sandbox_run({}, nothing, error) != 0) throw PowerError(error);
+    sandbox_run({}, [] { return 0; });
     make_state(place, speed);
 }
 
@@ -237,26 +227,18 @@ void forget_last_boot(const StateDirectory &state) {
     state.remove(watchdog_punches);
 }
 
-CardState card_state(const CardPlace &place, const StateDirectory &directory) {
-    CardState state;
-    std::string error;
-    if (load_state(directory, place.description, state, error) != 0) throw CardError(error);
-    return state;
-}
-
 /// Programmed versions become the running ones. Returns the number of the new boot.
 uint32_t reload_card(const CardPlace &place, const StateDirectory &directory) {
     const StateLock lock(directory);
-    CardState state = card_state(place, directory);
+    CardState state = load_state(directory, place.description);
     reload(state);
-    std::string error;
-    if (save_state(directory, state, error) != 0) throw std::runtime_error(error);
+    save_state(directory, state);
     return state.boot;
 }
 
 /// The number of the boot that comes now. A card that has not booted since it was made starts as it is described.
 uint32_t begin_first_boot(const CardPlace &place, const StateDirectory &state, const CardInUse &use) {
-    const uint32_t boot = card_state(place, state).boot;
+    const uint32_t boot = load_state(state, place.description).boot;
     const bool booted = use.last_boot() == boot || state.has(reset_request);
     return booted ? reload_card(place, state) : boot;
 }

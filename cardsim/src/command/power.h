@@ -3,7 +3,6 @@
 #define CARDSIM_POWER_H
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,11 +16,6 @@ inline constexpr int boot_command_failed = 1;  ///< the last boot's start-up com
 inline constexpr int boot_limit_reached = 3;   ///< the last allowed boot asked for a reload as well
 inline constexpr int boot_loud_end = 4;        ///< a call that the card does not forgive, or a signal
 
-/// The card cannot be powered here, with the reason in one line; nothing was written.
-struct PowerError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 /// How a card is powered.
 struct Power {
     uint32_t speed = 1;                    ///< divides the times of the card
@@ -31,8 +25,8 @@ struct Power {
 
 /// Powers the card on and boots it, again for every reload, at most `max_boots` times. A card that was booted before is
 /// reloaded first. Tells on stdout what happens, on stderr what went wrong; the start-up command's output goes there as
-/// well. Throws CardError, PowerError, or std::exception when the system
-/// refuses something.
+/// well. Throws Error, or another std::exception when the system refuses something; where there can be no sandbox
+/// nothing was written.
 int boot_card(const CardPlace &place, const Power &power, uint32_t max_boots);
 
 /// Runs a command, found as execvp finds it, on the powered card; no boot is counted and no reload follows. The

@@ -1,11 +1,11 @@
 #include "template.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <stdexcept>
 
 #include "card_place.h"
+#include "file_text.h"
 #include "images.h"
 
 namespace fs = std::filesystem;
@@ -115,15 +115,14 @@ depends_on = "IoFpga"
 void check_absent_or_empty(const fs::path &directory) {
     const fs::file_status status = fs::status(directory);
     if (!fs::exists(status)) return;
-    if (!fs::is_directory(status)) throw CardError(directory.string() + ": exists and is not a directory");
-    if (!fs::is_empty(directory)) throw CardError(directory.string() + ": exists and is not empty");
+    if (!fs::is_directory(status)) throw Error(directory.string() + ": exists and is not a directory");
+    if (!fs::is_empty(directory)) throw Error(directory.string() + ": exists and is not empty");
 }
 
-void write_text(const fs::path &path, const char *text) {
-    std::ofstream file(path, std::ios::binary);
-    file << text;
-    file.close();
-    if (!file) throw std::runtime_error(path.string() + ": " + std::strerror(errno));
+Descriptor new_file(const fs::path &path) {
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.is_open()) throw system_error(path.string(), errno);
+    return file;
 }
 
 }  // namespace
@@ -131,12 +130,13 @@ void write_text(const fs::path &path, const char *text) {
 void make_card(const fs::path &directory) {
     check_absent_or_empty(directory);
     fs::create_directories(directory / "images");
-    write_text(directory / "card.toml", card_text);
+    write_all(new_file(directory / "card.toml"), directory / "card.toml", card_text);
     const CardPlace place = find_card(directory, {});
     for (const FpdDescription &fpd : place.description.fpds) {
         for (const RegionDescription &region : fpd.regions) {
             for (const ImageDescription &image : region.images) {
-                write_image(place.images / image.file, image.file, image.size);
+                const fs::path path = place.images / image.file;
+                write_image(new_file(path), path, image.file, image.size);
             }
         }
     }

@@ -6,8 +6,8 @@
 
 namespace cardsim {
 
-/// Makes `directory` with a commented card.toml and the images it names. Throws CardError when something is there
-/// already (an empty directory is taken), or std::exception when the system refuses.
+/// Makes `directory` with a commented card.toml and the images it names. Throws Error when something is there already
+/// (an empty directory is taken), or when the system refuses.
 void make_card(const std::filesystem::path &directory);
 
 }  // namespace cardsim

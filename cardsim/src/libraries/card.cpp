@@ -31,7 +31,7 @@ bool append_line(int file, const std::string &line) {
     return written == static_cast<ssize_t>(line.size());
 }
 
-int open_for_append(const StateDirectory &directory, const char *name) {
+Descriptor open_for_append(const StateDirectory &directory, const char *name) {
     return directory.open(name, O_WRONLY | O_APPEND | O_CREAT);
 }
 
@@ -59,24 +59,12 @@ uint32_t speed_from_environment() {
     return speed;
 }
 
-CardState loaded_state(const char *function, const Card &card) {
-    CardState state;
-    std::string error;
-    if (load_state(card.state_directory, card.description, state, error) != 0) {
-        end_loudly(function, error);
-    }
-    return state;
-}
-
 Card *make_card() {
     const std::string file = environment("CARDSIM_CARD");
     auto *card = new Card(std::filesystem::canonical(environment("CARDSIM_STATE")));
-    std::string error;
     card->speed = speed_from_environment();
-    if (load_card_description(file, card->description, error) != 0) {
-        end_loudly(nullptr, error);
-    }
-    card->boot = loaded_state(nullptr, *card).boot;
+    card->description = load_card_description(file);
+    card->boot = load_state(card->state_directory, card->description).boot;
     card->calls_log = open_for_append(card->state_directory, calls_log);
     if (&bootup_fpd_time_div != nullptr) {
         bootup_fpd_time_div = card->speed;
@@ -127,6 +115,22 @@ Call::~Call() {
     }
 }
 
+int Call::answer(const std::function<void()> &work, char *err_msg, size_t err_len) {
+    if (const CallFault *fault = fault_of(*this)) {
+        if (fault->text) {
+            write_text(err_msg, err_len, *fault->text);
+        }
+        return end(static_cast<int>(fault->code));
+    }
+    try {
+        work();
+        return end(0);
+    } catch (const Error &reason) {
+        write_text(err_msg, err_len, reason.what());
+        return end(reason.code);
+    }
+}
+
 int Call::end(int result) {
     ended_ = true;
     record("-> " + std::to_string(result));
@@ -145,7 +149,7 @@ void Call::begin() const {
 
 void Call::record(const std::string &outcome) const {
     const std::string line = std::string(function) + (arguments.empty() ? "" : " ") + arguments + " " + outcome + "\n";
-    if (!append_line(card.calls_log, line)) {
+    if (!append_line(card.calls_log.get(), line)) {
         end_loudly(function, "its record cannot be written");
     }
 }
@@ -157,7 +161,7 @@ void end_loudly(const char *function, const std::string &reason) {
     const char *directory = std::getenv("CARDSIM_STATE");
     try {
         const StateDirectory state(std::filesystem::canonical(directory == nullptr ? "" : directory));
-        append_line(open_for_append(state, abort_log), line);
+        append_line(open_for_append(state, abort_log).get(), line);
     } catch (const std::exception &) {
         // It was told on standard error.
     }
@@ -190,35 +194,33 @@ void require_zero(const Call &call, const char *field, const void *bytes, size_t
     require(call, dirty == begin + size, formatted("dirty byte %td in %s", dirty - begin, field));
 }
 
-std::optional<int> fault_of(const Call &call, char *err_msg, size_t err_len) {
+const CallFault *fault_of(const Call &call) {
     uint32_t nth = 0;
     {
         const std::lock_guard guard(call.card.lock);
         nth = ++call.card.calls[call.function];
     }
-    for (const CallFault &fault : call.card.description.faults) {
-        if (matches(fault, call, nth)) {
-            if (fault.text) {
-                write_text(err_msg, err_len, *fault.text);
-            }
-            return static_cast<int>(fault.code);
-        }
-    }
-    return std::nullopt;
+    const auto &faults = call.card.description.faults;
+    const auto found =
+        std::find_if(faults.begin(), faults.end(), [&](const CallFault &fault) { return matches(fault, call, nth); });
+    return found == faults.end() ? nullptr : &*found;
 }
 
 CardState state_of(const Call &call) {
-    return loaded_state(call.function, call.card);
+    try {
+        return load_state(call.card.state_directory, call.card.description);
+    } catch (const std::exception &reason) {
+        end_loudly(call.function, reason.what());
+    }
 }
 
 void change_state(const Call &call, const std::function<void(CardState &)> &change) {
     const StateDirectory &directory = call.card.state_directory;
     try {
         const StateLock lock(directory);
-        CardState state = state_of(call);
+        CardState state = load_state(directory, call.card.description);
         change(state);
-        std::string error;
-        require(call, save_state(directory, state, error) == 0, error);
+        save_state(directory, state);
     } catch (const std::exception &reason) {
         end_loudly(call.function, reason.what());
     }

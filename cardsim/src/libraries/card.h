@@ -18,6 +18,8 @@
 #include "cancellation.h"
 #include "card_description.h"
 #include "card_state.h"
+#include "descriptor.h"
+#include "error.h"
 
 /// A function of a closed library.
 #define CARDSIM_EXPORT extern "C" __attribute__((visibility("default")))
@@ -33,7 +35,7 @@ struct Card {
     StateDirectory state_directory;
     uint32_t speed = 1;  ///< every time of the card is divided by it
     uint32_t boot = 1;
-    int calls_log = -1;
+    Descriptor calls_log;
 
     std::mutex lock;  ///< guards all that follows; never held while waiting
     std::optional<std::thread::id> caller;
@@ -46,8 +48,8 @@ struct Card {
 
 enum class Callers { OneThread, AnyThread };
 
-/// A call of a closed function, from its entry to its record. While it exists its thread is cancelled in the scopes of
-/// CancellationAsBefore alone; a call that is cancelled there is recorded as such.
+/// A call of a closed function, from its entry to its record. While it exists its thread is cancelled only where
+/// another guard lifts `uncancelled`; a call that is cancelled there is recorded as such.
 class Call {
   public:
     /// Ends the process loudly when there is no card or when this thread must not call the function.
@@ -56,13 +58,17 @@ class Call {
     Call(const Call &) = delete;
     Call &operator=(const Call &) = delete;
 
-    CancellationDisabled uncancelled;
+    CancellationGuard uncancelled{PTHREAD_CANCEL_DISABLE};
     const char *function;
     Card &card;
     std::string arguments;  ///< for the record: "name=value name=value"
 
     /// Records the result and hands it back.
     int end(int result);
+    /// Counts the call, does its `work` unless a described fault is in the way, and ends it with 0 or with the code of
+    /// the fault or of the Error that the work threw, whose text goes to `err_msg`: the one place where an exception
+    /// becomes a code.
+    int answer(const std::function<void()> &work, char *err_msg = nullptr, size_t err_len = 0);
     uint32_t end_with_bits(uint32_t bits);
     /// Records that the call goes on for a while.
     void begin() const;
@@ -85,13 +91,12 @@ void require_group(const Call &call, uint32_t group_id);
 void require_clean_text(const Call &call, const char *field, const char *text, size_t size);
 void require_zero(const Call &call, const char *field, const void *bytes, size_t size);
 
-/// Counts this call of the function. The code that a described fault lets it end with, its text in `err_msg` if there
-/// is one; nothing: the call goes its way.
-std::optional<int> fault_of(const Call &call, char *err_msg = nullptr, size_t err_len = 0);
+/// Counts this call of the function. The described fault that it ends with; null: the call goes its way.
+const CallFault *fault_of(const Call &call);
 
-/// The state as it is now.
+/// The state as it is now; ends the process loudly when that is broken.
 CardState state_of(const Call &call);
-/// Changes the state and saves it before anybody else may change it.
+/// Changes the state and saves it before anybody else may change it; ends the process loudly when that fails.
 void change_state(const Call &call, const std::function<void(CardState &)> &change);
 
 /// A copy of the text that stays where it is for the life of the process.

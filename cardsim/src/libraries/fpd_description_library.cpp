@@ -90,16 +90,17 @@ std::string verdict_text(const FpdDescRequest &request, const ImageDescription &
 /// The sum that the package states; of the file as it lies there when the description leaves it to that. Empty when
 /// there is no such file, which nothing that is validated against it will pass.
 std::string packaged_md5(const Call &call, const ImageDescription &image) {
-    std::string sum;
-    std::string ignored;
     if (image.md5) {
         return *image.md5;
     }
-    md5_of_file(call.card.state_directory.path() / package_directory / image.file, sum, ignored);
-    return sum;
+    try {
+        return md5_of_file(call.card.state_directory.path() / package_directory / image.file);
+    } catch (const Error &) {
+        return {};
+    }
 }
 
-void answer(const Call &call, const FpdDescRequest &request, const ImageDescription &image, FpdDesc &result) {
+void fill_result(const Call &call, const FpdDescRequest &request, const ImageDescription &image, FpdDesc &result) {
     const FirmwareVersion packaged = firmware_version(image.version);
     const bool is_too_old = firmware_version(request.running_version) < firmware_version(image.minimum);
     write_text(result.dependency, sizeof result.dependency, image.depends_on);
@@ -121,8 +122,8 @@ CARDSIM_EXPORT uint32_t get_fpd_capability_info(const char *name, uint32_t board
                                version_text(hw_version).c_str());
     require_board(call, board_type, hw_version);
     const RegionDescription &region = region_named(call, name, sizeof(char[64]) - 1);
-    const auto code = fault_of(call);
-    return call.end_with_bits(code ? static_cast<uint32_t>(*code) : region.capabilities);
+    const CallFault *fault = fault_of(call);
+    return call.end_with_bits(fault != nullptr ? static_cast<uint32_t>(fault->code) : region.capabilities);
 }
 
 CARDSIM_EXPORT int check_and_get_upgrade_image(FpdDescRequest *request, FpdDesc *result, char *err_msg,
@@ -138,14 +139,12 @@ CARDSIM_EXPORT int check_and_get_upgrade_image(FpdDescRequest *request, FpdDesc 
     const RegionDescription &region = region_named(call, request->name, sizeof request->name - 1);
     require(call, request->info_flag == region.info_flag,
             formatted("request: info flag %d is not the one that the card reports", request->info_flag));
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    const ImageDescription *image = find_image(region, request->upgrade_type);
-    if (image == nullptr) {
-        write_text(err_msg, err_len, formatted("no image packaged for upgrade type %u", request->upgrade_type));
-        return call.end(ENOENT);
-    }
-    answer(call, *request, *image, *result);
-    return call.end(0);
+    const auto find = [&] {
+        const ImageDescription *image = find_image(region, request->upgrade_type);
+        if (image == nullptr) {
+            throw Error(formatted("no image packaged for upgrade type %u", request->upgrade_type), ENOENT);
+        }
+        fill_result(call, *request, *image, *result);
+    };
+    return call.answer(find, err_msg, err_len);
 }

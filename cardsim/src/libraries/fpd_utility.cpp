@@ -21,19 +21,6 @@ void write_output(const std::string &text, char *output, size_t size, size_t *le
     output[*length] = '\0';
 }
 
-int run_command(Call &call, const std::string &command, char *output, size_t output_size, size_t *output_len,
-                char *err_msg, size_t err_len) {
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    const ShellResult result = run_shell(command, call.uncancelled);
-    write_output(result.output, output, output_size, output_len);
-    if (result.code != 0) {
-        write_text(err_msg, err_len, result.reason);
-    }
-    return call.end(result.code);
-}
-
 }  // namespace
 
 CARDSIM_EXPORT int exec_shell_command(char *output, size_t output_size, size_t *output_len, char *err_msg,
@@ -49,7 +36,15 @@ CARDSIM_EXPORT int exec_shell_command(char *output, size_t output_size, size_t *
     va_end(values);
     require(call, !command.empty(), "no command");
     call.arguments = "command=" + quoted(command);
-    return run_command(call, command, output, output_size, output_len, err_msg, err_len);
+    const auto run = [&] {
+        write_output("", output, output_size, output_len);
+        const ShellResult result = run_shell(command, call.uncancelled);
+        write_output(result.output, output, output_size, output_len);
+        if (result.code != 0) {
+            throw Error(result.reason, result.code);
+        }
+    };
+    return call.answer(run, err_msg, err_len);
 }
 
 CARDSIM_EXPORT int brd_intf_fpd_image_md5_validate(const char *directory, const char *image, const char *md5,
@@ -58,19 +53,12 @@ CARDSIM_EXPORT int brd_intf_fpd_image_md5_validate(const char *directory, const 
     require(call, directory != nullptr && image != nullptr && md5 != nullptr, "a text is null");
     require_error_buffer(call, err_msg, err_len);
     call.arguments = "directory=" + quoted(directory) + " image=" + quoted(image) + " md5=" + quoted(md5);
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    const std::filesystem::path file = std::filesystem::path(directory) / image;
-    std::string sum;
-    std::string error;
-    if (const int reason = md5_of_file(file, sum, error)) {
-        write_text(err_msg, err_len, error);
-        return call.end(reason);
-    }
-    if (strcasecmp(sum.c_str(), md5) != 0) {
-        write_text(err_msg, err_len, file.string() + ": its MD5 sum is " + sum + ", not '" + md5 + "'");
-        return call.end(EBADMSG);
-    }
-    return call.end(0);
+    const auto compare = [&] {
+        const std::filesystem::path file = std::filesystem::path(directory) / image;
+        const std::string sum = md5_of_file(file);
+        if (strcasecmp(sum.c_str(), md5) != 0) {
+            throw Error(file.string() + ": its MD5 sum is " + sum + ", not '" + md5 + "'", EBADMSG);
+        }
+    };
+    return call.answer(compare, err_msg, err_len);
 }

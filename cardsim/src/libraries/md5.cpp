@@ -1,16 +1,11 @@
 #include "md5.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <memory>
-#include <vector>
 
-#include "file_owner.h"
+#include "file_text.h"
 
 namespace cardsim {
 
@@ -32,29 +27,18 @@ std::string hex_text(const unsigned char *bytes, unsigned int size) {
 
 }  // namespace
 
-int md5_of_file(const std::filesystem::path &file, std::string &sum, std::string &error) {
-    const FileOwner source(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+std::string md5_of_file(const std::filesystem::path &file) {
+    const Descriptor source = open_to_read(file);
     const std::unique_ptr<EVP_MD_CTX, DigestDeleter> digest(EVP_MD_CTX_new());
     if (digest == nullptr || EVP_DigestInit_ex(digest.get(), EVP_md5(), nullptr) != 1) {
-        error = "MD5 is not available";
-        return ENOTSUP;
+        throw Error("MD5 is not available", ENOTSUP);
     }
-    std::vector<char> chunk(size_t{1} << 16);
-    ssize_t count = source.handle < 0 ? -1 : read(source.handle, chunk.data(), chunk.size());
-    while (count > 0) {
-        EVP_DigestUpdate(digest.get(), chunk.data(), static_cast<size_t>(count));
-        count = read(source.handle, chunk.data(), chunk.size());
-    }
-    if (count < 0) {
-        const int reason = errno;
-        error = file.string() + ": cannot be read: " + std::strerror(reason);
-        return reason;
-    }
+    read_pieces(source, file,
+                [&](std::string_view piece) { EVP_DigestUpdate(digest.get(), piece.data(), piece.size()); });
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     EVP_DigestFinal_ex(digest.get(), bytes, &size);
-    sum = hex_text(bytes, size);
-    return 0;
+    return hex_text(bytes, size);
 }
 
 }  // namespace cardsim

@@ -7,9 +7,8 @@
 
 namespace cardsim {
 
-/// The sum of a file's bytes as lower-case hex text in `sum`. Returns 0; else a positive errno number, a one-line
-/// reason in `error` and `sum` left as it was. Must not be cancelled.
-int md5_of_file(const std::filesystem::path &file, std::string &sum, std::string &error);
+/// The sum of a file's bytes as lower-case hex text. Throws Error with the errno number. Must not be cancelled.
+std::string md5_of_file(const std::filesystem::path &file);
 
 }  // namespace cardsim
 

@@ -151,17 +151,13 @@ CARDSIM_EXPORT int brd_sb_attribute_flag_set(int value) {
     Call call("brd_sb_attribute_flag_set", Callers::OneThread);
     call.arguments = formatted("value=%d", value);
     require(call, value == 1 || value == 2, formatted("unknown value %d", value));
-    return call.end(fault_of(call).value_or(0));
+    return call.answer([] {});
 }
 
 CARDSIM_EXPORT int brd_local_card_group_id_get(uint32_t *group_id) {
     Call call("brd_local_card_group_id_get", Callers::OneThread);
     require(call, group_id != nullptr, "no place for the group");
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *group_id = call.card.description.group;
-    return call.end(0);
+    return call.answer([&] { *group_id = call.card.description.group; });
 }
 
 CARDSIM_EXPORT int brd_group_fpd_num_fpds_get(uint32_t group_id, uint32_t *count) {
@@ -170,11 +166,7 @@ CARDSIM_EXPORT int brd_group_fpd_num_fpds_get(uint32_t group_id, uint32_t *count
     require(call, count != nullptr, "no place for the count");
     require_hardware(call);
     require_group(call, group_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *count = static_cast<uint32_t>(call.card.description.fpds.size());
-    return call.end(0);
+    return call.answer([&] { *count = static_cast<uint32_t>(call.card.description.fpds.size()); });
 }
 
 CARDSIM_EXPORT int brd_group_fpd_obj_id_list_get(uint32_t group_id, uint32_t *ids) {
@@ -183,13 +175,11 @@ CARDSIM_EXPORT int brd_group_fpd_obj_id_list_get(uint32_t group_id, uint32_t *id
     require(call, ids != nullptr, "no room for the ids");
     require_hardware(call);
     require_group(call, group_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    for (const FpdDescription &fpd : call.card.description.fpds) {
-        *ids++ = fpd.id;
-    }
-    return call.end(0);
+    return call.answer([&] {
+        for (const FpdDescription &fpd : call.card.description.fpds) {
+            *ids++ = fpd.id;
+        }
+    });
 }
 
 CARDSIM_EXPORT int brd_fpd_num_regions_get(uint32_t group_id, uint32_t obj_id, uint8_t *num_regions) {
@@ -197,11 +187,7 @@ CARDSIM_EXPORT int brd_fpd_num_regions_get(uint32_t group_id, uint32_t obj_id, u
     call.arguments = fpd_arguments(group_id, obj_id);
     require(call, num_regions != nullptr, "no place for the count");
     const FpdDescription &fpd = required_fpd(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *num_regions = static_cast<uint8_t>(fpd.regions.size());
-    return call.end(0);
+    return call.answer([&] { *num_regions = static_cast<uint8_t>(fpd.regions.size()); });
 }
 
 CARDSIM_EXPORT int brd_fpd_regions_get(uint32_t group_id, uint32_t obj_id, BrdFpdRegion *regions, uint8_t num_regions) {
@@ -212,14 +198,12 @@ CARDSIM_EXPORT int brd_fpd_regions_get(uint32_t group_id, uint32_t obj_id, BrdFp
     require(call, num_regions == fpd.regions.size(),
             formatted("asked for %d regions of %zu", num_regions, fpd.regions.size()));
     require_zero(call, "regions", regions, num_regions * sizeof *regions);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    for (const RegionDescription &region : fpd.regions) {
-        write_text(regions->name, sizeof regions->name, region.name);
-        ++regions;
-    }
-    return call.end(0);
+    return call.answer([&] {
+        for (const RegionDescription &region : fpd.regions) {
+            write_text(regions->name, sizeof regions->name, region.name);
+            ++regions;
+        }
+    });
 }
 
 CARDSIM_EXPORT int brd_fpd_info_get(uint32_t group_id, uint32_t obj_id, uint8_t region, BrdFpdInfo *info, char *err_msg,
@@ -230,12 +214,12 @@ CARDSIM_EXPORT int brd_fpd_info_get(uint32_t group_id, uint32_t obj_id, uint8_t 
     require_error_buffer(call, err_msg, err_len);
     const RegionDescription &described = required_region(call, group_id, obj_id, region);
     require_clean_info(call, *info);
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    const CardState state = state_of(call);
-    fill_info(described, *find_region(state, obj_id, region), *info);
-    return call.end(0);
+    return call.answer(
+        [&] {
+            const CardState state = state_of(call);
+            fill_info(described, *find_region(state, obj_id, region), *info);
+        },
+        err_msg, err_len);
 }
 
 CARDSIM_EXPORT int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpgradeRequest *request, char *err_msg,
@@ -250,17 +234,14 @@ CARDSIM_EXPORT int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpg
     call.arguments = region_arguments(group_id, obj_id, request->region) + " directory=" + quoted(request->directory) +
                      " file=" + quoted(request->file_name);
     call.begin();
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    return call.end(upgrade_region(call, {obj_id, region, image, *request}, err_msg, err_len));
+    return call.answer([&] { upgrade_region(call, {obj_id, region, image, *request}); }, err_msg, err_len);
 }
 
 CARDSIM_EXPORT int brd_group_led_init(uint32_t group_id) {
     Call call("brd_group_led_init", Callers::OneThread);
     call.arguments = formatted("group=%u", group_id);
     require_group(call, group_id);
-    return call.end(fault_of(call).value_or(0));
+    return call.answer([] {});
 }
 
 CARDSIM_EXPORT int brd_group_led_num_leds_get(uint32_t group_id, uint32_t *count) {
@@ -268,11 +249,7 @@ CARDSIM_EXPORT int brd_group_led_num_leds_get(uint32_t group_id, uint32_t *count
     call.arguments = formatted("group=%u", group_id);
     require(call, count != nullptr, "no place for the count");
     require_group(call, group_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *count = static_cast<uint32_t>(call.card.description.leds.size());
-    return call.end(0);
+    return call.answer([&] { *count = static_cast<uint32_t>(call.card.description.leds.size()); });
 }
 
 CARDSIM_EXPORT int brd_group_led_obj_id_list_get(uint32_t group_id, uint32_t *ids) {
@@ -280,13 +257,11 @@ CARDSIM_EXPORT int brd_group_led_obj_id_list_get(uint32_t group_id, uint32_t *id
     call.arguments = formatted("group=%u", group_id);
     require(call, ids != nullptr, "no room for the ids");
     require_group(call, group_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    for (const LedDescription &led : call.card.description.leds) {
-        *ids++ = led.id;
-    }
-    return call.end(0);
+    return call.answer([&] {
+        for (const LedDescription &led : call.card.description.leds) {
+            *ids++ = led.id;
+        }
+    });
 }
 
 CARDSIM_EXPORT int brd_led_type_get(uint32_t group_id, uint32_t obj_id, uint32_t *type) {
@@ -294,11 +269,7 @@ CARDSIM_EXPORT int brd_led_type_get(uint32_t group_id, uint32_t obj_id, uint32_t
     call.arguments = fpd_arguments(group_id, obj_id);
     require(call, type != nullptr, "no place for the type");
     const LedDescription &led = required_led(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *type = led.type;
-    return call.end(0);
+    return call.answer([&] { *type = led.type; });
 }
 
 CARDSIM_EXPORT int brd_led_name_get(uint32_t group_id, uint32_t obj_id, char *name, size_t size) {
@@ -306,11 +277,7 @@ CARDSIM_EXPORT int brd_led_name_get(uint32_t group_id, uint32_t obj_id, char *na
     call.arguments = fpd_arguments(group_id, obj_id) + formatted(" size=%zu", size);
     require(call, name != nullptr && size > 0, "no room for the name");
     const LedDescription &led = required_led(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    write_text(name, size, led.name);
-    return call.end(0);
+    return call.answer([&] { write_text(name, size, led.name); });
 }
 
 CARDSIM_EXPORT int brd_led_current_color_get(uint32_t group_id, uint32_t obj_id, uint32_t *color) {
@@ -318,11 +285,7 @@ CARDSIM_EXPORT int brd_led_current_color_get(uint32_t group_id, uint32_t obj_id,
     call.arguments = fpd_arguments(group_id, obj_id);
     require(call, color != nullptr, "no place for the color");
     required_led(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *color = led_state(call, obj_id).color;
-    return call.end(0);
+    return call.answer([&] { *color = led_state(call, obj_id).color; });
 }
 
 CARDSIM_EXPORT int brd_led_current_state_get(uint32_t group_id, uint32_t obj_id, uint32_t *state) {
@@ -330,26 +293,20 @@ CARDSIM_EXPORT int brd_led_current_state_get(uint32_t group_id, uint32_t obj_id,
     call.arguments = fpd_arguments(group_id, obj_id);
     require(call, state != nullptr, "no place for the state");
     required_led(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    *state = led_state(call, obj_id).state;
-    return call.end(0);
+    return call.answer([&] { *state = led_state(call, obj_id).state; });
 }
 
 CARDSIM_EXPORT int brd_led_state_and_color_set(uint32_t group_id, uint32_t obj_id, uint32_t state, uint32_t color) {
     Call call("brd_led_state_and_color_set", Callers::OneThread);
     call.arguments = fpd_arguments(group_id, obj_id) + formatted(" state=%u color=%u", state, color);
     required_led(call, group_id, obj_id);
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    change_state(call, [&](CardState &saved) {
-        LedState &led = *find_led(saved, obj_id);
-        led.state = state;
-        led.color = color;
+    return call.answer([&] {
+        change_state(call, [&](CardState &saved) {
+            LedState &led = *find_led(saved, obj_id);
+            led.state = state;
+            led.color = color;
+        });
     });
-    return call.end(0);
 }
 
 CARDSIM_EXPORT int brd_fru_hw_data_init(uint32_t reserved1, uint32_t reserved2, FruHwData *data, uint32_t *handle) {
@@ -360,12 +317,12 @@ CARDSIM_EXPORT int brd_fru_hw_data_init(uint32_t reserved1, uint32_t reserved2, 
     require_identity(call, *data);
     call.arguments = formatted("group_type=%u hw=%u.%u slot=%u pid=%s board_type=%u", data->group_type, data->hw_major,
                                data->hw_minor, data->pd_slot_num, quoted(data->card_pid).c_str(), data->board_type);
-    const auto code = fault_of(call);
-    if (code && *code != BRD_FRU_HW_DATA_PRESENT) {
-        return call.end(*code);
+    const CallFault *fault = fault_of(call);
+    if (fault != nullptr && fault->code != BRD_FRU_HW_DATA_PRESENT) {
+        return call.end(static_cast<int>(fault->code));
     }
     // A card may say that it knew the identity already: a success by another name.
-    const bool is_present = register_identity(call.card) || code.has_value();
+    const bool is_present = register_identity(call.card) || fault != nullptr;
     *handle = identity_handle;
     return call.end(is_present ? BRD_FRU_HW_DATA_PRESENT : 0);
 }
@@ -380,10 +337,8 @@ CARDSIM_EXPORT int brd_fru_hw_init(uint32_t handle) {
     }
     require(call, is_registered, "called before the card's identity was registered");
     require(call, handle == identity_handle, formatted("unknown handle 0x%x", handle));
-    if (const auto code = fault_of(call)) {
-        return call.end(*code);
-    }
-    const std::lock_guard guard(call.card.lock);
-    call.card.hardware_started = true;
-    return call.end(0);
+    return call.answer([&] {
+        const std::lock_guard guard(call.card.lock);
+        call.card.hardware_started = true;
+    });
 }

@@ -1,16 +1,11 @@
 #include "region_upgrade.h"
 
-#include <fcntl.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstring>
-#include <vector>
 
-#include "file_owner.h"
+#include "file_text.h"
 
 namespace cardsim {
 
@@ -77,17 +72,6 @@ uint32_t count_attempt(const Call &call, const RegionUpgrade &upgrade) {
     return attempt;
 }
 
-/// Returns 0 or an errno number.
-int read_image(const std::filesystem::path &file) {
-    const FileOwner image(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    std::vector<char> chunk(size_t{1} << 16);
-    ssize_t count = image.handle < 0 ? -1 : 1;
-    while (count > 0) {
-        count = read(image.handle, chunk.data(), chunk.size());
-    }
-    return count < 0 ? errno : 0;
-}
-
 timespec now() {
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
@@ -117,11 +101,11 @@ struct Progress {
     timespec start = now();
 
     void wait_for(double fraction) const {
-        const CancellationAsBefore cancellable(call.uncancelled);
+        const CancellationGuard cancellable(call.uncancelled.earlier());
         sleep_until(later(start, seconds * fraction));
     }
     void report(int percent) const {
-        const CancellationAsBefore cancellable(call.uncancelled);
+        const CancellationGuard cancellable(call.uncancelled.earlier());
         request.progress(request.context, percent);
     }
 };
@@ -142,7 +126,7 @@ void advance_reporting(const Progress &progress, uint32_t reports, int end) {
 }
 
 [[noreturn]] void hang_for_good(const Call &call) {
-    const CancellationAsBefore cancellable(call.uncancelled);
+    const CancellationGuard cancellable(call.uncancelled.earlier());
     while (true) {
         sleep_until(later(now(), 3600));
     }
@@ -174,22 +158,18 @@ void program(const Call &call, const RegionUpgrade &upgrade, bool sticks) {
 
 }  // namespace
 
-int upgrade_region(const Call &call, const RegionUpgrade &upgrade, char *err_msg, size_t err_len) {
+void upgrade_region(const Call &call, const RegionUpgrade &upgrade) {
     RegionClaim claim(call, upgrade.fpd, upgrade.request.region);
     const AttemptPlan plan = plan_attempt(upgrade.region, count_attempt(call, upgrade));
     const auto file = std::filesystem::path(upgrade.request.directory) / upgrade.request.file_name;
-    if (const int reason = read_image(file)) {
-        write_text(err_msg, err_len, file.string() + ": cannot be read: " + std::strerror(reason));
-        return reason;
-    }
+    read_pieces(open_to_read(file), file, [](std::string_view) {});
     const Progress progress{call, upgrade.request, plan.seconds / call.card.speed};
     const int end = plan.stops == nullptr ? 100 : plan.stops->at;
     if (end >= 0) {
         advance_reporting(progress, upgrade.region.reports, end);
     }
     if (plan.stops != nullptr && plan.stops->kind == RegionFaultKind::Fail) {
-        write_text(err_msg, err_len, plan.stops->text);
-        return plan.stops->code;
+        throw Error(plan.stops->text, plan.stops->code);
     }
     if (plan.stops != nullptr && plan.stops->cancellable) {
         hang_for_good(call);
@@ -198,7 +178,6 @@ int upgrade_region(const Call &call, const RegionUpgrade &upgrade, char *err_msg
         hang_and_wake(*plan.stops, call, claim, progress);
     }
     program(call, upgrade, plan.sticks);
-    return 0;
 }
 
 }  // namespace cardsim

@@ -11,7 +11,8 @@
 #include <cstring>
 #include <optional>
 
-#include "file_owner.h"
+#include "descriptor.h"
+#include "error.h"
 
 extern char **environ;
 
@@ -37,7 +38,7 @@ struct Child {
 
     /// Its wait status, once it has ended; nothing when the process ignores SIGCHLD and so never learns it.
     std::optional<int> reap() {
-        const CancellationDisabled uncancelled;
+        const CancellationGuard uncancelled(PTHREAD_CANCEL_DISABLE);
         int status = 0;
         pid_t ended = -1;
         do {
@@ -78,14 +79,14 @@ int start_shell(const std::string &command, int output, Child &child) {
     return posix_spawn(&child.pid, "/bin/sh", &plan.files, &plan.attributes, arguments, environ);
 }
 
-std::string read_until_closed(int source, const CancellationDisabled &uncancelled) {
+std::string read_until_closed(const Descriptor &source, const CancellationGuard &uncancelled) {
     std::string output;
     char chunk[4096];
     while (true) {
         ssize_t count = 0;
         {
-            const CancellationAsBefore cancellable(uncancelled);
-            count = read(source, chunk, sizeof chunk);
+            const CancellationGuard cancellable(uncancelled.earlier());
+            count = read(source.get(), chunk, sizeof chunk);
         }
         if (count == 0 || (count < 0 && errno != EINTR)) {
             return output;
@@ -97,8 +98,8 @@ std::string read_until_closed(int source, const CancellationDisabled &uncancelle
 }
 
 /// Leaves the ended child to be reaped: a cancellation just behind it must still find it.
-void wait_for_end(const Child &child, const CancellationDisabled &uncancelled) {
-    const CancellationAsBefore cancellable(uncancelled);
+void wait_for_end(const Child &child, const CancellationGuard &uncancelled) {
+    const CancellationGuard cancellable(uncancelled.earlier());
     siginfo_t ignored;
     while (waitid(P_PID, static_cast<id_t>(child.pid), &ignored, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
     }
@@ -128,27 +129,27 @@ void explain(const std::string &command, std::optional<int> ended, ShellResult &
     result.reason = "command '" + command + "' " + how + ": " + on_one_line(result.output);
 }
 
-ShellResult not_started(const std::string &command, int reason) {
-    return {reason, "", "command '" + command + "' cannot be started: " + std::strerror(reason)};
+Error not_started(const std::string &command, int reason) {
+    return system_error("command '" + command + "' cannot be started", reason);
 }
 
 }  // namespace
 
-ShellResult run_shell(const std::string &command, const CancellationDisabled &uncancelled) {
+ShellResult run_shell(const std::string &command, const CancellationGuard &uncancelled) {
     int ends[2] = {-1, -1};
     if (pipe2(ends, O_CLOEXEC) != 0) {
-        return not_started(command, errno);
+        throw not_started(command, errno);
     }
-    const FileOwner reading(ends[0]);
-    FileOwner writing(ends[1]);
+    const Descriptor reading(ends[0]);
+    Descriptor writing(ends[1]);
     Child child;
-    if (const int reason = start_shell(command, writing.handle, child)) {
+    if (const int reason = start_shell(command, writing.get(), child)) {
         child.pid = -1;
-        return not_started(command, reason);
+        throw not_started(command, reason);
     }
     writing.reset();
     ShellResult result;
-    result.output = read_until_closed(reading.handle, uncancelled);
+    result.output = read_until_closed(reading, uncancelled);
     wait_for_end(child, uncancelled);
     explain(command, child.reap(), result);
     return result;

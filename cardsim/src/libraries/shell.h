@@ -16,8 +16,8 @@ struct ShellResult {
 
 /// Runs `sh -c command` with nothing on its standard input and waits until it ended and nobody writes any more. The
 /// waits are cancellation points as far as the thread could be cancelled before `uncancelled`; a cancelled run kills
-/// the command's process group and leaves no process, no open file.
-ShellResult run_shell(const std::string &command, const CancellationDisabled &uncancelled);
+/// the command's process group and leaves no process, no open file. Throws Error when the shell cannot be started.
+ShellResult run_shell(const std::string &command, const CancellationGuard &uncancelled);
 
 }  // namespace cardsim
 

@@ -12,26 +12,20 @@ namespace {
 int get_setting(Call &call, int CardState::*setting, int *value, char *err_msg, size_t err_len) {
     require(call, value != nullptr, "no place for the value");
     require_error_buffer(call, err_msg, err_len);
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    *value = state_of(call).*setting;
-    return call.end(0);
+    return call.answer([&] { *value = state_of(call).*setting; }, err_msg, err_len);
 }
 
 /// Stores one of the settings, which is at most `most`.
 int set_setting(Call &call, int CardState::*setting, int value, int most, char *err_msg, size_t err_len) {
     call.arguments = formatted("value=%d", value);
     require_error_buffer(call, err_msg, err_len);
-    if (const auto code = fault_of(call, err_msg, err_len)) {
-        return call.end(*code);
-    }
-    if (value < 0 || value > most) {
-        write_text(err_msg, err_len, formatted("%d is not a value from 0 to %d", value, most));
-        return call.end(EINVAL);
-    }
-    change_state(call, [&](CardState &state) { state.*setting = value; });
-    return call.end(0);
+    const auto store = [&] {
+        if (value < 0 || value > most) {
+            throw Error(formatted("%d is not a value from 0 to %d", value, most), EINVAL);
+        }
+        change_state(call, [&](CardState &state) { state.*setting = value; });
+    };
+    return call.answer(store, err_msg, err_len);
 }
 
 }  // namespace

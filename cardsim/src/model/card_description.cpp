@@ -4,16 +4,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <limits>
 #include <map>
 #include <set>
 #include <string_view>
 #include <utility>
 
-#include "file_owner.h"
+#include "file_text.h"
+#include "printable.h"
 #include "toml_reader.h"
 
 namespace cardsim {
@@ -410,7 +409,7 @@ CardDescription read_description(const toml::table &root, const std::filesystem:
     card.file = file;
     const toml::table *identity = reader.table("card");
     if (identity == nullptr) {
-        throw TomlError{1, "the card needs a table [card]"};
+        reader.fail("needs a table [card]");
     }
     read_card(*identity, card);
     if (const toml::table *watchdog = reader.table("watchdog")) {
@@ -435,19 +434,14 @@ CardDescription read_description(const toml::table &root, const std::filesystem:
 
 }  // namespace
 
-int load_card_description(const std::filesystem::path &file, CardDescription &card, std::string &error) {
+CardDescription load_card_description(const std::filesystem::path &file) {
     constexpr size_t most = size_t{1} << 20;
     try {
         // Not to wait for somebody to write into a FIFO.
-        const FileOwner opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        if (opened.handle < 0) {
-            throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
-        }
-        card = read_description(parse_toml(opened.handle, file, most), file);
-        return 0;
-    } catch (const TomlError &wrong) {
-        error = error_text(file, wrong);
-        return -1;
+        return read_description(parse_toml(open_to_read(file, O_NONBLOCK | O_NOCTTY), file, most), file);
+    } catch (const Error &reason) {
+        // A description that cannot be read is its user's to put right, too.
+        throw Error(printable(reason.what()));
     }
 }
 

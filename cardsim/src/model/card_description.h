@@ -128,9 +128,8 @@ struct CardDescription {
     std::vector<CallFault> faults;
 };
 
-/// Reads and checks a card's description. Returns 0; else non-zero with "FILE:LINE: reason" in `error` (FILE as given;
-/// one line, printable) and `card` left as it was.
-int load_card_description(const std::filesystem::path &file, CardDescription &card, std::string &error);
+/// Reads and checks a card's description. Throws Error: "FILE:LINE: reason", FILE as given, one line, printable.
+CardDescription load_card_description(const std::filesystem::path &file);
 
 /// The card's bootstrap key file: the described text, or the one made from the card's fields.
 std::string bootstrap_text(const CardDescription &card);

@@ -5,13 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 #include "cancellation.h"
+#include "file_text.h"
 #include "toml_reader.h"
 
 namespace cardsim {
@@ -146,8 +145,7 @@ std::string state_text(const CardState &state) {
 
 /// Makes a rename in the directory outlast a loss of power; a file system that cannot do that is no failure.
 void sync_directory(const StateDirectory &directory) {
-    const FileOwner handle(directory.open(".", O_RDONLY | O_DIRECTORY));
-    fsync(handle.handle);
+    fsync(directory.open(".", O_RDONLY | O_DIRECTORY).get());
 }
 
 }  // namespace
@@ -167,39 +165,24 @@ CardState initial_state(const CardDescription &card) {
     return state;
 }
 
-int load_state(const StateDirectory &directory, const CardDescription &card, CardState &state, std::string &error) {
+CardState load_state(const StateDirectory &directory, const CardDescription &card) {
     // Sixteen times the size of a description has room for the state of all that it can describe.
     constexpr size_t most = size_t{16} << 20;
-    const std::filesystem::path file = directory.path() / state_file;
-    try {
-        if (!directory.has(state_file)) {
-            state = initial_state(card);
-            return 0;
-        }
-        const FileOwner opened(directory.open(state_file, O_RDONLY));
-        state = fitted_to(card, read_state(parse_toml(opened.handle, file, most)));
-        return 0;
-    } catch (const TomlError &wrong) {
-        error = error_text(file, wrong);
-    } catch (const std::exception &wrong) {
-        error = wrong.what();
+    if (!directory.has(state_file)) {
+        return initial_state(card);
     }
-    return -1;
+    const toml::table table = parse_toml(directory.open(state_file, O_RDONLY), directory.path() / state_file, most);
+    return fitted_to(card, read_state(table));
 }
 
-int save_state(const StateDirectory &directory, const CardState &state, std::string &error) {
-    const CancellationDisabled uncancelled;
-    try {
-        directory.replace(state_file, 0644, [&](int file) {
-            write_all(file, state_text(state));
-            if (fsync(file) != 0) throw std::runtime_error(std::strerror(errno));
-        });
-        sync_directory(directory);
-        return 0;
-    } catch (const std::exception &reason) {
-        error = (directory.path() / state_file).string() + ": cannot be written: " + reason.what();
-        return -1;
-    }
+void save_state(const StateDirectory &directory, const CardState &state) {
+    const CancellationGuard uncancelled(PTHREAD_CANCEL_DISABLE);
+    directory.replace(state_file, 0644, [&](const Descriptor &file) {
+        const std::filesystem::path path = directory.path() / state_file;
+        write_all(file, path, state_text(state));
+        if (fsync(file.get()) != 0) throw system_error(path.string() + ": cannot be written", errno);
+    });
+    sync_directory(directory);
 }
 
 void reload(CardState &state) {

@@ -46,13 +46,13 @@ inline constexpr const char *package_directory = "pkg";
 CardState initial_state(const CardDescription &card);
 
 /// Reads the state of the described card. A directory without a state file holds a card on its first boot; a region or
-/// LED that the file does not know starts as described, one that the card no longer has is dropped.
-/// Returns 0; else non-zero with "FILE:LINE: reason" in `error` and `state` left as it was.
-int load_state(const StateDirectory &directory, const CardDescription &card, CardState &state, std::string &error);
+/// LED that the file does not know starts as described, one that the card no longer has is dropped. Throws Error:
+/// "FILE:LINE: reason".
+CardState load_state(const StateDirectory &directory, const CardDescription &card);
 
-/// Writes the state file whole or not at all, under a StateLock. Not a cancellation point.
-/// Returns 0; else non-zero with a one-line reason in `error` and the earlier file untouched.
-int save_state(const StateDirectory &directory, const CardState &state, std::string &error);
+/// Writes the state file whole or not at all, under a StateLock. Not a cancellation point. Throws Error; the earlier
+/// file is untouched then.
+void save_state(const StateDirectory &directory, const CardState &state);
 
 /// The card reloads: programmed versions become the running ones (those that did not stick fall back first), no
 /// upgrade was attempted yet, the boot count is one more.

@@ -1,13 +1,11 @@
 #include "images.h"
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <random>
-#include <stdexcept>
 #include <vector>
+
+#include "file_text.h"
 
 namespace cardsim {
 namespace {
@@ -27,21 +25,18 @@ void fill(std::vector<char> &block, std::mt19937_64 &generator) {
 
 }  // namespace
 
-void write_image(const std::filesystem::path &path, const std::string &name, uint64_t size) {
+void write_image(const Descriptor &file, const std::filesystem::path &path, const std::string &name, uint64_t size) {
     const std::string head = "simulated firmware image " + name + "\n";
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
     const uint64_t head_size = std::min<uint64_t>(head.size(), size);
-    file.write(head.data(), static_cast<std::streamsize>(head_size));
+    write_all(file, path, std::string_view(head).substr(0, head_size));
     std::mt19937_64 generator = generator_for(name);
     std::vector<char> block(65536);
-    for (uint64_t left = size - head_size; left > 0 && file;) {
+    for (uint64_t left = size - head_size; left > 0;) {
         fill(block, generator);
         const uint64_t part = std::min<uint64_t>(left, block.size());
-        file.write(block.data(), static_cast<std::streamsize>(part));
+        write_all(file, path, {block.data(), part});
         left -= part;
     }
-    file.close();
-    if (!file) throw std::runtime_error(path.string() + ": " + std::strerror(errno));
 }
 
 }  // namespace cardsim

@@ -10,11 +10,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
+
+#include "file_text.h"
 
 namespace fs = std::filesystem;
 
@@ -26,21 +26,21 @@ constexpr const char *no_plain_file = "neither a plain file nor a directory";
 [[noreturn]] void fail(const fs::path &path, int error_number) {
     switch (error_number) {
         case ELOOP:
-            throw CardError(path.string() + ": a symbolic link, which a card's state must not have");
+            throw Error(path.string() + ": a symbolic link, which a card's state must not have");
         case ENXIO:
         case EOPNOTSUPP:
-            throw CardError(path.string() + ": " + no_plain_file);
+            throw Error(path.string() + ": " + no_plain_file);
         case ENOTDIR:
         case EISDIR:
         case EEXIST:
-            throw CardError(path.string() + ": " + std::strerror(error_number));
+            throw Error(system_error(path.string(), error_number).what());
         default:
-            throw std::runtime_error(path.string() + ": " + std::strerror(error_number));
+            throw system_error(path.string(), error_number);
     }
 }
 
-/// Returns a descriptor, or -1 with errno set.
-int open_without_links(int directory, const fs::path &path, int flags, uint64_t resolve) {
+/// A file that is not open: errno tells why.
+Descriptor open_without_links(int directory, const fs::path &path, int flags, uint64_t resolve) {
     open_how how = {};
     how.flags = static_cast<uint64_t>(flags) | O_CLOEXEC;
     how.mode = (flags & O_CREAT) != 0 ? 0644 : 0;
@@ -51,7 +51,7 @@ int open_without_links(int directory, const fs::path &path, int flags, uint64_t 
     do {
         file = static_cast<int>(syscall(SYS_openat2, directory, name.c_str(), &how, sizeof how));
     } while (file < 0 && (errno == EINTR || errno == EAGAIN));
-    return file;
+    return Descriptor(file);
 }
 
 /// The unfinished file that becomes this one.
@@ -68,7 +68,7 @@ bool is_unfinished(const std::string &name) {
 StateDirectory::StateDirectory(const fs::path &path)
     : path_(path), directory_(open_without_links(AT_FDCWD, path, O_RDONLY | O_DIRECTORY, 0)) {
     struct stat found = {};
-    if (directory_.handle < 0 || fstat(directory_.handle, &found) != 0) fail(path, errno);
+    if (!directory_.is_open() || fstat(directory_.get(), &found) != 0) fail(path, errno);
     own_ = found.st_uid == geteuid() && (found.st_mode & S_IWOTH) == 0;
 }
 
@@ -80,16 +80,16 @@ const char *StateDirectory::surprise(const struct stat &status) const {
     return nullptr;
 }
 
-int StateDirectory::try_open(const fs::path &name, int flags) const {
-    return open_without_links(directory_.handle, name, flags, RESOLVE_BENEATH);
+Descriptor StateDirectory::try_open(const fs::path &name, int flags) const {
+    return open_without_links(directory_.get(), name, flags, RESOLVE_BENEATH);
 }
 
 std::optional<struct stat> StateDirectory::status(const fs::path &name) const {
-    const FileOwner file(try_open(name, O_PATH | O_NOFOLLOW));
-    if (file.handle < 0 && errno == ENOENT) return std::nullopt;
+    const Descriptor file = try_open(name, O_PATH | O_NOFOLLOW);
+    if (!file.is_open() && errno == ENOENT) return std::nullopt;
     struct stat found = {};
-    if (file.handle < 0 || fstat(file.handle, &found) != 0) fail(path_ / name, errno);
-    if (const char *const reason = surprise(found)) throw CardError((path_ / name).string() + ": " + reason);
+    if (!file.is_open() || fstat(file.get(), &found) != 0) fail(path_ / name, errno);
+    if (const char *const reason = surprise(found)) throw Error((path_ / name).string() + ": " + reason);
     return found;
 }
 
@@ -98,54 +98,54 @@ std::uintmax_t StateDirectory::size(const fs::path &name) const {
     return found ? static_cast<std::uintmax_t>(found->st_size) : 0;
 }
 
-int StateDirectory::open(const fs::path &name, int flags) const {
-    FileOwner file(try_open(name, flags | O_NONBLOCK | O_NOCTTY));
+Descriptor StateDirectory::open(const fs::path &name, int flags) const {
+    Descriptor file = try_open(name, flags | O_NONBLOCK | O_NOCTTY);
     struct stat found = {};
-    if (file.handle < 0 || fstat(file.handle, &found) != 0) fail(path_ / name, errno);
-    if (const char *const reason = surprise(found)) throw CardError((path_ / name).string() + ": " + reason);
+    if (!file.is_open() || fstat(file.get(), &found) != 0) fail(path_ / name, errno);
+    if (const char *const reason = surprise(found)) throw Error((path_ / name).string() + ": " + reason);
     if (S_ISDIR(found.st_mode) && (flags & O_DIRECTORY) == 0) fail(path_ / name, EISDIR);
-    return std::exchange(file.handle, -1);
+    return file;
 }
 
 std::string StateDirectory::line(const fs::path &name, std::uintmax_t position) const {
     if (!has(name)) return {};
-    const FileOwner file(open(name, O_RDONLY));
+    const Descriptor file = open(name, O_RDONLY);
     std::array<char, 4096> text = {};
-    const ssize_t length = pread(file.handle, text.data(), text.size(), static_cast<off_t>(position));
+    const ssize_t length = pread(file.get(), text.data(), text.size(), static_cast<off_t>(position));
     if (length < 0) fail(path_ / name, errno);
     const std::string_view read(text.data(), static_cast<std::size_t>(length));
     return std::string(read.substr(0, read.find('\n')));
 }
 
 void StateDirectory::append(const fs::path &name, const std::string &text) const {
-    const FileOwner file(open(name, O_WRONLY | O_APPEND | O_CREAT));
-    write_all(file.handle, text);
+    write_all(open(name, O_WRONLY | O_APPEND | O_CREAT), path_ / name, text);
 }
 
 void StateDirectory::remove(const fs::path &name) const {
-    const FileOwner parent(open(name.parent_path(), O_RDONLY | O_DIRECTORY));
-    if (unlinkat(parent.handle, name.filename().c_str(), 0) != 0 && errno != ENOENT) fail(path_ / name, errno);
+    const Descriptor parent = open(name.parent_path(), O_RDONLY | O_DIRECTORY);
+    if (unlinkat(parent.get(), name.filename().c_str(), 0) != 0 && errno != ENOENT) fail(path_ / name, errno);
 }
 
 void StateDirectory::make_directory(const fs::path &name) const {
-    if (mkdirat(directory_.handle, name.c_str(), 0755) != 0 && errno != EEXIST) fail(path_ / name, errno);
+    if (mkdirat(directory_.get(), name.c_str(), 0755) != 0 && errno != EEXIST) fail(path_ / name, errno);
     const std::optional<struct stat> made = status(name);
     if (made && !S_ISDIR(made->st_mode)) fail(path_ / name, ENOTDIR);
 }
 
-void StateDirectory::replace(const fs::path &name, mode_t mode, const std::function<void(int)> &fill) const {
-    const FileOwner parent(open(name.parent_path(), O_RDONLY | O_DIRECTORY));
+void StateDirectory::replace(const fs::path &name, mode_t mode,
+                             const std::function<void(const Descriptor &)> &fill) const {
+    const Descriptor parent = open(name.parent_path(), O_RDONLY | O_DIRECTORY);
     const fs::path fresh = unfinished(name);
     remove(name.parent_path() / fresh);
-    FileOwner file(openat(parent.handle, fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.handle < 0) fail(path_ / name.parent_path() / fresh, errno);
+    Descriptor file(openat(parent.get(), fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file.is_open()) fail(path_ / name.parent_path() / fresh, errno);
     try {
-        fill(file.handle);
-        if (fchmod(file.handle, mode) != 0 || close(std::exchange(file.handle, -1)) != 0) fail(path_ / name, errno);
-        if (renameat(parent.handle, fresh.c_str(), parent.handle, name.filename().c_str()) != 0)
+        fill(file);
+        if (fchmod(file.get(), mode) != 0 || !file.reset()) fail(path_ / name, errno);
+        if (renameat(parent.get(), fresh.c_str(), parent.get(), name.filename().c_str()) != 0)
             fail(path_ / name, errno);
     } catch (...) {
-        unlinkat(parent.handle, fresh.c_str(), 0);
+        unlinkat(parent.get(), fresh.c_str(), 0);
         throw;
     }
 }
@@ -172,22 +172,14 @@ void StateDirectory::check() const {
         if (is_unreadable && entry->fts_errno == ENOENT) continue;
         if (is_unreadable) fail(entry->fts_path, entry->fts_errno);
         if (const char *const reason = surprise(*entry->fts_statp)) {
-            throw CardError(std::string(entry->fts_path) + ": " + reason);
+            throw Error(std::string(entry->fts_path) + ": " + reason);
         }
     }
 }
 
 StateLock::StateLock(const StateDirectory &state) : directory_(state.open(".", O_RDONLY | O_DIRECTORY)) {
-    while (flock(directory_.handle, LOCK_EX) != 0) {
+    while (flock(directory_.get(), LOCK_EX) != 0) {
         if (errno != EINTR) fail(state.path(), errno);
-    }
-}
-
-void write_all(int file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = write(file, text.data(), text.size());
-        if (written < 0 && errno != EINTR) throw std::runtime_error(std::strerror(errno));
-        text.remove_prefix(written < 0 ? 0 : static_cast<std::size_t>(written));
     }
 }
 

@@ -9,16 +9,15 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
 
-#include "card_error.h"
-#include "file_owner.h"
+#include "descriptor.h"
+#include "error.h"
 
 namespace cardsim {
 
 /// The directory by its descriptor. Everything in it is a plain file with one name, or a directory: no link is
-/// followed, nothing outside is reached, nothing is waited for. Names are relative to it. Functions throw CardError
-/// when they meet something else, std::runtime_error when the system refuses. May be used by several threads.
+/// followed, nothing outside is reached, nothing is waited for. Names are relative to it. Functions throw Error, with
+/// code 0 when they meet something else. May be used by several threads.
 class StateDirectory {
   public:
     /// `path` is absolute and has no symbolic link in it.
@@ -34,46 +33,43 @@ class StateDirectory {
     /// 0 for a file that is not there.
     std::uintmax_t size(const std::filesystem::path &name) const;
 
-    /// Opens a file, or with O_DIRECTORY a directory; O_CREAT makes the file for everybody to read. The caller owns the
-    /// descriptor.
-    int open(const std::filesystem::path &name, int flags) const;
+    /// Opens a file, or with O_DIRECTORY a directory; O_CREAT makes the file for everybody to read.
+    Descriptor open(const std::filesystem::path &name, int flags) const;
     /// The line that begins at `position` of a file; empty: there is none.
     std::string line(const std::filesystem::path &name, std::uintmax_t position) const;
     void append(const std::filesystem::path &name, const std::string &text) const;
     void remove(const std::filesystem::path &name) const;
     void make_directory(const std::filesystem::path &name) const;
 
-    /// Replaces a file whole or not at all by what `fill` writes to the descriptor that it gets. To be called under a
+    /// Replaces a file whole or not at all by what `fill` writes to the file that it gets. To be called under a
     /// StateLock, as the unfinished file has a fixed name.
-    void replace(const std::filesystem::path &name, mode_t mode, const std::function<void(int)> &fill) const;
+    void replace(const std::filesystem::path &name, mode_t mode,
+                 const std::function<void(const Descriptor &)> &fill) const;
     /// Removes the unfinished files of processes that were killed. To be called under a StateLock while nobody uses the
     /// card.
     void remove_leftovers() const;
 
-    /// Throws CardError naming what must not be in it.
+    /// Throws Error naming what must not be in it.
     void check() const;
 
   private:
     std::filesystem::path path_;
-    FileOwner directory_;
+    Descriptor directory_;
     bool own_ = false;  ///< nobody else may write in it
 
-    int try_open(const std::filesystem::path &name, int flags) const;
+    Descriptor try_open(const std::filesystem::path &name, int flags) const;
     const char *surprise(const struct stat &status) const;
 };
 
 /// Keeps every other process that uses this state directory from changing the card's state until it is destroyed: to
-/// be held from load_state to save_state. Waits for it. Throws std::runtime_error.
+/// be held from load_state to save_state. Waits for it. Throws Error.
 class StateLock {
   public:
     explicit StateLock(const StateDirectory &state);
 
   private:
-    FileOwner directory_;
+    Descriptor directory_;
 };
-
-/// Writes it all. Throws std::runtime_error with the system's reason.
-void write_all(int file, std::string_view text);
 
 }  // namespace cardsim
 

@@ -1,15 +1,13 @@
 #include "toml_reader.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
+#include "file_text.h"
 #include "printable.h"
 
 namespace cardsim {
@@ -40,28 +38,15 @@ bool is_control_character(char byte) {
     return value < 0x20 || value == 0x7f;
 }
 
-std::string read_text(int file, size_t most) {
+[[noreturn]] void fail_in(const std::string &path, uint32_t line, const std::string &reason) {
+    throw Error(printable(path + ":" + std::to_string(line) + ": " + reason));
+}
+
+void require_plain_file(const Descriptor &file, const std::filesystem::path &path) {
     struct stat status = {};
-    if (fstat(file, &status) != 0) {
-        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
-    }
-    if (!S_ISREG(status.st_mode)) {
-        const bool is_directory = S_ISDIR(status.st_mode);
-        throw TomlError{0, is_directory ? "cannot be read: Is a directory" : "cannot be read: not a plain file"};
-    }
-    std::string text;
-    char chunk[4096];
-    ssize_t count = 0;
-    while ((count = read(file, chunk, sizeof chunk)) > 0) {
-        text.append(chunk, static_cast<size_t>(count));
-        if (text.size() > most) {
-            throw TomlError{0, "larger than " + std::to_string(most) + " bytes"};
-        }
-    }
-    if (count < 0) {
-        throw TomlError{0, std::string("cannot be read: ") + std::strerror(errno)};
-    }
-    return text;
+    if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode)) return;
+    const char *const what = S_ISDIR(status.st_mode) ? "Is a directory" : "not a plain file";
+    throw Error(printable(path.string() + ": cannot be read: " + what));
 }
 
 /// Where the string that begins at `at` ends, as the parser sees it; behind one that it refuses it reads no further.
@@ -86,8 +71,8 @@ size_t behind_string(std::string_view text, size_t at) {
     return text.size();
 }
 
-/// Throws TomlError where tables and arrays, each dot of a key counted as one, nest deeper than anything here needs.
-void check_nesting(std::string_view text) {
+/// Throws Error where tables and arrays, each dot of a key counted as one, nest deeper than anything here needs.
+void check_nesting(std::string_view text, const std::string &path) {
     constexpr size_t most = 32;
     std::vector<size_t> outer;  // depths in front of the brackets that are open
     size_t depth = 0;
@@ -118,7 +103,7 @@ void check_nesting(std::string_view text) {
             depth = outer.empty() ? 0 : depth;
         }
         if (depth > most) {
-            throw TomlError{line, "nested deeper than " + std::to_string(most) + " levels"};
+            fail_in(path, line, "nested deeper than " + std::to_string(most) + " levels");
         }
         ++at;
     }
@@ -130,19 +115,19 @@ uint32_t line_of(const toml::node &node) {
     return static_cast<uint32_t>(node.source().begin.line);
 }
 
-toml::table parse_toml(int file, const std::filesystem::path &path, size_t most) {
-    const std::string text = read_text(file, most);
-    check_nesting(text);
+toml::table parse_toml(const Descriptor &file, const std::filesystem::path &path, size_t most) {
+    require_plain_file(file, path);
+    const std::string text = read_text(file, path, most);
+    check_nesting(text, path.string());
     try {
         return toml::parse(text, path.string());
     } catch (const toml::parse_error &error) {
-        throw TomlError{static_cast<uint32_t>(error.source().begin.line), std::string(error.description())};
+        fail_at(error.source(), std::string(error.description()));
     }
 }
 
-std::string error_text(const std::filesystem::path &file, const TomlError &error) {
-    return printable(file.string() + ":" + (error.line == 0 ? "" : std::to_string(error.line) + ":") + " " +
-                     error.reason);
+void fail_at(const toml::source_region &place, const std::string &reason) {
+    fail_in(place.path == nullptr ? "" : *place.path, static_cast<uint32_t>(place.begin.line), reason);
 }
 
 TableReader::TableReader(const toml::table &table, std::string where) : table_(table), where_(std::move(where)) {}
@@ -237,7 +222,7 @@ std::vector<const toml::table *> TableReader::tables(const char *key) {
     std::vector<const toml::table *> result;
     for (const toml::node &element : *found->as_array()) {
         if (!element.is_table()) {
-            throw TomlError{line_of(element), where_ + ": " + key + ": expected a table, found " + type_name(element)};
+            fail_at(element.source(), where_ + ": " + key + ": expected a table, found " + type_name(element));
         }
         result.push_back(element.as_table());
     }
@@ -253,19 +238,18 @@ void TableReader::finish() const {
         }
     }
     if (unknown != nullptr) {
-        throw TomlError{static_cast<uint32_t>(unknown->source().begin.line),
-                        where_ + ": unknown key '" + std::string(unknown->str()) + "'"};
+        fail_at(unknown->source(), where_ + ": unknown key '" + std::string(unknown->str()) + "'");
     }
 }
 
 void TableReader::fail(const char *key, const std::string &reason) const {
     const toml::node *found = table_.get(key);
-    throw TomlError{line_of(found == nullptr ? static_cast<const toml::node &>(table_) : *found),
-                    where_ + ": " + key + ": " + reason};
+    fail_at((found == nullptr ? static_cast<const toml::node &>(table_) : *found).source(),
+            where_ + ": " + key + ": " + reason);
 }
 
 void TableReader::fail(const std::string &reason) const {
-    throw TomlError{line_of(table_), where_ + " " + reason};
+    fail_at(table_.source(), where_ + " " + reason);
 }
 
 }  // namespace cardsim

@@ -12,25 +12,22 @@
 #include <string>
 #include <vector>
 
-namespace cardsim {
+#include "descriptor.h"
+#include "error.h"
 
-/// Thrown where a file is wrong.
-struct TomlError {
-    uint32_t line = 0;  ///< from 1; 0: the file as a whole
-    std::string reason;
-};
+namespace cardsim {
 
 /// The line a node starts in.
 uint32_t line_of(const toml::node &node);
 
-/// Parses an open file of at most `most` bytes, which is `path` in reasons; throws TomlError. Refuses what is no plain
+/// Parses an open file of at most `most` bytes, which is `path` in reasons; throws Error. Refuses what is no plain
 /// file and what nests deeper than any card does: the parser would run out of stack.
-toml::table parse_toml(int file, const std::filesystem::path &path, size_t most);
+toml::table parse_toml(const Descriptor &file, const std::filesystem::path &path, size_t most);
 
-/// "FILE:LINE: reason", printable.
-std::string error_text(const std::filesystem::path &file, const TomlError &error);
+/// Throws Error: "FILE:LINE: reason" of the node's file and line, printable.
+[[noreturn]] void fail_at(const toml::source_region &place, const std::string &reason);
 
-/// Reads one table key by key. The table must outlive the reader. Every reading function throws TomlError when the key
+/// Reads one table key by key. The table must outlive the reader. Every reading function throws Error when the key
 /// is there with a wrong type or value, and returns nothing when it is not there.
 class TableReader {
   public:
@@ -51,7 +48,7 @@ class TableReader {
     /// The tables of an array of tables; empty: not there.
     std::vector<const toml::table *> tables(const char *key);
 
-    /// What was read, or TomlError because the key is missing.
+    /// What was read, or Error because the key is missing.
     template <typename Value>
     Value need(const char *key, std::optional<Value> value) const {
         if (!value) {
@@ -60,10 +57,10 @@ class TableReader {
         return *value;
     }
 
-    /// Throws TomlError when the table has a key that nobody asked for.
+    /// Throws Error when the table has a key that nobody asked for.
     void finish() const;
 
-    /// Throw TomlError at the key's line, or at the table's.
+    /// Throw Error at the key's line, or at the table's.
     [[noreturn]] void fail(const char *key, const std::string &reason) const;
     [[noreturn]] void fail(const std::string &reason) const;
 

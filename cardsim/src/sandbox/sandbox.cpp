@@ -18,7 +18,6 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 #include "sandbox_calls.h"
@@ -36,27 +35,6 @@ constexpr const char *command_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/
 constexpr char ready = 'r';
 constexpr char refused = 'e';
 
-class Descriptor {
-  public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor &operator=(Descriptor &&other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor() { reset(); }
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_ = -1;
-};
-
 struct Pipe {
     Descriptor reader;
     Descriptor writer;
@@ -64,7 +42,7 @@ struct Pipe {
 
 Pipe make_pipe() {
     std::array<int, 2> ends;
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) throw system_error("pipe", errno);
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
@@ -148,12 +126,12 @@ std::string name_in_proc(const Descriptor &pidfd) {
     for (std::string fact, value; facts >> fact >> value;) {
         if (fact == "Pid:") return "/proc/" + value;
     }
-    throw std::runtime_error("/proc does not show the new process");
+    throw Error("/proc does not show the new process", ENOENT);
 }
 
 bool write_file(const std::string &path, const std::string &text) {
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    return file.get() >= 0 && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    return file.is_open() && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 /// Every id of our own namespace under its own number.
@@ -177,9 +155,7 @@ void write_id_maps(const Descriptor &pidfd) {
                write_file(process + "/gid_map", "0 " + std::to_string(getegid()) + " 1")) {
         return;
     }
-    const int error_number = errno;
-    throw std::runtime_error(std::string("map the user into the namespace: ") + std::strerror(error_number) +
-                             sandbox_refusal_hint(error_number));
+    throw sandbox_refusal("map the user into the namespace", errno);
 }
 
 // ---- inside: the body and the init
@@ -268,11 +244,7 @@ pid_t start_body(Start &start) {
         start.maps_done.writer.reset();
         run_body(start);
     }
-    if (body < 0) {
-        const int error_number = errno;
-        throw std::runtime_error(std::string("second user and mount namespaces: ") + std::strerror(error_number) +
-                                 sandbox_refusal_hint(error_number));
-    }
+    if (body < 0) throw sandbox_refusal("second user and mount namespaces", errno);
     write_id_maps(pidfd);
     send(start.maps_done.writer, std::string(1, ready));
     start.maps_done = {};
@@ -309,12 +281,8 @@ pid_t start_body(Start &start) {
     Descriptor pidfd;
     const pid_t init = clone_into(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC | CLONE_NEWPID | network, pidfd);
     if (init == 0) run_init(start);
-    if (init < 0) {
-        const int error_number = errno;
-        refuse(start,
-               std::string("new namespaces: ") + std::strerror(error_number) + sandbox_refusal_hint(error_number));
-    }
     try {
+        if (init < 0) throw sandbox_refusal("new namespaces", errno);
         write_id_maps(pidfd);
     } catch (const std::exception &reason) {
         refuse(start, reason.what());
@@ -333,22 +301,22 @@ void await_body(Start &start) {
     start.maps_done = {};
     start.alive = {};
     const char answer = receive(start.report.reader);
-    if (answer == refused) throw std::runtime_error(receive_rest(start.report.reader));
-    if (answer != ready) throw std::runtime_error("its first process was killed while it started");
+    if (answer == refused) throw Error(receive_rest(start.report.reader), EPERM);
+    if (answer != ready) throw Error("its first process was killed while it started", ECHILD);
 }
 
-int pidfd_open(pid_t pid) {
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+Descriptor pidfd_of(pid_t pid) {
+    return Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
 }  // namespace
 
 Sandbox::Sandbox(Sandbox &&other) noexcept
-    : supervisor_(std::exchange(other.supervisor_, -1)), supervisor_fd_(std::exchange(other.supervisor_fd_, -1)) {}
+    : supervisor_(std::exchange(other.supervisor_, -1)), supervisor_end_(std::move(other.supervisor_end_)) {}
 
 Sandbox &Sandbox::operator=(Sandbox &&other) noexcept {
     std::swap(supervisor_, other.supervisor_);
-    std::swap(supervisor_fd_, other.supervisor_fd_);
+    std::swap(supervisor_end_, other.supervisor_end_);
     return *this;
 }
 
@@ -357,7 +325,7 @@ Sandbox::~Sandbox() {
 }
 
 std::optional<int> Sandbox::wait_for(std::chrono::milliseconds timeout) {
-    pollfd end = {supervisor_fd_, POLLIN, 0};
+    pollfd end = {supervisor_end_.get(), POLLIN, 0};
     if (poll(&end, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
     return wait();
 }
@@ -365,8 +333,8 @@ std::optional<int> Sandbox::wait_for(std::chrono::milliseconds timeout) {
 int Sandbox::wait() {
     int status = 0xff00;  // 255, should the caller ignore SIGCHLD and there be nothing to wait for
     while (waitpid(supervisor_, &status, 0) < 0 && errno == EINTR) continue;
-    close(supervisor_fd_);
-    supervisor_ = supervisor_fd_ = -1;
+    supervisor_end_.reset();
+    supervisor_ = -1;
     return exit_status(status);
 }
 
@@ -380,8 +348,7 @@ void Sandbox::power_off() {
     wait();
 }
 
-bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body, Sandbox &sandbox,
-                   std::string &error) {
+Sandbox sandbox_start(const SandboxLayout &layout, const std::function<int()> &body) {
     try {
         const SandboxRoot root = sandbox_root_plan(layout);
         const SignalsBlocked signals;
@@ -392,22 +359,18 @@ bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body
         std::fflush(nullptr);
         const pid_t supervisor = fork();
         if (supervisor == 0) run_supervisor(start, caller);
-        if (supervisor < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+        if (supervisor < 0) throw system_error("fork", errno);
         started.supervisor_ = supervisor;
-        started.supervisor_fd_ = pidfd_open(supervisor);
+        started.supervisor_end_ = pidfd_of(supervisor);
         await_body(start);
-        sandbox = std::move(started);
-        return true;
-    } catch (const std::exception &reason) {
-        error = std::string("no sandbox: ") + reason.what();
-        return false;
+        return started;
+    } catch (const Error &reason) {
+        throw Error(std::string("no sandbox: ") + reason.what(), reason.code);
     }
 }
 
-int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body, std::string &error) {
-    Sandbox sandbox;
-    if (!sandbox_start(layout, body, sandbox, error)) return -1;
-    return sandbox.wait();
+int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body) {
+    return sandbox_start(layout, body).wait();
 }
 
 }  // namespace cardsim

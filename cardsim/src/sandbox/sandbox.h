@@ -22,6 +22,9 @@
 #include <string>
 #include <vector>
 
+#include "descriptor.h"
+#include "error.h"
+
 namespace cardsim {
 
 /// fs.mqueue.msg_max inside.
@@ -76,20 +79,19 @@ class Sandbox {
     void power_off();
 
   private:
-    friend bool sandbox_start(const SandboxLayout &, const std::function<int()> &, Sandbox &, std::string &);
+    friend Sandbox sandbox_start(const SandboxLayout &, const std::function<int()> &);
 
-    pid_t supervisor_ = -1;  ///< child of the caller that waits for the sandbox's init
-    int supervisor_fd_ = -1;
+    pid_t supervisor_ = -1;      ///< child of the caller that waits for the sandbox's init
+    Descriptor supervisor_end_;  ///< a pidfd
 };
 
 /// Starts `body` in a sandbox; its result is the exit status (low 8 bits). Stdio is flushed before and behind it; it
 /// keeps the caller's open files, environment (but PATH), signal mask and, where it exists inside, working directory.
-/// Returns false with a one-line reason in `error` when there can be no sandbox; nothing ran and nothing was written
-/// then.
-bool sandbox_start(const SandboxLayout &layout, const std::function<int()> &body, Sandbox &sandbox, std::string &error);
+/// Throws Error when there can be no sandbox; nothing ran and nothing was written then.
+Sandbox sandbox_start(const SandboxLayout &layout, const std::function<int()> &body);
 
-/// Runs `body` to its end. Its exit status as Sandbox::wait gives it, or -1 with a one-line reason in `error`.
-int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body, std::string &error);
+/// Runs `body` to its end. Its exit status as Sandbox::wait gives it. Throws as sandbox_start.
+int sandbox_run(const SandboxLayout &layout, const std::function<int()> &body);
 
 }  // namespace cardsim
 

@@ -11,9 +11,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
-#include <stdexcept>
-#include <string>
+
+#include "error.h"
 
 namespace cardsim {
 namespace {
@@ -53,7 +52,7 @@ void sandbox_refuse_calls() {
     std::array program = filter;
     const sock_fprog handed = {static_cast<unsigned short>(program.size()), program.data()};
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &handed) != 0) {
-        throw std::runtime_error(std::string("refuse system calls: ") + std::strerror(errno));
+        throw system_error("refuse system calls", errno);
     }
 }
 

@@ -6,7 +6,7 @@ namespace cardsim {
 
 /// From now on this thread and all that it starts gain nothing by a set-user-ID program, and are refused (ENOSYS) what
 /// no namespace keeps apart: the kernel's keyrings, typing on somebody's terminal, and the calls of 32-bit programs.
-/// Throws std::runtime_error.
+/// Throws Error.
 void sandbox_refuse_calls();
 
 }  // namespace cardsim

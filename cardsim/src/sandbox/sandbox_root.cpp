@@ -16,9 +16,9 @@
 #include <cstring>
 #include <fstream>
 #include <set>
-#include <stdexcept>
+#include <string>
 
-#include "file_owner.h"
+#include "file_text.h"
 
 namespace fs = std::filesystem;
 
@@ -42,7 +42,7 @@ struct Root {
 };
 
 [[noreturn]] void fail(const std::string &step, int error_number) {
-    throw std::runtime_error(step + ": " + std::strerror(error_number) + sandbox_refusal_hint(error_number));
+    throw sandbox_refusal(step, error_number);
 }
 
 void make_directory(const fs::path &path, mode_t mode = 0755) {
@@ -83,21 +83,19 @@ void mount_tmpfs(const fs::path &target, const char *options = "mode=0755") {
 }
 
 /// Opens what a path of the layout led to, below the host's root. Throws when something else is there by now.
-int open_source(const Root &root, const fs::path &path, int flags) {
+Descriptor open_source(const Root &root, const fs::path &path, int flags) {
     const SandboxSource &source = root.sources.at(path);
-    const int file = open((old_root / source.path.relative_path()).c_str(), flags | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) fail("open " + source.path.string(), errno);
+    Descriptor file(open((old_root / source.path.relative_path()).c_str(), flags | O_NONBLOCK | O_CLOEXEC));
+    if (!file.is_open()) fail("open " + source.path.string(), errno);
     struct stat found = {};
-    if (fstat(file, &found) == 0 && found.st_dev == source.device && found.st_ino == source.inode) return file;
-    close(file);
-    throw std::runtime_error(source.path.string() + ": was replaced");
+    if (fstat(file.get(), &found) == 0 && found.st_dev == source.device && found.st_ino == source.inode) return file;
+    throw Error(source.path.string() + ": was replaced", ESTALE);
 }
 
 /// Shows a directory of the host at `target`, without the devices and the set-user-ID bits that may lie in it.
 void bind_source(const Root &root, const fs::path &path, const fs::path &target) {
-    const FileOwner source(open_source(root, path, O_PATH));
-    const fs::path opened = "/proc/self/fd/" + std::to_string(source.handle);
-    must_bind(opened, target);
+    const Descriptor source = open_source(root, path, O_PATH);
+    must_bind(source.name(), target);
     set_attributes(target, MOUNT_ATTR_NODEV | MOUNT_ATTR_NOSUID);
 }
 
@@ -289,26 +287,24 @@ void make_proc() {
 
 /// A network of its own has nothing but the interface by which programs talk to each other.
 void raise_loopback() {
-    const FileOwner any_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Descriptor any_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq request = {};
     std::strcpy(request.ifr_name, "lo");
     request.ifr_flags = IFF_UP;
     // Refused by a kernel without IPv4, where there is nobody to talk to.
-    if (any_socket.handle >= 0 && ioctl(any_socket.handle, SIOCSIFFLAGS, &request) != 0) fail("raise lo", errno);
+    if (any_socket.is_open() && ioctl(any_socket.get(), SIOCSIFFLAGS, &request) != 0) fail("raise lo", errno);
 }
 
 void raise_message_limit() {
     const char *const limit = "/proc/sys/fs/mqueue/msg_max";
     const std::string text = std::to_string(sandbox_message_limit);
-    const int fd = open(limit, O_WRONLY | O_CLOEXEC);
-    const bool written = fd >= 0 && write(fd, text.c_str(), text.size()) == static_cast<ssize_t>(text.size());
-    const int error_number = errno;
-    if (fd >= 0) close(fd);
-    if (!written) {
-        throw std::runtime_error(std::string("raise ") + limit + ": " + std::strerror(error_number) +
-                                 " (an ordinary user may raise it in its own IPC namespace from Linux 6.9 on; "
-                                 "on an older one run this as root)");
-    }
+    const Descriptor file(open(limit, O_WRONLY | O_CLOEXEC));
+    if (file.is_open() && write(file.get(), text.c_str(), text.size()) == static_cast<ssize_t>(text.size())) return;
+    const Error reason = system_error(std::string("raise ") + limit, errno);
+    throw Error(std::string(reason.what()) +
+                    " (an ordinary user may raise it in its own IPC namespace from Linux 6.9 on; on an older one run "
+                    "this as root)",
+                reason.code);
 }
 
 /// The entries of the card's directory of boot commands in /usr/sbin, before those of the host.
@@ -358,10 +354,7 @@ void show_directory(const Root &root, const fs::path &source, const fs::path &di
 
 void copy_bootstrap_file(const Root &root, const fs::path &path) {
     if (path.empty()) return;
-    const FileOwner source(open_source(root, path, O_RDONLY));
-    std::ifstream file("/proc/self/fd/" + std::to_string(source.handle), std::ios::binary);
-    if (!file) fail("read " + path.string(), errno);
-    make_file("/dev/kd_bootstrap", {std::istreambuf_iterator<char>(file), {}});
+    make_file("/dev/kd_bootstrap", read_text(open_source(root, path, O_RDONLY), path));
 }
 
 void leave_old_root() {
@@ -390,11 +383,15 @@ fs::path prepare_directory(Root &root, const fs::path &target) {
 
 }  // namespace
 
-std::string sandbox_refusal_hint(int error_number) {
-    if (error_number != EPERM && error_number != EACCES && error_number != ENOSPC) return {};
-    return " (allow user namespaces: sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 1, "
-           "kernel.apparmor_restrict_unprivileged_userns=0 where AppArmor restricts them; in a container, its "
-           "seccomp profile must allow them and mount)";
+Error sandbox_refusal(const std::string &step, int error_number) {
+    const Error reason = system_error(step, error_number);
+    if (error_number != EPERM && error_number != EACCES && error_number != ENOSPC) return reason;
+    return Error(
+        std::string(reason.what()) +
+            " (allow user namespaces: sysctl kernel.unprivileged_userns_clone=1, user.max_user_namespaces above 1, "
+            "kernel.apparmor_restrict_unprivileged_userns=0 where AppArmor restricts them; in a container, its "
+            "seccomp profile must allow them and mount)",
+        error_number);
 }
 
 SandboxRoot sandbox_root_plan(const SandboxLayout &layout) {
@@ -410,7 +407,7 @@ SandboxRoot sandbox_root_plan(const SandboxLayout &layout) {
         const fs::path canonical = fs::canonical(path, error);
         struct stat found = {};
         if (!error && stat(path.c_str(), &found) != 0) error.assign(errno, std::generic_category());
-        if (error) throw std::runtime_error(path.string() + ": " + error.message());
+        if (error) throw Error(path.string() + ": " + error.message(), error.value());
         root.sources[path] = {canonical, found.st_dev, found.st_ino};
     }
     return root;

@@ -24,16 +24,16 @@ struct SandboxRoot {
     std::filesystem::path terminal;                          ///< on standard input; empty: none
 };
 
-/// Throws std::runtime_error naming what is missing.
+/// Throws Error naming what is missing.
 SandboxRoot sandbox_root_plan(const SandboxLayout &layout);
 
 /// Replaces the file system of the calling process by that of the sandbox. Call as the init of fresh user, mount, IPC
 /// and PID namespaces, and of a fresh network namespace unless the layout wants the host's. What is mounted here is
-/// safe from those who run in a user namespace below this one. Throws std::runtime_error with the step that failed.
+/// safe from those who run in a user namespace below this one. Throws Error with the step that failed.
 void sandbox_root_enter(const SandboxRoot &root);
 
-/// What an administrator has to allow when the kernel refuses a step; empty for an errno that has another cause.
-std::string sandbox_refusal_hint(int error_number);
+/// The step that the kernel refuses, why, and what an administrator has to allow where that is the cause.
+Error sandbox_refusal(const std::string &step, int error_number);
 
 }  // namespace cardsim
 

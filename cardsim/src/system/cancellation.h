@@ -6,30 +6,20 @@
 
 namespace cardsim {
 
-/// This thread cannot be cancelled while it exists.
-class CancellationDisabled {
+/// This thread can be cancelled, or cannot, while it exists: PTHREAD_CANCEL_ENABLE or PTHREAD_CANCEL_DISABLE. A scope
+/// with one that enables is left by unwinding: what it opened before needs an owner.
+class CancellationGuard {
   public:
-    CancellationDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &earlier_); }
-    ~CancellationDisabled() { pthread_setcancelstate(earlier_, nullptr); }
-    CancellationDisabled(const CancellationDisabled &) = delete;
-    CancellationDisabled &operator=(const CancellationDisabled &) = delete;
+    explicit CancellationGuard(int state) { pthread_setcancelstate(state, &earlier_); }
+    ~CancellationGuard() { pthread_setcancelstate(earlier_, nullptr); }
+    CancellationGuard(const CancellationGuard &) = delete;
+    CancellationGuard &operator=(const CancellationGuard &) = delete;
 
+    /// What held before: to a guard in a narrower scope, it lifts this one there.
     int earlier() const { return earlier_; }
 
   private:
     int earlier_ = PTHREAD_CANCEL_ENABLE;
-};
-
-/// This thread can be cancelled again, if it could before `disabled`, while it exists. A function with such a scope is
-/// left by unwinding: what it opened before needs an owner.
-class CancellationAsBefore {
-  public:
-    explicit CancellationAsBefore(const CancellationDisabled &disabled) {
-        pthread_setcancelstate(disabled.earlier(), nullptr);
-    }
-    ~CancellationAsBefore() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
-    CancellationAsBefore(const CancellationAsBefore &) = delete;
-    CancellationAsBefore &operator=(const CancellationAsBefore &) = delete;
 };
 
 }  // namespace cardsim
