@@ -16,5 +16,6 @@ add_executable(cardsim_command
   src/command/show.cpp
   src/command/template.cpp)
 target_link_libraries(cardsim_command PRIVATE cardsim_model cardsim_sandbox bootup_fpd_build_flags CLI11::CLI11)
+target_compile_definitions(cardsim_command PRIVATE CARDSIM_VERSION="${PROJECT_VERSION}")
 set_target_properties(cardsim_command PROPERTIES OUTPUT_NAME cardsim)
 install(TARGETS cardsim_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT cardsim)

@@ -759,6 +759,12 @@ TEST_F(CommandTest, NewRefusesADirectoryThatHoldsSomething) {
     EXPECT_EQ(run({"new", (root_ / "made").string()}).status, 0);
 }
 
+TEST_F(CommandTest, TellsTheVersionOfTheProject) {
+    const Result result = run({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "cardsim " CARDSIM_VERSION "\n");
+}
+
 TEST_F(CommandTest, UsageErrorsAreRefused) {
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{},
                                                       {"boot"},

@@ -9,6 +9,7 @@ target_link_libraries(cardsim_command_test PRIVATE bootup_fpd_build_flags GTest:
 bootup_fpd_test_program(cardsim_command_test outside)
 target_compile_definitions(cardsim_command_test PRIVATE
   CARDSIM_COMMAND="$<TARGET_FILE:cardsim_command>"
-  CARDSIM_CARDS="${CMAKE_CURRENT_SOURCE_DIR}/cards")
+  CARDSIM_CARDS="${CMAKE_CURRENT_SOURCE_DIR}/cards"
+  CARDSIM_VERSION="${PROJECT_VERSION}")
 add_dependencies(cardsim_command_test cardsim_command)
 gtest_discover_tests(cardsim_command_test NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)

@@ -69,6 +69,7 @@ int complain(const std::exception &reason) {
 int main(int argc, char **argv) {
     CLI::App app{"A simulated line card: boots it, runs commands on it, shows it."};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "cardsim " CARDSIM_VERSION);
     Options options;
 
     CLI::App *boot = app.add_subcommand("boot", "power the card on, reload it as often as it asks for it");
