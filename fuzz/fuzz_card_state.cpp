@@ -96,11 +96,10 @@ void run_input(std::string_view text) {
     const std::string path = state_directory().path() / cardsim::state_file;
     write_file(path.c_str(), text);
     cardsim::CardState state;
-    state.boot = 4711;
-    std::string error;
-    if (cardsim::load_state(state_directory(), card, state, error) != 0) {
-        require_one_line(error, path);
-        require(state.boot == 4711 && state.regions.empty(), "a state that is changed by a failure");
+    try {
+        state = cardsim::load_state(state_directory(), card);
+    } catch (const cardsim::Error &reason) {
+        require_one_line(reason.what(), path);
         return;
     }
     const cardsim::CardState initial = cardsim::initial_state(card);

@@ -21,16 +21,15 @@ void close_diagnostic_log() {
 }  // namespace
 
 int run_in_sandbox(const std::function<int()> &body) {
-    std::string error;
-    const int status = cardsim::sandbox_run(
-        {},
-        [&body] {
+    try {
+        return cardsim::sandbox_run({}, [&body] {
             close_diagnostic_log();
             return body();
-        },
-        error);
-    if (status < 0) std::fprintf(stderr, "no sandbox: %s\n", error.c_str());
-    return status < 0 ? 1 : status;
+        });
+    } catch (const std::exception &reason) {
+        std::fprintf(stderr, "%s\n", reason.what());
+        return 1;
+    }
 }
 
 void require(bool holds, const char *text, int line) {

@@ -12,13 +12,16 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "test_files.h"
+
 namespace fs = std::filesystem;
+using cardsim::lines_of;
+using cardsim::names_in;
+using cardsim::read_file;
+using cardsim::write_file;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -28,22 +31,6 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
-
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const fs::path &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
-}
 
 std::size_t count_of(const std::string &text, const std::string &part) {
     std::size_t count = 0;
@@ -84,15 +71,10 @@ size = 1000
 
 class CommandTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "cardsim-command-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
-        card_ = root_ / "card";
-        state_ = card_ / "state";
+    CommandTest() {
         fs::create_directory(card_);
+        describe("true");
     }
-    void TearDown() override { fs::remove_all(root_); }
 
     void describe(const std::string &startup, const std::string &more = {}) {
         write_file(card_ / "card.toml", card_text(startup, more));
@@ -140,18 +122,10 @@ class CommandTest : public testing::Test {
         return fs::exists(path);
     }
 
-    std::vector<std::string> names_in(const fs::path &directory) const {
-        std::vector<std::string> names;
-        for (const fs::directory_entry &entry : fs::directory_iterator(directory)) {
-            names.push_back(entry.path().filename());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    fs::path root_;
-    fs::path card_;
-    fs::path state_;
+    const cardsim::TestDirectory own_;
+    const fs::path &root_ = own_.path;
+    const fs::path card_ = root_ / "card";
+    const fs::path state_ = card_ / "state";
 };
 
 // ---- boot
@@ -167,7 +141,6 @@ TEST_F(CommandTest, BootsACardThatIsUpAtOnce) {
 }
 
 TEST_F(CommandTest, MakesTheWholeStateDirectory) {
-    describe("true");
     ASSERT_EQ(boot().status, 0);
     EXPECT_THAT(names_in(state_),
                 ElementsAre("bin", "etc", "flash", "kd_bootstrap", "log", "pkg", "power", "scratch", "state.toml"));
@@ -178,7 +151,6 @@ TEST_F(CommandTest, MakesTheWholeStateDirectory) {
 }
 
 TEST_F(CommandTest, ImagesAreTheSameWhereverTheyAreMade) {
-    describe("true");
     ASSERT_EQ(boot({"--state", (root_ / "one").string()}).status, 0);
     ASSERT_EQ(boot({"--state", (root_ / "two").string()}).status, 0);
     EXPECT_EQ(read_file(root_ / "one/pkg/io.img"), read_file(root_ / "two/pkg/io.img"));
@@ -222,7 +194,6 @@ TEST_F(CommandTest, AReloadRunsWhatIsProgrammed) {
 }
 
 TEST_F(CommandTest, TheFirstPowerOnRunsWhatIsDescribedALaterOneWhatIsProgrammed) {
-    describe("true");
     ASSERT_EQ(exec("true").status, 0);
     EXPECT_THAT(boot().out, StartsWith("boot 1: power on"));
     EXPECT_THAT(run({"show", card_.string()}).out, HasSubstr("IoFpga  1.0.0    1.1.0"));
@@ -301,7 +272,7 @@ TEST_F(CommandTest, AWatchdogScriptThatFailsIsNoPunch) {
 }
 
 TEST_F(CommandTest, ReportsALoudEnd) {
-    describe("echo 'cardsim: brd_fpd_upgrade: dirty byte 9' >>$CARDSIM_STATE/abort.log; kill -ABRT $$");
+    describe("echo 'cardsim: brd_fpd_upgrade: dirty byte 9' >>${CARDSIM_STATE:?}/abort.log; kill -ABRT $$");
     const Result first = boot();
     EXPECT_EQ(first.status, 4);
     EXPECT_THAT(first.err, HasSubstr("boot 1: ended loudly: cardsim: brd_fpd_upgrade: dirty byte 9\n"));
@@ -310,7 +281,7 @@ TEST_F(CommandTest, ReportsALoudEnd) {
 }
 
 TEST_F(CommandTest, ALoudEndIsReportedAlsoWhenTheCardAsksForAReload) {
-    describe("echo 'cardsim: x: y' >>$CARDSIM_STATE/abort.log; /usr/local/etc/reset_board.sh");
+    describe("echo 'cardsim: x: y' >>${CARDSIM_STATE:?}/abort.log; /usr/local/etc/reset_board.sh");
     EXPECT_EQ(boot().status, 4);
 }
 
@@ -366,14 +337,12 @@ TEST_F(CommandTest, ACardThatIsNotThereIsNamed) {
 }
 
 TEST_F(CommandTest, AStateThatCannotBeMadeLeavesNothing) {
-    describe("true");
     fs::create_directories(card_ / "images/io.img");
     EXPECT_EQ(boot().status, 125);
     EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "images"));
 }
 
 TEST_F(CommandTest, ADirectoryOfOtherFilesBecomesNoState) {
-    describe("true");
     fs::create_directory(root_ / "mine");
     write_file(root_ / "mine/letter", "dear");
     const Result result = boot({"--state", (root_ / "mine").string()});
@@ -383,7 +352,6 @@ TEST_F(CommandTest, ADirectoryOfOtherFilesBecomesNoState) {
 }
 
 TEST_F(CommandTest, AnEmptyDirectoryMayBecomeTheState) {
-    describe("true");
     fs::create_directory(root_ / "empty");
     EXPECT_EQ(boot({"--state", (root_ / "empty").string()}).status, 0);
     EXPECT_TRUE(fs::exists(root_ / "empty/state.toml"));
@@ -391,7 +359,6 @@ TEST_F(CommandTest, AnEmptyDirectoryMayBecomeTheState) {
 }
 
 TEST_F(CommandTest, WhereNamespacesAreForbiddenOneLineSaysSoAndNothingIsWritten) {
-    describe("true");
     const long user = syscall(SYS_clone, CLONE_NEWUSER | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
     if (user == 0) {
         write_file("/proc/sys/user/max_user_namespaces", "0");
@@ -457,7 +424,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<Surprise> &surprise) { return surprise.param.what; });
 
 TEST_F(CommandTest, AStateThatIsALinkIsRefusedUnlessItIsNamed) {
-    describe("true");
     fs::create_directory(root_ / "elsewhere");
     fs::create_directory_symlink(root_ / "elsewhere", state_);
     const Result result = boot();
@@ -468,14 +434,12 @@ TEST_F(CommandTest, AStateThatIsALinkIsRefusedUnlessItIsNamed) {
 }
 
 TEST_F(CommandTest, ACardThatIsALinkIsTheCardItself) {
-    describe("true");
     fs::create_directory_symlink(card_, root_ / "link");
     EXPECT_EQ(run({"boot", (root_ / "link").string()}).status, 0);
     EXPECT_TRUE(fs::exists(state_ / "state.toml"));
 }
 
 TEST_F(CommandTest, AnUnfinishedStateOfAStrangerIsNotFollowed) {
-    describe("true");
     fs::create_directory(root_ / "elsewhere");
     write_file(root_ / "elsewhere/letter", "dear");
     fs::create_directory_symlink(root_ / "elsewhere", card_ / ".state.new");
@@ -486,12 +450,13 @@ TEST_F(CommandTest, AnUnfinishedStateOfAStrangerIsNotFollowed) {
 TEST_F(CommandTest, NoLinkIsFollowedThatTheCardMakesWhileItRuns) {
     write_file(root_ / "victim", "precious");
     const std::string victim = (root_ / "victim").string();
-    describe("cd $CARDSIM_STATE; rm -f scripts.log; ln -s " + victim + " scripts.log; sleep 60",
+    describe("cd ${CARDSIM_STATE:?} && rm -f scripts.log && ln -s " + victim + " scripts.log; sleep 60",
              "[watchdog]\ntimeout = 0.3\n");
     EXPECT_EQ(boot().status, 2);
     EXPECT_EQ(read_file(victim), "precious");
     fs::remove_all(state_);
-    describe("/usr/local/etc/reset_board.sh; cd $CARDSIM_STATE; rm state.toml; ln -s " + victim + " state.toml");
+    describe("/usr/local/etc/reset_board.sh; cd ${CARDSIM_STATE:?} && rm state.toml && ln -s " + victim +
+             " state.toml");
     EXPECT_EQ(boot().status, 2);
     EXPECT_EQ(read_file(victim), "precious");
 }
@@ -499,8 +464,7 @@ TEST_F(CommandTest, NoLinkIsFollowedThatTheCardMakesWhileItRuns) {
 TEST_F(CommandTest, TheStateStaysTheSameWhateverTheCardPutsInItsPlace) {
     fs::create_directory(root_ / "elsewhere");
     describe("test -e /misc/scratch/once && exit; touch /misc/scratch/once; cd " + card_.string() +
-             "; mv state moved; " + "ln -s " + (root_ / "elsewhere").string() +
-             " state; /usr/local/etc/reset_board.sh");
+             " && mv state moved && ln -s " + (root_ / "elsewhere").string() + " state; /usr/local/etc/reset_board.sh");
     EXPECT_EQ(boot().status, 0);
     EXPECT_THAT(names_in(root_ / "elsewhere"), IsEmpty());
     EXPECT_THAT(read_file(card_ / "moved/state.toml"), HasSubstr("boot = 2"));
@@ -509,7 +473,7 @@ TEST_F(CommandTest, TheStateStaysTheSameWhateverTheCardPutsInItsPlace) {
 TEST_F(CommandTest, TheCardsDirectoryIsNotWhatTheCardPutsInItsPlace) {
     fs::create_directory(root_ / "elsewhere");
     describe("touch /.cardsim/card/mark; cd " + root_.string() +
-             "; mv card moved; ln -s elsewhere card; /usr/local/etc/reset_board.sh");
+             " && mv card moved && ln -s elsewhere card; /usr/local/etc/reset_board.sh");
     const Result result = boot();
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.err, StartsWith(card_.string() + ": a symbolic link"));
@@ -518,6 +482,7 @@ TEST_F(CommandTest, TheCardsDirectoryIsNotWhatTheCardPutsInItsPlace) {
 }
 
 TEST_F(CommandTest, ADescriptionThatNobodyWritesIsNotWaitedFor) {
+    fs::remove(card_ / "card.toml");
     ASSERT_EQ(mkfifo((card_ / "card.toml").c_str(), 0600), 0);
     EXPECT_EQ(boot().status, 2);
     EXPECT_THAT(read_file(root_ / "err"), HasSubstr("not a plain file"));
@@ -536,7 +501,7 @@ TEST_F(CommandTest, NothingOnTheTerminalIsObeyed) {
     startup.replace(startup.find("'''true'''"), 10, "\"true # \\u001b[2J\\n\\t:\"");
     write_file(card_ / "card.toml", startup);
     EXPECT_THAT(boot().out, HasSubstr(": true # \\x1b[2J\\n\\t:\n"));
-    describe("printf 'cardsim: \\033[2J\\n' >>$CARDSIM_STATE/abort.log");
+    describe("printf 'cardsim: \\033[2J\\n' >>${CARDSIM_STATE:?}/abort.log");
     EXPECT_THAT(boot().err, HasSubstr("ended loudly: cardsim: \\x1b[2J\n"));
     describe("/usr/local/etc/reset_board.sh $(printf '\\033[2J')");
     EXPECT_THAT(boot({"--max-boots", "1"}).out, HasSubstr("requested: /usr/local/etc/reset_board.sh '\\x1b[2J'\n"));
@@ -547,7 +512,6 @@ TEST_F(CommandTest, NothingOnTheTerminalIsObeyed) {
 // ---- what a killed command leaves
 
 TEST_F(CommandTest, WhatAKilledCommandLeftGoesAtTheNextPowerOn) {
-    describe("true");
     fs::create_directories(card_ / ".state.new/pkg");
     write_file(card_ / ".state.new/pkg/.io.img.new", "half");
     write_file(card_ / ".state.new/letter", "");
@@ -570,11 +534,10 @@ TEST_F(CommandTest, WhatAKilledCommandLeftGoesAtTheNextPowerOn) {
 }
 
 TEST_F(CommandTest, WhatAnotherCommandIsWritingStays) {
-    describe("true");
     const pid_t first =
         start({"exec", card_.string(), "--", "sh", "-c",
-               "touch $CARDSIM_STATE/.state.toml.new /misc/scratch/ready; "
-               "while ! test -e /misc/scratch/go; do sleep 0.02; done; rm $CARDSIM_STATE/.state.toml.new"});
+               "touch ${CARDSIM_STATE:?}/.state.toml.new /misc/scratch/ready; "
+               "while ! test -e /misc/scratch/go; do sleep 0.02; done; rm ${CARDSIM_STATE:?}/.state.toml.new"});
     ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
     EXPECT_EQ(std::system((std::string(CARDSIM_COMMAND) + " exec " + card_.string() + " -- true").c_str()), 0);
     EXPECT_TRUE(fs::exists(state_ / ".state.toml.new"));
@@ -583,7 +546,6 @@ TEST_F(CommandTest, WhatAnotherCommandIsWritingStays) {
 }
 
 TEST_F(CommandTest, ACommandKilledAtAnyMomentLeavesNothingInTheWay) {
-    describe("true");
     for (int moment = 0; moment < 25; ++moment) {
         const pid_t command = start({"exec", card_.string(), "--", "true"});
         usleep(static_cast<useconds_t>(moment) * 800);
@@ -597,7 +559,6 @@ TEST_F(CommandTest, ACommandKilledAtAnyMomentLeavesNothingInTheWay) {
 }
 
 TEST_F(CommandTest, CommandsThatStartAtTheSameTimeAreNotInEachOthersWay) {
-    describe("true");
     ASSERT_EQ(exec("true").status, 0);
     // Enough to remove for the first one that the others come meanwhile.
     for (int file = 0; file < 1000; ++file) write_file(state_ / "pkg" / ("." + std::to_string(file) + ".new"), "");
@@ -627,7 +588,6 @@ TEST_F(CommandTest, TheEnvironmentIsTheCards) {
 }
 
 TEST_F(CommandTest, NoOpenFileOfTheCallerReachesTheCard) {
-    describe("true");
     const int root = open("/", O_RDONLY | O_DIRECTORY);  // inherited by what is started now
     const Result result = exec("test -d /proc/self/fd/" + std::to_string(root));
     close(root);
@@ -635,7 +595,6 @@ TEST_F(CommandTest, NoOpenFileOfTheCallerReachesTheCard) {
 }
 
 TEST_F(CommandTest, TheHostsNetworkIsThereWhenItIsAskedFor) {
-    describe("true");
     const std::string host = fs::read_symlink("/proc/self/ns/net").string() + "\n";
     EXPECT_NE(exec("readlink /proc/self/ns/net").out, host);
     EXPECT_EQ(run({"exec", card_.string(), "--network", "--", "readlink", "/proc/self/ns/net"}).out, host);
@@ -644,7 +603,6 @@ TEST_F(CommandTest, TheHostsNetworkIsThereWhenItIsAskedFor) {
 // ---- exec
 
 TEST_F(CommandTest, ExecPassesStatusAndStandardStreamsThrough) {
-    describe("true");
     const Result result = exec("read line; echo \"got $line\"; echo oops >&2; exit 42", "some input\n");
     EXPECT_EQ(result.status, 42);
     EXPECT_EQ(result.out, "got some input\n");
@@ -652,7 +610,6 @@ TEST_F(CommandTest, ExecPassesStatusAndStandardStreamsThrough) {
 }
 
 TEST_F(CommandTest, AnIgnoredChildSignalLosesNoStatus) {
-    describe("true");
     std::signal(SIGCHLD, SIG_IGN);  // inherited by what is started now
     const pid_t command = start({"exec", card_.string(), "--", "sh", "-c", "exit 42"});
     std::signal(SIGCHLD, SIG_DFL);
@@ -660,13 +617,11 @@ TEST_F(CommandTest, AnIgnoredChildSignalLosesNoStatus) {
 }
 
 TEST_F(CommandTest, ExecTakesOptionsBehindTheDashes) {
-    describe("true");
     const Result result = run({"exec", card_.string(), "--speed", "3", "--", "echo", "-b", "--state", "--", "x"});
     EXPECT_EQ(result.out, "-b --state -- x\n");
 }
 
 TEST_F(CommandTest, ExecReportsSignalsAndCommandsThatCannotRun) {
-    describe("true");
     EXPECT_EQ(exec("kill -KILL $$").status, 128 + SIGKILL);
     EXPECT_EQ(run({"exec", card_.string(), "--", "no-such-command"}).status, 127);
     const Result result = run({"exec", card_.string(), "--", "/etc/passwd"});
@@ -675,7 +630,6 @@ TEST_F(CommandTest, ExecReportsSignalsAndCommandsThatCannotRun) {
 }
 
 TEST_F(CommandTest, ExecTellsTheLibraryItsCard) {
-    describe("true");
     const Result result =
         run({"exec", card_.string(), "--speed", "7", "--", "sh", "-c",
              "echo $CARDSIM_SPEED; cmp $CARDSIM_CARD " + (card_ / "card.toml").string() +
@@ -684,14 +638,12 @@ TEST_F(CommandTest, ExecTellsTheLibraryItsCard) {
 }
 
 TEST_F(CommandTest, ExecShowsTheCard) {
-    describe("true");
     EXPECT_EQ(exec("ls /pkg/fpd/ucode; head -1 /dev/kd_bootstrap; echo line >>/var/log/fpd.log").out,
               "io.img\nPD_CARD_TYPE=12568\n");
     EXPECT_EQ(read_file(state_ / "log/fpd.log"), "line\n");
 }
 
 TEST_F(CommandTest, ExecCountsNoBootAndReloadsNothing) {
-    describe("true");
     ASSERT_EQ(exec("/usr/local/etc/reset_board.sh").status, 0);
     EXPECT_THAT(run({"show", card_.string()}).out, AllOf(HasSubstr("boot 1,"), HasSubstr("IoFpga  1.0.0    1.1.0")));
     EXPECT_THAT(boot().out, StartsWith("boot 2: power on")) << "the request stands until the next power-on";
@@ -704,7 +656,6 @@ TEST_F(CommandTest, ExecTakesADescriptionAsWell) {
 }
 
 TEST_F(CommandTest, ASignalReachesTheCommandOnTheCard) {
-    describe("true");
     const pid_t command = start({"exec", card_.string(), "--", "sh", "-c",
                                  "trap 'exit 33' TERM; touch /misc/scratch/ready; while :; do sleep 0.05; done"});
     ASSERT_TRUE(wait_for_file(state_ / "scratch/ready"));
@@ -715,7 +666,6 @@ TEST_F(CommandTest, ASignalReachesTheCommandOnTheCard) {
 // ---- the scripts
 
 TEST_F(CommandTest, ScriptsRecordTheirArgumentsExactly) {
-    describe("true");
     ASSERT_EQ(exec("/usr/local/etc/send_fpd_doorbell_event.sh  -e started -m \"it's 'a' \\$x \\\\n\"\n"
                    "/usr/local/etc/punch-watchdog-once.sh\n"
                    "grub-reboot KALDOR-latest\n"
@@ -738,7 +688,6 @@ TEST_F(CommandTest, ScriptsEndAsDescribed) {
 }
 
 TEST_F(CommandTest, CallsAtTheSameTimeStayLines) {
-    describe("true");
     ASSERT_EQ(exec("for i in 1 2 3 4 5 6 7 8; do (for j in 1 2 3 4 5; do "
                    "/usr/local/etc/send_fpd_doorbell_event.sh -m 'some text'; done) & done; wait")
                   .status,
@@ -800,17 +749,23 @@ TEST_F(CommandTest, NewMakesACardThatBoots) {
 }
 
 TEST_F(CommandTest, NewRefusesADirectoryThatHoldsSomething) {
-    write_file(card_ / "letter", "dear");
-    const Result result = run({"new", card_.string()});
+    fs::create_directory(root_ / "made");
+    write_file(root_ / "made/letter", "dear");
+    const Result result = run({"new", (root_ / "made").string()});
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.err, HasSubstr("not empty"));
-    EXPECT_THAT(names_in(card_), ElementsAre("letter"));
-    fs::remove(card_ / "letter");
-    EXPECT_EQ(run({"new", card_.string()}).status, 0);
+    EXPECT_THAT(names_in(root_ / "made"), ElementsAre("letter"));
+    fs::remove(root_ / "made/letter");
+    EXPECT_EQ(run({"new", (root_ / "made").string()}).status, 0);
+}
+
+TEST_F(CommandTest, TellsTheVersionOfTheProject) {
+    const Result result = run({"--version"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "cardsim " CARDSIM_VERSION "\n");
 }
 
 TEST_F(CommandTest, UsageErrorsAreRefused) {
-    describe("true");
     for (const std::vector<std::string> &arguments : {std::vector<std::string>{},
                                                       {"boot"},
                                                       {"exec", card_.string()},

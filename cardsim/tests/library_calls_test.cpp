@@ -139,10 +139,7 @@ TEST_F(LibraryTest, ServesAStoredConfigurationThatMeansNothing) {
 TEST_F(LibraryTest, SeesWhatAnotherProcessStored) {
     int value = -1;
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(&value, nullptr, 0), 0);
-    CardState state = saved_state();
-    state.auto_upgrade = 0;
-    std::string error;
-    ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
+    change_saved_state([](CardState &state) { state.auto_upgrade = 0; });
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(&value, nullptr, 0), 0);
     EXPECT_EQ(value, 0);
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_set_upgrade_mode(1, nullptr, 0), 0);
@@ -469,10 +466,7 @@ TEST_F(LibraryTest, AFaultMayHitOneCallOfOneBoot) {
 TEST_F(LibraryTest, TheNextBootHasFaultsOfItsOwn) {
     describe(card_table + "[[fault]]\ncall = \"brd_sb_attribute_flag_set\"\nboot = 1\ncode = 5\n" +
              "[[fault]]\ncall = \"brd_sb_attribute_flag_set\"\nboot = 2\ncode = 6\n");
-    CardState state = saved_state();
-    reload(state);
-    std::string error;
-    ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
+    change_saved_state(reload);
     EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 6);
 }
 

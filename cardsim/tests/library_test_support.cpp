@@ -4,11 +4,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 __attribute__((visibility("default"))) uint32_t bootup_fpd_time_div = 1;
@@ -53,88 +50,17 @@ version = "1.3.0"
 file = "io.img"
 )";
 
-namespace {
-
-template <typename Function>
-void find(void *library, const char *name, Function &function) {
-    function = reinterpret_cast<Function>(dlsym(library, name));
-    if (function == nullptr) {
-        throw std::runtime_error(dlerror());
-    }
-}
-
-}  // namespace
-
-TestDirectory::TestDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "cardsim-test-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error(std::strerror(errno));
-    }
-    path = std::filesystem::canonical(name);
-}
-
-TestDirectory::~TestDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
-void write_file(const std::filesystem::path &file, const std::string &content) {
-    std::ofstream(file, std::ios::binary) << content;
-}
-
-std::string read_file(const std::filesystem::path &file) {
-    std::ostringstream content;
-    content << std::ifstream(file, std::ios::binary).rdbuf();
-    return content.str();
-}
-
-std::vector<std::string> names_in(const std::filesystem::path &directory) {
-    std::vector<std::string> names;
-    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 size_t open_files() {
     return names_in("/proc/self/fd").size();
 }
 
-Library::Library(const std::filesystem::path &copy) {
-    std::filesystem::copy_file(CARDSIM_LIBRARY, copy);
-    void *library = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        throw std::runtime_error(dlerror());
-    }
-#define CARDSIM_FIND(name) find(library, #name, this->name)
-    CARDSIM_FIND(brd_sb_attribute_flag_set);
-    CARDSIM_FIND(brd_local_card_group_id_get);
-    CARDSIM_FIND(brd_group_fpd_num_fpds_get);
-    CARDSIM_FIND(brd_group_fpd_obj_id_list_get);
-    CARDSIM_FIND(brd_fpd_num_regions_get);
-    CARDSIM_FIND(brd_fpd_regions_get);
-    CARDSIM_FIND(brd_fpd_info_get);
-    CARDSIM_FIND(brd_fpd_upgrade);
-    CARDSIM_FIND(brd_group_led_init);
-    CARDSIM_FIND(brd_group_led_num_leds_get);
-    CARDSIM_FIND(brd_group_led_obj_id_list_get);
-    CARDSIM_FIND(brd_led_type_get);
-    CARDSIM_FIND(brd_led_name_get);
-    CARDSIM_FIND(brd_led_current_color_get);
-    CARDSIM_FIND(brd_led_current_state_get);
-    CARDSIM_FIND(brd_led_state_and_color_set);
-    CARDSIM_FIND(brd_fru_hw_data_init);
-    CARDSIM_FIND(brd_fru_hw_init);
-    CARDSIM_FIND(get_fpd_capability_info);
-    CARDSIM_FIND(check_and_get_upgrade_image);
-    CARDSIM_FIND(exec_shell_command);
-    CARDSIM_FIND(brd_intf_fpd_image_md5_validate);
-    CARDSIM_FIND(brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config);
-    CARDSIM_FIND(brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config);
-    CARDSIM_FIND(brd_intf_fpd_upgrade_cookie_get_upgrade_mode);
-    CARDSIM_FIND(brd_intf_fpd_upgrade_cookie_set_upgrade_mode);
-#undef CARDSIM_FIND
+Library::Library(const std::filesystem::path &copy)
+    : handle_((std::filesystem::copy_file(CARDSIM_LIBRARY, copy), dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL))) {}
+
+void *Library::find(const char *name) const {
+    void *const function = handle_ == nullptr ? nullptr : dlsym(handle_, name);
+    if (function == nullptr) throw std::runtime_error(dlerror());
+    return function;
 }
 
 LibraryTest::LibraryTest() {
@@ -166,34 +92,25 @@ Library &LibraryTest::library() {
     return *library_;
 }
 
-void LibraryTest::start_hardware() {
+void LibraryTest::start_hardware(Library &on) {
     FruHwData data = identity();
     uint32_t handle = 0;
-    ASSERT_EQ(library().brd_fru_hw_data_init(0, 0, &data, &handle), 0);
-    ASSERT_EQ(library().brd_fru_hw_init(handle), 0);
-}
-
-CardDescription LibraryTest::described() const {
-    CardDescription card;
-    std::string error;
-    EXPECT_EQ(load_card_description(directory_.path / "card.toml", card, error), 0) << error;
-    return card;
+    ASSERT_EQ(on.brd_fru_hw_data_init(0, 0, &data, &handle), 0);
+    ASSERT_EQ(on.brd_fru_hw_init(handle), 0);
 }
 
 CardState LibraryTest::saved_state() const {
-    CardState state;
-    std::string error;
-    EXPECT_EQ(load_state(StateDirectory(state_directory()), described(), state, error), 0) << error;
-    return state;
+    return load_state(StateDirectory(state_directory()), load_card_description(directory_.path / "card.toml"));
+}
+
+void LibraryTest::change_saved_state(const std::function<void(CardState &)> &change) const {
+    CardState state = saved_state();
+    change(state);
+    save_state(StateDirectory(state_directory()), state);
 }
 
 std::vector<std::string> LibraryTest::recorded() const {
-    std::istringstream log(read_file(state_directory() / calls_log));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(log, line);) {
-        lines.push_back(line);
-    }
-    return lines;
+    return lines_of(read_file(state_directory() / calls_log));
 }
 
 void LibraryTest::expect_loud(const std::function<void()> &call, const std::string &line) {
@@ -201,6 +118,10 @@ void LibraryTest::expect_loud(const std::function<void()> &call, const std::stri
     std::filesystem::remove(state_directory() / abort_log);
     EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGABRT), ::testing::HasSubstr("cardsim: " + line + "\n"));
     EXPECT_EQ(read_file(state_directory() / abort_log), "cardsim: " + line + "\n");
+}
+
+void LibraryTest::expect_all_loud(const std::string &reason, const std::vector<NamedCall> &calls) {
+    for (const NamedCall &call : calls) expect_loud(call.call, call.function + std::string(": ") + reason);
 }
 
 FruHwData LibraryTest::identity() const {

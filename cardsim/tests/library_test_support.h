@@ -19,34 +19,25 @@
 #include "fpd_description.h"
 #include "fpd_upgrade_cookie.h"
 #include "fpd_utility.h"
+#include "test_files.h"
 
 /// The program's divisor of its own times, which the library sets.
 extern "C" uint32_t bootup_fpd_time_div;
 
 namespace cardsim {
 
-/// A directory that goes with everything in it.
-struct TestDirectory {
-    std::filesystem::path path;
-
-    TestDirectory();
-    ~TestDirectory();
-    TestDirectory(const TestDirectory &) = delete;
-    TestDirectory &operator=(const TestDirectory &) = delete;
-};
-
-void write_file(const std::filesystem::path &file, const std::string &content);
-std::string read_file(const std::filesystem::path &file);
-/// The names in a directory, sorted.
-std::vector<std::string> names_in(const std::filesystem::path &directory);
 /// How many files this process has open.
 size_t open_files();
 
 /// The closed libraries' functions of one loaded copy of the library.
-struct Library {
+class Library {
+    void *handle_;
+    void *find(const char *name) const;
+
+  public:
     explicit Library(const std::filesystem::path &copy);
 
-#define CARDSIM_FUNCTION(name) decltype(&::name) name
+#define CARDSIM_FUNCTION(name) decltype(&::name) name = reinterpret_cast<decltype(&::name)>(find(#name))
     CARDSIM_FUNCTION(brd_sb_attribute_flag_set);
     CARDSIM_FUNCTION(brd_local_card_group_id_get);
     CARDSIM_FUNCTION(brd_group_fpd_num_fpds_get);
@@ -82,6 +73,12 @@ extern const std::string card_table;
 extern const std::string leds;
 extern const std::string io_fpga;
 
+/// A call of the closed function of this name.
+struct NamedCall {
+    const char *function;
+    std::function<void()> call;
+};
+
 /// A card of which a test describes more, and the library on it.
 class LibraryTest : public ::testing::Test {
   protected:
@@ -93,16 +90,20 @@ class LibraryTest : public ::testing::Test {
     /// The library, loaded at the first use, from any thread.
     Library &library();
     /// Brings the hardware layer up, as a program must before it asks for FPDs.
-    void start_hardware();
+    void start_hardware() { start_hardware(library()); }
+    void start_hardware(Library &on);
 
-    CardDescription described() const;
     CardState saved_state() const;
+    /// As another process would.
+    void change_saved_state(const std::function<void(CardState &)> &change) const;
     std::filesystem::path state_directory() const { return directory_.path / "state"; }
     std::filesystem::path package() const { return state_directory() / package_directory; }
     std::vector<std::string> recorded() const;
 
     /// The call ends the process with this line on standard error and in the card's abort.log.
     void expect_loud(const std::function<void()> &call, const std::string &line);
+    /// Each call ends the process with the line "FUNCTION: REASON".
+    void expect_all_loud(const std::string &reason, const std::vector<NamedCall> &calls);
 
     FruHwData identity() const;
     /// The card's own: 1.2.

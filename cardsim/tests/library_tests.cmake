@@ -8,7 +8,8 @@ add_executable(cardsim_library_tests
   tests/library_utility_test.cpp
   tests/printable_test.cpp
   tests/state_directory_test.cpp
-  tests/state_test.cpp)
+  tests/state_test.cpp
+  tests/test_files.cpp)
 target_link_libraries(cardsim_library_tests PRIVATE
   cardsim_model bootup_fpd_build_flags GTest::gmock_main Threads::Threads ${CMAKE_DL_LIBS})
 bootup_fpd_test_program(cardsim_library_tests inside)

@@ -75,12 +75,7 @@ class UpgradeTest : public LibraryTest {
     }
     std::string running() const { return version_text(saved_state().regions.at(0).running); }
     std::string programmed() const { return version_text(saved_state().regions.at(0).programmed); }
-    void reload_card() {
-        CardState state = saved_state();
-        reload(state);
-        std::string error;
-        ASSERT_EQ(save_state(StateDirectory(state_directory()), state, error), 0) << error;
-    }
+    void reload_card() { change_saved_state(reload); }
 
     Reports reports;
 };

@@ -24,28 +24,21 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "test_files.h"
+
 namespace fs = std::filesystem;
+using cardsim::read_file;
 using cardsim::Sandbox;
 using cardsim::sandbox_run;
 using cardsim::sandbox_start;
 using cardsim::SandboxLayout;
+using cardsim::write_file;
 using std::chrono::milliseconds;
 
 namespace {
-
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const fs::path &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 /// Inside: true when `path` is a mount point.
 bool is_mount_point(const fs::path &path) {
@@ -116,25 +109,26 @@ std::vector<std::string> writable_files(const fs::path &path) {
 
 class SandboxTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "cardsim-sandbox-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        host_ = name;
-        ASSERT_EQ(chmod(name.c_str(), 0755), 0);
-    }
-    void TearDown() override { fs::remove_all(host_); }
-
     fs::path directory(const std::string &name) {
         fs::create_directory(host_ / name);
         return host_ / name;
     }
 
-    int run(const std::function<int()> &body) { return sandbox_run(layout_, body, error_); }
+    /// The body's exit status; -1: there is no sandbox, for the reason in `error_`.
+    int run(const std::function<int()> &body) {
+        try {
+            return sandbox_run(layout_, body);
+        } catch (const cardsim::Error &reason) {
+            error_ = reason.what();
+            return -1;
+        }
+    }
     int run_shell(const std::string &command) {
         return run([&] { return WEXITSTATUS(std::system(command.c_str())); });
     }
 
-    fs::path host_;
+    const cardsim::TestDirectory own_;
+    const fs::path &host_ = own_.path;
     SandboxLayout layout_;
     std::string error_;
 };
@@ -505,10 +499,7 @@ TEST_F(SandboxTest, NothingOutlivesTheBody) {
 
 TEST_F(SandboxTest, PowerOffKillsEverythingAtOnce) {
     LifeLine line;
-    Sandbox sandbox;
-    ASSERT_TRUE(sandbox_start(
-        layout_, [] { return static_cast<int>(sleep(60)); }, sandbox, error_))
-        << error_;
+    Sandbox sandbox = sandbox_start(layout_, [] { return static_cast<int>(sleep(60)); });
     EXPECT_EQ(sandbox.wait_for(milliseconds(20)), std::nullopt);
     EXPECT_TRUE(sandbox.running());
     sandbox.power_off();
@@ -517,7 +508,6 @@ TEST_F(SandboxTest, PowerOffKillsEverythingAtOnce) {
 }
 
 TEST_F(SandboxTest, ForwardsASignalToTheBody) {
-    Sandbox sandbox;
     const auto body = [] {
         sigset_t term;
         sigemptyset(&term);
@@ -531,7 +521,7 @@ TEST_F(SandboxTest, ForwardsASignalToTheBody) {
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
     sigprocmask(SIG_BLOCK, &term, &before);  // inherited: the signal may come before the body asks for it
-    ASSERT_TRUE(sandbox_start(layout_, body, sandbox, error_)) << error_;
+    Sandbox sandbox = sandbox_start(layout_, body);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     sandbox.forward(SIGTERM);
     EXPECT_EQ(sandbox.wait(), 17);
@@ -541,10 +531,7 @@ TEST_F(SandboxTest, DiesWithItsCaller) {
     LifeLine line;
     const pid_t caller = fork();
     if (caller == 0) {
-        Sandbox sandbox;
-        if (!sandbox_start(
-                layout_, [] { return static_cast<int>(sleep(60)); }, sandbox, error_))
-            _exit(1);
+        const Sandbox sandbox = sandbox_start(layout_, [] { return static_cast<int>(sleep(60)); });
         raise(SIGKILL);
     }
     int status = 0;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 
+#include "file_text.h"
 #include "library_test_support.h"
 
 namespace cardsim {
@@ -29,7 +30,7 @@ class StateDirectoryTest : public ::testing::Test {
     static std::string refusal(const std::function<void()> &call) {
         try {
             call();
-        } catch (const CardError &reason) {
+        } catch (const Error &reason) {
             return reason.what();
         }
         return {};
@@ -41,6 +42,7 @@ class StateDirectoryTest : public ::testing::Test {
     std::optional<StateDirectory> state;
 };
 
+const auto write_new = [](const Descriptor &file) { write_all(file, "new", "new"); };
 const std::string link_in_it = ": a symbolic link, which a card's state must not have";
 const std::string no_plain_file = ": neither a plain file nor a directory";
 
@@ -50,7 +52,7 @@ TEST_F(StateDirectoryTest, ReadsAndWritesWhatLiesInIt) {
     EXPECT_EQ(read_file(path / "log"), "one\ntwo\n");
     EXPECT_EQ(state->size("log"), 8U);
     EXPECT_EQ(state->line("log", 4), "two");
-    state->replace("pkg/image", 0755, [](int file) { write_all(file, "new"); });
+    state->replace("pkg/image", 0755, write_new);
     EXPECT_EQ(read_file(path / "pkg/image"), "new");
     EXPECT_EQ(state->status("pkg/image")->st_mode & 07777, 0755U);
     EXPECT_THAT(names_in(path / "pkg"), ElementsAre("image"));
@@ -71,8 +73,8 @@ class SurpriseTest : public StateDirectoryTest, public ::testing::WithParamInter
 TEST_P(SurpriseTest, IsRefusedHoweverItIsUsed) {
     GetParam().make(path / "name", victim);
     const std::string reason = (path / "name").string() + GetParam().reason;
-    EXPECT_EQ(refusal([&] { close(state->open("name", O_RDONLY)); }), reason);
-    EXPECT_EQ(refusal([&] { close(state->open("name", O_RDWR | O_CREAT)); }), reason);
+    EXPECT_EQ(refusal([&] { state->open("name", O_RDONLY); }), reason);
+    EXPECT_EQ(refusal([&] { state->open("name", O_RDWR | O_CREAT); }), reason);
     EXPECT_EQ(refusal([&] { state->append("name", "text"); }), reason);
     EXPECT_EQ(refusal([&] { state->line("name", 0); }), reason);
     EXPECT_EQ(refusal([&] { state->size("name"); }), reason);
@@ -89,7 +91,7 @@ TEST_P(SurpriseTest, IsRefusedDeeperDownAsWell) {
 TEST_P(SurpriseTest, IsReplacedNotWrittenThrough) {
     GetParam().make(path / "name", victim);
     GetParam().make(path / ".name.new", victim);
-    state->replace("name", 0644, [](int file) { write_all(file, "new"); });
+    state->replace("name", 0644, write_new);
     EXPECT_EQ(read_file(path / "name"), "new");
     EXPECT_EQ(refusal([&] { state->check(); }), "");
 }
@@ -123,23 +125,23 @@ TEST_F(StateDirectoryTest, ASecondNameIsRefusedWhereOthersMayHaveGivenIt) {
     ASSERT_EQ(chmod(path.c_str(), 0755), 0);
     ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
     state.emplace(path);
-    EXPECT_EQ(refusal([&] { close(state->open("name", O_RDWR)); }), reason);
+    EXPECT_EQ(refusal([&] { state->open("name", O_RDWR); }), reason);
 }
 
 TEST_F(StateDirectoryTest, NothingIsReachedThroughALinkOnTheWay) {
     fs::create_directory_symlink(root.path / "outside", path / "etc");
     const std::string on_the_way = (path / "etc/victim").string() + link_in_it;
     const std::string itself = (path / "etc").string() + link_in_it;
-    EXPECT_EQ(refusal([&] { close(state->open("etc/victim", O_RDONLY)); }), on_the_way);
+    EXPECT_EQ(refusal([&] { state->open("etc/victim", O_RDONLY); }), on_the_way);
     EXPECT_EQ(refusal([&] { state->has("etc/victim"); }), on_the_way);
     EXPECT_EQ(refusal([&] { state->remove("etc/victim"); }), itself);
-    EXPECT_EQ(refusal([&] { state->replace("etc/victim", 0644, [](int) {}); }), itself);
+    EXPECT_EQ(refusal([&] { state->replace("etc/victim", 0644, write_new); }), itself);
     EXPECT_EQ(refusal([&] { state->make_directory("etc"); }), itself);
 }
 
 TEST_F(StateDirectoryTest, NothingIsReachedAbove) {
-    EXPECT_ANY_THROW(close(state->open("../outside/victim", O_RDONLY)));
-    EXPECT_ANY_THROW(close(state->open(victim, O_RDONLY)));
+    EXPECT_ANY_THROW(state->open("../outside/victim", O_RDONLY));
+    EXPECT_ANY_THROW(state->open(victim, O_RDONLY));
 }
 
 TEST_F(StateDirectoryTest, IsNoLinkItself) {
@@ -162,8 +164,8 @@ TEST_F(StateDirectoryTest, AReplacementFollowsNoLinkThatAppearsInItsWay) {
     });
     for (int attempt = 0; attempt < 5000; ++attempt) {
         try {
-            state->replace("name", 0644, [](int file) { write_all(file, "new"); });
-        } catch (const CardError &) {
+            state->replace("name", 0644, write_new);
+        } catch (const Error &) {
             // The link was there first.
         }
     }
@@ -175,15 +177,15 @@ TEST_F(StateDirectoryTest, AFileInThePlaceOfADirectoryIsRefusedAndTheOtherWayRou
     write_file(path / "log", "");
     EXPECT_EQ(refusal([&] { state->make_directory("log"); }), (path / "log").string() + ": Not a directory");
     const std::string reason = (path / "pkg").string() + ": Is a directory";
-    EXPECT_EQ(refusal([&] { close(state->open("pkg", O_RDONLY)); }), reason);
+    EXPECT_EQ(refusal([&] { state->open("pkg", O_RDONLY); }), reason);
     EXPECT_EQ(refusal([&] { state->append("pkg", "x"); }), reason);
-    EXPECT_EQ(refusal([&] { state->replace("pkg", 0644, [](int) {}); }), reason);
+    EXPECT_EQ(refusal([&] { state->replace("pkg", 0644, write_new); }), reason);
 }
 
 TEST_F(StateDirectoryTest, AReplacementThatFailsLeavesWhatWasThere) {
     write_file(path / "name", "old");
-    EXPECT_ANY_THROW(state->replace("name", 0644, [](int file) {
-        write_all(file, "half");
+    EXPECT_ANY_THROW(state->replace("name", 0644, [](const Descriptor &file) {
+        write_all(file, "name", "half");
         throw std::runtime_error("full");
     }));
     EXPECT_EQ(read_file(path / "name"), "old");

@@ -2,9 +2,9 @@
 
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -31,17 +31,28 @@ class StateTest : public ::testing::Test {
 
     void describe(const std::string &toml) {
         write_file(directory.path / "card.toml", toml);
-        ASSERT_EQ(load_card_description(directory.path / "card.toml", card, error), 0) << error;
+        card = load_card_description(directory.path / "card.toml");
+        state = initial_state(card);
+    }
+    /// Why the state file is refused; empty: it is not.
+    std::string refusal() const {
+        try {
+            load_state(place, card);
+        } catch (const Error &reason) {
+            return reason.what();
+        }
+        return {};
     }
 
     TestDirectory directory;
     StateDirectory place{directory.path};
+    const std::filesystem::path file = directory.path / state_file;
     CardDescription card;
-    std::string error;
+    CardState state;
 };
 
-TEST_F(StateTest, BeginsAsDescribed) {
-    const CardState state = initial_state(card);
+TEST_F(StateTest, ADirectoryWithoutAStateHoldsACardAsDescribed) {
+    state = load_state(place, card);
     EXPECT_EQ(state.boot, 1U);
     EXPECT_EQ(state.auto_upgrade, 1);
     EXPECT_EQ(state.upgrade_mode, 0);
@@ -58,16 +69,7 @@ TEST_F(StateTest, BeginsAsDescribed) {
     EXPECT_EQ(state.leds[0].color, 4U);
 }
 
-TEST_F(StateTest, ADirectoryWithoutAStateHoldsACardOnItsFirstBoot) {
-    CardState state;
-    state.boot = 9;
-    ASSERT_EQ(load_state(place, card, state, error), 0) << error;
-    EXPECT_EQ(state.boot, 1U);
-    EXPECT_EQ(state.regions.size(), 2U);
-}
-
 TEST_F(StateTest, KeepsAllThatOutlastsARun) {
-    CardState state = initial_state(card);
     state.boot = 4;
     state.auto_upgrade = -1;
     state.upgrade_mode = 7;
@@ -77,17 +79,14 @@ TEST_F(StateTest, KeepsAllThatOutlastsARun) {
     state.regions[1].attempts = 2;
     state.leds[1].state = 3;
     state.leds[1].color = 4294967295U;
-    ASSERT_EQ(save_state(place, state, error), 0) << error;
-
-    CardState loaded;
-    ASSERT_EQ(load_state(place, card, loaded, error), 0) << error;
+    save_state(place, state);
+    const CardState loaded = load_state(place, card);
     EXPECT_EQ(loaded.boot, 4U);
     EXPECT_EQ(loaded.auto_upgrade, -1);
     EXPECT_EQ(loaded.upgrade_mode, 7);
     EXPECT_EQ(version_text(loaded.regions[0].running), "1.2.65535");
     EXPECT_EQ(version_text(loaded.regions[0].programmed), "1.3.0");
-    ASSERT_TRUE(loaded.regions[0].falls_back.has_value());
-    EXPECT_EQ(version_text(*loaded.regions[0].falls_back), "1.2.3");
+    EXPECT_EQ(loaded.regions[0].falls_back, (FirmwareVersion{1, 2, 3}));
     EXPECT_FALSE(loaded.regions[1].falls_back.has_value());
     EXPECT_EQ(loaded.regions[1].attempts, 2U);
     EXPECT_EQ(loaded.leds[1].state, 3U);
@@ -96,11 +95,10 @@ TEST_F(StateTest, KeepsAllThatOutlastsARun) {
 }
 
 TEST_F(StateTest, FollowsADescriptionThatChanged) {
-    CardState state = initial_state(card);
     state.regions[0].programmed = {1, 9, 0};
     state.regions[1].programmed = {2, 9, 0};
     state.leds[0].state = 1;
-    ASSERT_EQ(save_state(place, state, error), 0) << error;
+    save_state(place, state);
     describe(card_table + R"(
 [[led]]
 id = 5
@@ -121,7 +119,7 @@ running = "2.0.0"
 name = "C"
 running = "3.0.0"
 )");
-    ASSERT_EQ(load_state(place, card, state, error), 0) << error;
+    state = load_state(place, card);
     ASSERT_EQ(state.regions.size(), 3U);
     EXPECT_EQ(version_text(state.regions[0].programmed), "7.0.0");
     EXPECT_EQ(version_text(state.regions[1].programmed), "2.9.0");
@@ -132,23 +130,16 @@ running = "3.0.0"
 }
 
 TEST_F(StateTest, ABrokenStateIsRefusedWithFileLineAndReason) {
-    CardState state = initial_state(card);
-    state.boot = 5;
-    write_file(directory.path / state_file, "auto_upgrade = 1\nboot = 0\n");
-    EXPECT_NE(load_state(place, card, state, error), 0);
-    EXPECT_EQ(error, (directory.path / state_file).string() +
-                         ":2: the state: boot: expected a whole number from 1 to 4294967295, found 0");
-    EXPECT_EQ(state.boot, 5U);
-    write_file(directory.path / state_file,
+    write_file(file, "auto_upgrade = 1\nboot = 0\n");
+    EXPECT_EQ(refusal(), file.string() + ":2: the state: boot: expected a whole number from 1 to 4294967295, found 0");
+    write_file(file,
                "auto_upgrade = 1\nboot = 1\nupgrade_mode = 0\n[[region]]\nfpd = 1\nregion = 0\nname = \"A\"\n"
                "running = [1, 2, 65536]\n");
-    EXPECT_NE(load_state(place, card, state, error), 0);
-    EXPECT_EQ(error, (directory.path / state_file).string() +
-                         ":8: [[region]]: running: expected [major, minor, debug], each from 0 to 65535");
+    EXPECT_EQ(refusal(),
+              file.string() + ":8: [[region]]: running: expected [major, minor, debug], each from 0 to 65535");
 }
 
 TEST_F(StateTest, AReloadRunsWhatIsProgrammed) {
-    CardState state = initial_state(card);
     state.regions[0].attempts = 2;
     state.regions[1].programmed = {2, 5, 0};
     state.regions[1].running = {2, 5, 0};
@@ -164,16 +155,10 @@ TEST_F(StateTest, AReloadRunsWhatIsProgrammed) {
     EXPECT_EQ(state.leds[0].state, 3U);
 }
 
-TEST_F(StateTest, LeavesNoTemporaryFileBehind) {
-    ASSERT_EQ(save_state(place, initial_state(card), error), 0) << error;
+TEST_F(StateTest, AnybodyMayReadTheStateFileWhichIsTheOnlyOne) {
+    save_state(place, state);
+    EXPECT_EQ(place.status(state_file)->st_mode & 07777, 0644U);
     EXPECT_THAT(names_in(directory.path), ::testing::ElementsAre("card.toml", "state.toml"));
-}
-
-TEST_F(StateTest, AnybodyMayReadTheStateFile) {
-    ASSERT_EQ(save_state(place, initial_state(card), error), 0) << error;
-    struct stat status = {};
-    ASSERT_EQ(stat((directory.path / state_file).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
 /// No file may grow beyond a few bytes while it exists, as on a full disk.
@@ -193,35 +178,30 @@ struct FullDisk {
 };
 
 TEST_F(StateTest, ASaveThatFailsLeavesTheEarlierState) {
-    CardState state = initial_state(card);
-    ASSERT_EQ(save_state(place, state, error), 0) << error;
-    const std::string earlier = read_file(directory.path / state_file);
+    save_state(place, state);
+    const std::string earlier = read_file(file);
     state.boot = 2;
-    {
+    std::string reason;
+    try {
         const FullDisk full;
-        EXPECT_NE(save_state(place, state, error), 0);
+        save_state(place, state);
+    } catch (const Error &refused) {
+        reason = refused.what();
+        EXPECT_EQ(refused.code, EFBIG);
     }
-    EXPECT_EQ(error, (directory.path / state_file).string() + ": cannot be written: File too large");
-    EXPECT_EQ(read_file(directory.path / state_file), earlier);
+    EXPECT_EQ(reason, file.string() + ": cannot be written: File too large");
+    EXPECT_EQ(read_file(file), earlier);
     EXPECT_THAT(names_in(directory.path), ::testing::ElementsAre("card.toml", "state.toml"));
 }
 
 TEST_F(StateTest, AReaderNeverMeetsHalfAState) {
-    CardState state = initial_state(card);
-    ASSERT_EQ(save_state(place, state, error), 0) << error;
+    save_state(place, state);
     std::atomic<bool> is_done = false;
     std::thread writer([&] {
-        std::string reason;
-        for (uint32_t boot = 1; boot <= 50; ++boot) {
-            state.boot = boot;
-            EXPECT_EQ(save_state(place, state, reason), 0) << reason;
-        }
+        for (state.boot = 1; state.boot <= 50; ++state.boot) save_state(place, state);
         is_done = true;
     });
-    while (!is_done) {
-        CardState read;
-        EXPECT_EQ(load_state(place, card, read, error), 0) << error;
-    }
+    while (!is_done) EXPECT_EQ(refusal(), "");
     writer.join();
 }
 

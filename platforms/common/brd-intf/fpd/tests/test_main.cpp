@@ -72,10 +72,12 @@ int run_in_sandbox() {
         std::perror("bootup_fpd_tests: no temporary directory");
         return 1;
     }
-    std::string error;
-    const int status = cardsim::sandbox_run(make_layout(card), run_tests, error);
-    if (status < 0) std::fprintf(stderr, "bootup_fpd_tests: no sandbox: %s\n", error.c_str());
-    return status < 0 ? 1 : status;
+    try {
+        return cardsim::sandbox_run(make_layout(card), run_tests);
+    } catch (const std::exception &reason) {
+        std::fprintf(stderr, "bootup_fpd_tests: %s\n", reason.what());
+        return 1;
+    }
 }
 
 }  // namespace
