@@ -1,4 +1,5 @@
-/* Stands in front of the card's libraries, for the tool and not for what the tool runs. The environment says what it does:
+/* Stands in front of the card's libraries, for the tool and not for what the tool runs.
+   The environment says what it does:
    AWKWARD_THREAD_END    a thread that upgraded something hangs in what is cleaned up at its end
    AWKWARD_EXIT=FILE     writes FILE at the ordinary end of the process
    AWKWARD_DEVICE=FILE   opens FILE before the program begins, and keeps it open */

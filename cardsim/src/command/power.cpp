@@ -117,6 +117,7 @@ void set_environment(const Power &power, const fs::path &card_file) {
 /// Replaces the process by the command; returns the shell's status for one that cannot be run.
 int run_command(const std::vector<std::string> &command) {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &argument : command) arguments.push_back(const_cast<char *>(argument.c_str()));
     arguments.push_back(nullptr);
     execvp(arguments.front(), arguments.data());
