@@ -112,8 +112,9 @@ def module_names(variable):
     return [ast.literal_eval(cursor.spelling) for cursor in cursors if cursor.kind == Kind.STRING_LITERAL]
 
 
-def parts(value):
-    return parts(value.tag) if isinstance(value, Site) else value
+def part_of(value):
+    """What of it has still to be followed."""
+    return part_of(value.tag) if isinstance(value, Site) else value
 
 
 def with_part(value, part):
@@ -183,11 +184,11 @@ class Sources:
     # ---- following
 
     def resolved(self, values, place):
-        """All that the values may be, in texts; None among them where that cannot be told."""
-        if any(parts(value) is None for value in values):
+        """All that the values may be, in texts; where that cannot be told, it is put on record."""
+        if any(part_of(value) is None for value in values):
             self.not_followed(place, "what is given there")
             return
-        variable = next((parts(value) for value in values if not isinstance(parts(value), str)), None)
+        variable = next((part_of(value) for value in values if not isinstance(part_of(value), str)), None)
         if isinstance(variable, Parameter):
             self.followed.add(variable.function)
             callers = [call for call in self.calls if call.function == variable.function]
@@ -197,8 +198,8 @@ class Sources:
                 yield from self.resolved([self.given(value, call) for value in values], call.place)
         elif isinstance(variable, Field):
             rows = [row for row in self.rows.get(variable.structure, []) if all(
-                parts(value).name in row for value in values
-                if isinstance(parts(value), Field) and parts(value).structure == variable.structure)]
+                part_of(value).name in row for value in values
+                if isinstance(part_of(value), Field) and part_of(value).structure == variable.structure)]
             if not rows:
                 self.not_followed(place, f"no table has {variable.name}")
             for row in rows:
@@ -208,14 +209,14 @@ class Sources:
 
     @staticmethod
     def given(value, call):
-        part = parts(value)
+        part = part_of(value)
         if not isinstance(part, Parameter) or part.function != call.function:
             return value
         return with_part(value, value_of(call.arguments[part.index]) if part.index < len(call.arguments) else None)
 
     @staticmethod
     def looked_up(value, structure, row):
-        part = parts(value)
+        part = part_of(value)
         return with_part(value, row[part.name]) if isinstance(part, Field) and part.structure == structure else value
 
     def not_followed(self, place, why):
