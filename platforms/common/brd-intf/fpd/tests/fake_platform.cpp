@@ -198,7 +198,9 @@ int brd_group_fpd_num_fpds_get(std::uint32_t group_id, std::uint32_t *count) {
 int brd_group_fpd_obj_id_list_get(std::uint32_t group_id, std::uint32_t *ids) {
     if (const auto hook = record(&FakePlatform::brd_group_fpd_obj_id_list_get, __func__, join(group_id)))
         return hook(group_id, ids);
-    with_fake([=](FakePlatform &fake) { std::ranges::transform(fake.fpds, ids, &FakeFpd::obj_id); });
+    with_fake([=](FakePlatform &fake) {
+        std::transform(fake.fpds.begin(), fake.fpds.end(), ids, [](const FakeFpd &fpd) { return fpd.obj_id; });
+    });
     return 0;
 }
 
@@ -252,7 +254,9 @@ int brd_group_led_num_leds_get(std::uint32_t group_id, std::uint32_t *count) {
 int brd_group_led_obj_id_list_get(std::uint32_t group_id, std::uint32_t *ids) {
     if (const auto hook = record(&FakePlatform::brd_group_led_obj_id_list_get, __func__, join(group_id)))
         return hook(group_id, ids);
-    with_fake([=](FakePlatform &fake) { std::ranges::transform(fake.leds, ids, &FakeLed::obj_id); });
+    with_fake([=](FakePlatform &fake) {
+        std::transform(fake.leds.begin(), fake.leds.end(), ids, [](const FakeLed &led) { return led.obj_id; });
+    });
     return 0;
 }
 

@@ -200,7 +200,7 @@ TEST_F(MoveBetweenQueues, TakesTheRecordToTheEndOfTheOther) {
 
 TEST_F(MoveBetweenQueues, AddsTheRecordAlsoWhenItIsNotThereAndShowsNoEarlierText) {
     Chain none({}), others({"A"});
-    for (Chain *const from : {&none, &others}) {
+    for (Chain *const from : {&others, &none}) {
         clear_log();
         to = nullptr;
         EXPECT_EQ(move(from->queue, to, fpd), 0);
