@@ -68,10 +68,21 @@ class UpgradeTest : public LibraryTest {
         start_hardware();
     }
 
-    int upgrade() { return upgrade(reports); }
-    int upgrade(Reports &receiver) {
+    /// A card with the one region "A", running 1.0.0, and its image 1.3.0.
+    void describe_region_with(const std::string &lines, const std::string &file = "io.img") {
+        describe(card_table + "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\n" + lines +
+                 "[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"" + file + "\"\n");
+    }
+    int upgrade() { return upgrade(library(), reports); }
+    int upgrade(Library &on, Reports &receiver) {
         BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", receiver);
-        return library().brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg);
+        return on.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg);
+    }
+    /// The signal that the first report of this percentage sets.
+    static void signal_at(Reports &receiver, int percent, Signal &signal) {
+        receiver.then = [&signal, percent](int reported) {
+            if (reported == percent) signal.set();
+        };
     }
     std::string running() const { return version_text(saved_state().regions.at(0).running); }
     std::string programmed() const { return version_text(saved_state().regions.at(0).programmed); }
@@ -99,21 +110,13 @@ TEST_F(UpgradeTest, ProgramsTheImagesVersion) {
 
 TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
     for (const int kind : {0, 1, 2, 3, 4, 5, 6, 7, 255}) {
-        TestDirectory place;
+        const TestDirectory place;
         const bool needs_reload = kind == 1 || (kind >= 3 && kind <= 6);
-        const std::string region =
-            "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 0\n"
-            "activation = " +
-            std::to_string(kind) + "\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3\"\nfile = \"io.img\"\n";
         std::filesystem::remove(state_directory() / state_file);
-        describe(card_table + region);
+        describe_region_with("duration = 0\nactivation = " + std::to_string(kind) + "\n");
         Library fresh(place.path / "libcardsim.so");
-        FruHwData data = identity();
-        uint32_t handle = 0;
-        ASSERT_EQ(fresh.brd_fru_hw_data_init(0, 0, &data, &handle), 0);
-        ASSERT_EQ(fresh.brd_fru_hw_init(handle), 0);
-        BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", reports);
-        ASSERT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 0);
+        start_hardware(fresh);
+        ASSERT_EQ(upgrade(fresh, reports), 0);
         EXPECT_EQ(running(), needs_reload ? "1.0.0" : "1.3.0") << "activation kind " << kind;
         EXPECT_EQ(programmed(), "1.3.0");
     }
@@ -121,9 +124,7 @@ TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
 
 TEST_F(UpgradeTest, TakesItsTimeDividedByTheSpeed) {
     setenv("CARDSIM_SPEED", "100", 1);
-    describe(card_table +
-             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 20\n"
-             "reports = 0\n[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"io.img\"\n");
+    describe_region_with("duration = 20\nreports = 0\n");
     start_hardware();
     const auto start = Clock::now();
     EXPECT_EQ(upgrade(), 0);
@@ -156,21 +157,16 @@ TEST_F(UpgradeTest, AFailureAtNoPercentIsOneThatHadBegun) {
 }
 
 TEST_F(UpgradeTest, AttemptsCountUntilTheReload) {
-    const std::string second_fails = "[[fpd.region.fault]]\nkind = \"fail\"\nattempt = 2\ncode = 5\n";
-    describe_io_fpga_with(second_fails);
+    describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"fail\"\nattempt = 2\ncode = 5\n");
     EXPECT_EQ(upgrade(), 0);
     EXPECT_EQ(saved_state().regions.at(0).attempts, 1U);
     // Another process on the same boot goes on counting.
-    TestDirectory place;
+    const TestDirectory place;
     Library fresh(place.path / "libcardsim.so");
-    FruHwData data = identity();
-    uint32_t handle = 0;
-    ASSERT_EQ(fresh.brd_fru_hw_data_init(0, 0, &data, &handle), 0);
-    ASSERT_EQ(fresh.brd_fru_hw_init(handle), 0);
-    BrdFpdUpgradeRequest request = upgrade_request(0, package(), "io.img", reports);
-    EXPECT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 5);
+    start_hardware(fresh);
+    EXPECT_EQ(upgrade(fresh, reports), 5);
     reload_card();
-    EXPECT_EQ(fresh.brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), 0);
+    EXPECT_EQ(upgrade(fresh, reports), 0);
 }
 
 TEST_F(UpgradeTest, AnAttemptMayBeSlow) {
@@ -211,9 +207,7 @@ TEST_F(UpgradeTest, VersionsThatNeverStickFallBackToTheLastThatDid) {
 
 TEST_F(UpgradeTest, AnImageThatCannotBeReadIsAFailure) {
     // A file that even the superuser can open but not read from its start.
-    describe(card_table +
-             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\n"
-             "[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"mem\"\n");
+    describe_region_with("", "mem");
     start_hardware();
     BrdFpdUpgradeRequest request = upgrade_request(0, "/proc/self", "mem", reports);
     EXPECT_EQ(library().brd_fpd_upgrade(7, 10, &request, err_msg, sizeof err_msg), EIO);
@@ -225,11 +219,7 @@ TEST_F(UpgradeTest, AnImageThatCannotBeReadIsAFailure) {
 TEST_F(UpgradeTest, AHangIsEndedByCancellation) {
     describe_io_fpga_with("[[fpd.region.fault]]\nkind = \"hang\"\nattempt = 1\nat = 50\n");
     Signal is_halfway;
-    reports.then = [&](int percent) {
-        if (percent == 50) {
-            is_halfway.set();
-        }
-    };
+    signal_at(reports, 50, is_halfway);
     Worker worker([&] { upgrade(); });
     ASSERT_TRUE(is_halfway.wait());
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -260,9 +250,7 @@ TEST_F(UpgradeTest, AHangMayComeBeforeAnyReport) {
 }
 
 TEST_F(UpgradeTest, ACancellationMayCatchItOnItsWay) {
-    describe(card_table +
-             "[[fpd]]\nid = 10\n[[fpd.region]]\nname = \"A\"\nrunning = \"1.0.0\"\nduration = 60\n"
-             "[[fpd.region.image]]\ntype = 0\nversion = \"1.3.0\"\nfile = \"io.img\"\n");
+    describe_region_with("duration = 60\n");
     start_hardware();
     const size_t files = open_files();
     Worker worker([&] { upgrade(); });
@@ -295,11 +283,7 @@ TEST_F(UpgradeTest, AThreadThatMayNotBeCancelledIsNot) {
     describe_io_fpga_with("");
     int result = -1;
     Signal is_reporting;
-    reports.then = [&](int percent) {
-        if (percent == 25) {
-            is_reporting.set();
-        }
-    };
+    signal_at(reports, 25, is_reporting);
     Worker worker([&] {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         result = upgrade();
@@ -318,9 +302,7 @@ TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
     Signal is_halfway;
     Reports late;
     late.then = [&](int percent) {
-        if (percent == 50) {
-            is_halfway.set();
-        }
+        if (percent == 50) is_halfway.set();
         // Where a cancellation would strike.
         pthread_testcancel();
     };
@@ -328,7 +310,7 @@ TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
     std::atomic<int> is_cancellable = -1;
     const auto start = Clock::now();
     Worker worker([&] {
-        result = upgrade(late);
+        result = upgrade(library(), late);
         int state = PTHREAD_CANCEL_DISABLE;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
         is_cancellable = state == PTHREAD_CANCEL_ENABLE;
@@ -348,33 +330,11 @@ TEST_F(UpgradeTest, AHangMayIgnoreCancellationAndEndLate) {
     EXPECT_EQ(programmed(), "1.3.0");
 }
 
-/// Two regions of two FPDs.
-const std::string two_fpds = R"(
-[[fpd]]
-id = 10
-[[fpd.region]]
-name = "A"
-running = "1.0.0"
-duration = 0.05
-[[fpd.region.image]]
-type = 0
-version = "1.3.0"
-file = "io.img"
-[[fpd]]
-id = 11
-[[fpd.region]]
-name = "B"
-running = "1.0.0"
-duration = 0.05
-[[fpd.region.image]]
-type = 0
-version = "1.4.0"
-file = "io.img"
-)";
-
 TEST_F(UpgradeTest, DifferentRegionsAreUpgradedAtTheSameTime) {
-    describe(card_table + two_fpds);
-    start_hardware();
+    std::string second = io_fpga;
+    second.replace(second.find("id = 10"), 7, "id = 11").replace(second.find("IoFpga"), 6, "Second");
+    second.replace(second.find("1.3.0"), 5, "1.4.0");
+    describe_io_fpga_with(second);
     Signal began[2];
     Reports received[2];
     bool met[2] = {};

@@ -62,18 +62,12 @@ TEST_F(ShellTest, ReadsMoreThanItKeeps) {
     EXPECT_EQ(std::string(output), std::string(sizeof output - 1, 'y'));
 }
 
-TEST_F(ShellTest, GivesBackTheExitStatus) {
+TEST_F(ShellTest, GivesBackHowTheCommandEnded) {
     EXPECT_EQ(run("echo 'first line'; echo second; exit 3"), 3);
     EXPECT_STREQ(output, "first line\nsecond\n");
     EXPECT_STREQ(err_msg, "command 'echo 'first line'; echo second; exit 3' exited with 3: first line second");
-}
-
-TEST_F(ShellTest, SaysWhichSignalEndedTheCommand) {
     EXPECT_EQ(run("kill -TERM $$"), 128 + SIGTERM);
     EXPECT_STREQ(err_msg, "command 'kill -TERM $$' was ended by signal 15: ");
-}
-
-TEST_F(ShellTest, ACommandThatIsNotThereFails) {
     EXPECT_EQ(run("/no/such/command"), 127);
     EXPECT_THAT(err_msg, ::testing::StartsWith("command '/no/such/command' exited with 127: "));
 }
@@ -154,42 +148,42 @@ TEST_F(ShellTest, ACancelledCommandLeavesNothing) {
     EXPECT_EQ(run("echo again"), 0);
 }
 
-TEST_F(LibraryTest, ValidatesTheMd5SumOfAFile) {
-    write_file(package() / "abc.img", "abc");
-    Library &lib = library();
-    const std::string place = package();
-    const char *directory = place.c_str();
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(directory, "abc.img", "900150983cd24fb0d6963f7d28e17f72", err_msg,
-                                                  sizeof err_msg),
-              0);
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(directory, "abc.img", "900150983CD24FB0D6963F7D28E17F72", err_msg,
-                                                  sizeof err_msg),
-              0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(directory, "abc.img", "900150983cd24fb0d6963f7d28e17f73", err_msg,
-                                                  sizeof err_msg),
-              EBADMSG);
-    EXPECT_EQ(std::string(err_msg),
-              (package() / "abc.img").string() +
-                  ": its MD5 sum is 900150983cd24fb0d6963f7d28e17f72, not '900150983cd24fb0d6963f7d28e17f73'");
-    EXPECT_NE(lib.brd_intf_fpd_image_md5_validate(directory, "abc.img", "", err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(directory, "none.img", "900150983cd24fb0d6963f7d28e17f72", err_msg,
-                                                  sizeof err_msg),
-              ENOENT);
-    EXPECT_EQ(std::string(err_msg), (package() / "none.img").string() + ": cannot be read: No such file or directory");
+struct Md5Case {
+    const char *what;
+    std::string content;  ///< of abc.img
+    const char *file;
+    const char *md5;
+    int result;
+    std::string reason;  ///< after the file's path
+};
+
+class Md5Test : public LibraryTest, public ::testing::WithParamInterface<Md5Case> {};
+
+TEST_P(Md5Test, OfAFileIsValidated) {
+    const Md5Case &given = GetParam();
+    write_file(package() / "abc.img", given.content);
+    const int result =
+        library().brd_intf_fpd_image_md5_validate(package().c_str(), given.file, given.md5, err_msg, sizeof err_msg);
+    EXPECT_EQ(result, given.result);
+    EXPECT_EQ(err_msg, given.result == 0 ? "" : (package() / given.file).string() + given.reason);
 }
 
-TEST_F(LibraryTest, SumsFilesOfAnySize) {
-    write_file(package() / "empty.img", "");
-    write_file(package() / "million.img", std::string(1000000, 'a'));
-    Library &lib = library();
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(package().c_str(), "empty.img", "d41d8cd98f00b204e9800998ecf8427e",
-                                                  err_msg, sizeof err_msg),
-              0);
-    EXPECT_EQ(lib.brd_intf_fpd_image_md5_validate(package().c_str(), "million.img", "7707d6ae4e027c70eea2a935c2296f21",
-                                                  err_msg, sizeof err_msg),
-              0);
-}
+constexpr const char *sum_of_abc = "900150983cd24fb0d6963f7d28e17f72";
+constexpr const char *other_sum = "900150983cd24fb0d6963f7d28e17f73";
+
+INSTANTIATE_TEST_SUITE_P(
+    , Md5Test,
+    ::testing::Values(
+        Md5Case{"right", "abc", "abc.img", sum_of_abc, 0, ""},
+        Md5Case{"in_capitals", "abc", "abc.img", "900150983CD24FB0D6963F7D28E17F72", 0, ""},
+        Md5Case{"wrong", "abc", "abc.img", other_sum, EBADMSG,
+                std::string(": its MD5 sum is ") + sum_of_abc + ", not '" + other_sum + "'"},
+        Md5Case{"none_given", "abc", "abc.img", "", EBADMSG,
+                std::string(": its MD5 sum is ") + sum_of_abc + ", not ''"},
+        Md5Case{"no_file", "abc", "none.img", sum_of_abc, ENOENT, ": cannot be read: No such file or directory"},
+        Md5Case{"empty", "", "abc.img", "d41d8cd98f00b204e9800998ecf8427e", 0, ""},
+        Md5Case{"large", std::string(1000000, 'a'), "abc.img", "7707d6ae4e027c70eea2a935c2296f21", 0, ""}),
+    [](const ::testing::TestParamInfo<Md5Case> &test) { return test.param.what; });
 
 }  // namespace
 }  // namespace cardsim

@@ -25,6 +25,13 @@ name = "B"
 running = "2.0.0"
 )";
 
+using ::testing::_;
+using ::testing::ElementsAre;
+using ::testing::FieldsAre;
+using ::testing::Optional;
+
+const auto none = ::testing::Eq(std::nullopt);
+
 class StateTest : public ::testing::Test {
   protected:
     StateTest() { describe(card_table + leds + two_regions); }
@@ -56,17 +63,10 @@ TEST_F(StateTest, ADirectoryWithoutAStateHoldsACardAsDescribed) {
     EXPECT_EQ(state.boot, 1U);
     EXPECT_EQ(state.auto_upgrade, 1);
     EXPECT_EQ(state.upgrade_mode, 0);
-    ASSERT_EQ(state.regions.size(), 2U);
-    EXPECT_EQ(state.regions[0].name, "A");
-    EXPECT_EQ(version_text(state.regions[0].running), "1.0.0");
-    EXPECT_EQ(version_text(state.regions[0].programmed), "1.1.0");
-    EXPECT_EQ(state.regions[1].fpd, 10U);
-    EXPECT_EQ(state.regions[1].index, 1);
-    EXPECT_EQ(state.regions[1].attempts, 0U);
-    ASSERT_EQ(state.leds.size(), 2U);
-    EXPECT_EQ(state.leds[0].id, 3U);
-    EXPECT_EQ(state.leds[0].state, 2U);
-    EXPECT_EQ(state.leds[0].color, 4U);
+    EXPECT_THAT(state.regions,
+                ElementsAre(FieldsAre(10U, 0, "A", FirmwareVersion{1, 0, 0}, FirmwareVersion{1, 1, 0}, none, 0U),
+                            FieldsAre(10U, 1, "B", FirmwareVersion{2, 0, 0}, FirmwareVersion{2, 0, 0}, none, 0U)));
+    EXPECT_THAT(state.leds, ElementsAre(FieldsAre(3U, 2U, 4U), FieldsAre(4U, 0U, 0U)));
 }
 
 TEST_F(StateTest, KeepsAllThatOutlastsARun) {
@@ -84,14 +84,10 @@ TEST_F(StateTest, KeepsAllThatOutlastsARun) {
     EXPECT_EQ(loaded.boot, 4U);
     EXPECT_EQ(loaded.auto_upgrade, -1);
     EXPECT_EQ(loaded.upgrade_mode, 7);
-    EXPECT_EQ(version_text(loaded.regions[0].running), "1.2.65535");
-    EXPECT_EQ(version_text(loaded.regions[0].programmed), "1.3.0");
-    EXPECT_EQ(loaded.regions[0].falls_back, (FirmwareVersion{1, 2, 3}));
-    EXPECT_FALSE(loaded.regions[1].falls_back.has_value());
-    EXPECT_EQ(loaded.regions[1].attempts, 2U);
-    EXPECT_EQ(loaded.leds[1].state, 3U);
-    EXPECT_EQ(loaded.leds[1].color, 4294967295U);
-    EXPECT_EQ(loaded.leds[0].state, 2U);
+    EXPECT_THAT(loaded.regions, ElementsAre(FieldsAre(10U, 0, "A", FirmwareVersion{1, 2, 65535},
+                                                      FirmwareVersion{1, 3, 0}, Optional(FirmwareVersion{1, 2, 3}), 0U),
+                                            FieldsAre(10U, 1, "B", _, _, none, 2U)));
+    EXPECT_THAT(loaded.leds, ElementsAre(FieldsAre(3U, 2U, 4U), FieldsAre(4U, 3U, 4294967295U)));
 }
 
 TEST_F(StateTest, FollowsADescriptionThatChanged) {
@@ -158,7 +154,7 @@ TEST_F(StateTest, AReloadRunsWhatIsProgrammed) {
 TEST_F(StateTest, AnybodyMayReadTheStateFileWhichIsTheOnlyOne) {
     save_state(place, state);
     EXPECT_EQ(place.status(state_file)->st_mode & 07777, 0644U);
-    EXPECT_THAT(names_in(directory.path), ::testing::ElementsAre("card.toml", "state.toml"));
+    EXPECT_THAT(names_in(directory.path), ElementsAre("card.toml", "state.toml"));
 }
 
 /// No file may grow beyond a few bytes while it exists, as on a full disk.
@@ -191,7 +187,7 @@ TEST_F(StateTest, ASaveThatFailsLeavesTheEarlierState) {
     }
     EXPECT_EQ(reason, file.string() + ": cannot be written: File too large");
     EXPECT_EQ(read_file(file), earlier);
-    EXPECT_THAT(names_in(directory.path), ::testing::ElementsAre("card.toml", "state.toml"));
+    EXPECT_THAT(names_in(directory.path), ElementsAre("card.toml", "state.toml"));
 }
 
 TEST_F(StateTest, AReaderNeverMeetsHalfAState) {

@@ -87,7 +87,7 @@ void require(const Call &call, bool holds, const std::string &reason);
 /// What must hold of the arguments that many functions share; each ends the process loudly otherwise.
 void require_error_buffer(const Call &call, const char *err_msg, size_t err_len);
 void require_group(const Call &call, uint32_t group_id);
-/// A text that ends within `size` bytes with nothing but zeros behind it.
+/// A text that ends within `size` bytes with nothing but zeros after it.
 void require_clean_text(const Call &call, const char *field, const char *text, size_t size);
 void require_zero(const Call &call, const char *field, const void *bytes, size_t size);
 

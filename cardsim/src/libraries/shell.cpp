@@ -97,7 +97,7 @@ std::string read_until_closed(const Descriptor &source, const CancellationGuard 
     }
 }
 
-/// Leaves the ended child to be reaped: a cancellation just behind it must still find it.
+/// Leaves the ended child to be reaped: a cancellation just after it must still find it.
 void wait_for_end(const Child &child, const CancellationGuard &uncancelled) {
     const CancellationGuard cancellable(uncancelled.earlier());
     siginfo_t ignored;

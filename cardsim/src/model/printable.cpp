@@ -17,7 +17,7 @@ std::size_t printable_length(std::string_view text) {
         if ((byte(at) & 0xc0) != 0x80) return 0;
         code = code << 6 | (byte(at) & 0x3fU);
     }
-    constexpr unsigned least[] = {0, 0, 0xa0, 0x800, 0x10000};  // of two bytes: behind the control characters
+    constexpr unsigned least[] = {0, 0, 0xa0, 0x800, 0x10000};  // of two bytes: after the control characters
     const bool is_surrogate = code >= 0xd800 && code < 0xe000;
     return first >= 0xc2 && code >= least[length] && code <= 0x10ffff && !is_surrogate ? length : 0;
 }

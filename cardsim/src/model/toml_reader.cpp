@@ -49,8 +49,8 @@ void require_plain_file(const Descriptor &file, const std::filesystem::path &pat
     throw Error(printable(path.string() + ": cannot be read: " + what));
 }
 
-/// Where the string that begins at `at` ends, as the parser sees it; behind one that it refuses it reads no further.
-size_t behind_string(std::string_view text, size_t at) {
+/// Where the string that begins at `at` ends, as the parser sees it; after one that it refuses it reads no further.
+size_t end_of_string(std::string_view text, size_t at) {
     const char quote = text[at];
     const bool is_long = text.substr(at, 3) == std::string(3, quote);
     const std::string end(is_long ? 3 : 1, quote);
@@ -80,7 +80,7 @@ void check_nesting(std::string_view text, const std::string &path) {
     for (size_t at = 0; at < text.size();) {
         const char byte = text[at];
         if (byte == '"' || byte == '\'') {
-            const size_t end = behind_string(text, at);
+            const size_t end = end_of_string(text, at);
             line += static_cast<uint32_t>(std::count(&text[at], &text[0] + end, '\n'));
             at = end;
             continue;

@@ -31,7 +31,7 @@ namespace {
 constexpr int power_off_signal = SIGUSR2;  // to the supervisor
 constexpr const char *command_path = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-// What one process of the sandbox tells another while it starts: one byte, text behind `refused`.
+// What one process of the sandbox tells another while it starts: one byte, text after `refused`.
 constexpr char ready = 'r';
 constexpr char refused = 'e';
 

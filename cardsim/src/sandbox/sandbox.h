@@ -85,7 +85,7 @@ class Sandbox {
     Descriptor supervisor_end_;  ///< a pidfd
 };
 
-/// Starts `body` in a sandbox; its result is the exit status (low 8 bits). Stdio is flushed before and behind it; it
+/// Starts `body` in a sandbox; its result is the exit status (low 8 bits). Stdio is flushed before and after it; it
 /// keeps the caller's open files, environment (but PATH), signal mask and, where it exists inside, working directory.
 /// Throws Error when there can be no sandbox; nothing ran and nothing was written then.
 Sandbox sandbox_start(const SandboxLayout &layout, const std::function<int()> &body);
