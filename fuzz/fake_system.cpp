@@ -17,6 +17,10 @@
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 #include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
+#include "fpd_log.h"
+#include "text_builder.h"
+#include "worker_msg.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "brd_intf_auto_fpd_upgrade_init.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fake_platform.h"
 #include "target.h"
 
@@ -33,6 +34,7 @@ void release_card() {
     if (!card) return;
     char ignored[256];
     require_equal(interface_deinit(*card, ignored, sizeof ignored), 0, "the card's release");
+    release_retired_workers(*card);
     context_deinit(&card, ignored, sizeof ignored);
 }
 

@@ -13,8 +13,10 @@
 #include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_led.h"
 #include "brd_intf_auto_fpd_upgrade_marker.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fake_system.h"
 #include "hostile_libraries.h"
+#include "worker_msg.h"
 
 namespace {
 
@@ -24,7 +26,7 @@ constexpr std::size_t most_records = 4096;  // far more than the libraries tell 
 /// What is known of the run from its planning on.
 struct Run {
     LocalCard *card = nullptr;
-    unsigned level = run_level_boot;
+    RunLevel level = RunLevel::boot;
     int mode = 0;
     bool planned = false;             // the records are those of the run
     std::set<const Fpd *> records;    // all of them
@@ -86,7 +88,7 @@ void check_dependency(const Fpd &fpd, const std::vector<const Fpd *> &scheduled)
 /// A record that was just planned has what it takes.
 void check_plan(const Fpd &fpd) {
     require((fpd.capabilities & FPD_CAPABILITY_NO_AUTO_UPGRADE) == 0, "planned against its capabilities");
-    require(run.level == run_level_backend || (fpd.capabilities & FPD_CAPABILITY_BOOTUP_AUTO_UPGRADE) != 0,
+    require(run.level == RunLevel::backend || (fpd.capabilities & FPD_CAPABILITY_BOOTUP_AUTO_UPGRADE) != 0,
             "planned at boot against its capabilities");
     require(fpd.desc.status != FPD_DESC_STATUS_REV_NOT_SUPPORTED, "planned although it is too old");
     const bool by_manufacturer = run.mode == static_cast<int>(UpgradeMode::manufacturing);
@@ -203,6 +205,7 @@ void release_card(Input &input) {
     LocalCard *card = run.card;
     run = {};  // from here on there is nothing to check
     require_equal(interface_deinit(*card, error.bytes.get(), error.size), 0, "the release of the card");
+    release_retired_workers(*card);
     error.text();
     require(!card->retired_workers, "a worker that is not released");
     const unsigned hanging_threads = card->hanging_threads;
@@ -239,7 +242,7 @@ void run_input(std::string_view bytes) {
     prepare_process();
     Input input{bytes};
     run = {};
-    run.level = input.flag() ? run_level_backend : run_level_boot;
+    run.level = input.flag() ? RunLevel::backend : RunLevel::boot;
     run.mode = modes[input.below(modes.size())];
     bootup_fpd_time_div = divisors[input.below(divisors.size())];
     answer_from(input, run.mode);

@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 
+#include "files.h"
 #include "subprocess.h"
 
 namespace fs = std::filesystem;
@@ -66,13 +67,7 @@ const char *const fake_list =
 
 class Binaries : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "binaries-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        root_ = name;
-        set_sanitizer_options();
-    }
-    void TearDown() override { fs::remove_all(root_); }
+    void SetUp() override { set_sanitizer_options(); }
 
     /// The output of a program that has to succeed.
     std::string output(const std::vector<std::string> &command, std::chrono::seconds limit = usual_limit) {
@@ -160,7 +155,8 @@ class Binaries : public testing::Test {
         return files;
     }
 
-    fs::path root_;
+    const TemporaryDirectory directory_{"binaries-test"};
+    const fs::path root_ = directory_.path();
 };
 
 // ---- how they are protected

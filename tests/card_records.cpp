@@ -5,7 +5,7 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "subprocess.h"
+#include "files.h"
 #include "text_match.h"
 
 namespace fs = std::filesystem;
@@ -17,7 +17,7 @@ namespace {
 const std::string log_line =
     R"(\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.(0|[1-9][0-9]{0,5}) [A-Za-z0-9+-]+\] )"
     R"(\[([0-9]+):([0-9]+)\] \[(FPD|EVENTS|BRD|PLATFORM|LED)\] \[(ERROR|INFO|DEBUG)\] )"
-    R"(\[([A-Za-z0-9]+)\] \[([a-z_]+):([0-9]+)\] \[(.*))";
+    R"(\[([A-Za-z0-9]+)\] \[([a-z_]+):([1-9][0-9]*)\] \[(.*))";
 
 LogRecord log_record(const std::string &line) {
     const std::vector<std::string> parts = match(log_line, line);

@@ -1,7 +1,6 @@
 #include "card_test.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -44,15 +43,6 @@ std::string unquoted(std::string text) {
 
 }  // namespace
 
-void CardTest::SetUp() {
-    std::string name = (fs::temp_directory_path() / "card-test-XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    root_ = name;
-    card_ = root_ / "card.toml";
-    state_ = root_ / "state";
-    set_sanitizer_options();
-}
-
 void CardTest::TearDown() {
     for (const Result &result : results_) {
         EXPECT_FALSE(result.timed_out) << result.out << result.err;
@@ -70,7 +60,6 @@ void CardTest::TearDown() {
         std::cout << "---- the last scripts\n";
         for (const std::string &line : last_lines(state_ / "scripts.log")) std::cout << line << "\n";
     }
-    fs::remove_all(root_);
 }
 
 void CardTest::describe_text(const std::string &text) {

@@ -12,6 +12,7 @@
 
 #include "card_records.h"
 #include "card_text.h"
+#include "files.h"
 #include "subprocess.h"
 
 namespace card_tests {
@@ -23,7 +24,7 @@ inline constexpr std::chrono::seconds usual_limit{60};
 
 class CardTest : public testing::Test {
   protected:
-    void SetUp() override;
+    void SetUp() override { set_sanitizer_options(); }
     /// Complains of anything that a sanitizer or the card found; shows the log of a test that failed.
     void TearDown() override;
 
@@ -61,9 +62,10 @@ class CardTest : public testing::Test {
     /// "IoFpga 0": the regions in the order in which they were planned, with their queue numbers.
     std::vector<std::string> plan() const;
 
-    std::filesystem::path root_;
-    std::filesystem::path card_;
-    std::filesystem::path state_;
+    const TemporaryDirectory directory_{"card-test"};
+    const std::filesystem::path root_ = directory_.path();
+    const std::filesystem::path card_ = root_ / "card.toml";
+    const std::filesystem::path state_ = root_ / "state";
 
   private:
     Result run(const std::vector<std::string> &arguments);

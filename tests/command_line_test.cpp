@@ -4,10 +4,8 @@
 
 using namespace card_tests;
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 
 namespace {
@@ -159,11 +157,6 @@ TEST_F(CommandLine, AnOptionWithoutItsArgumentIsNoCommand) {
 
 // ---- run level
 
-TEST_F(CommandLine, ABootTimeRunSetsTheFlagBeforeAnythingElse) {
-    EXPECT_EQ(tool({"-c", "get_config"}).status, 0);
-    EXPECT_THAT(texts(calls()), ElementsAre("brd_sb_attribute_flag_set value=1 -> 0", get_config_call));
-}
-
 TEST_F(CommandLine, ABackendRunSetsNoFlag) {
     EXPECT_EQ(tool({"-b", "-c", "get_config"}).status, 0);
     EXPECT_EQ(tool({"-c", "get_config", "-b"}).status, 0);
@@ -190,19 +183,6 @@ TEST_F(CommandLine, ShowsTheStoredConfiguration) {
         describe_card(std::string("auto_upgrade = ") + stored);
         expect_answer(tool({"-c", "get_config"}), 0, std::string("Auto FPD Upgrade Config is ") + name + "\n");
     }
-}
-
-TEST_F(CommandLine, LogsThatAutoUpgradeIsNotEnabled) {
-    describe_card("auto_upgrade = 2");
-    tool({"-b", "-c", "get_config"});
-    EXPECT_THAT(texts(log()),
-                ElementsAre("[FPD] [INFO] [AutoFpdUpgCfgNotEna] Auto FPD Upgrade is not enabled on the system"));
-    EXPECT_EQ(log().front().file, "brd_intf_auto_fpd_upgrade_config");
-}
-
-TEST_F(CommandLine, AnEnabledConfigurationIsNotWorthALine) {
-    tool({"-b", "-c", "get_config"});
-    EXPECT_THAT(log(), IsEmpty());
 }
 
 TEST_F(CommandLine, ChangesTheConfiguration) {

@@ -6,19 +6,11 @@
 
 namespace fs = std::filesystem;
 using namespace card_tests;
-using testing::AllOf;
-using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 namespace {
-
-const std::string start_command = "timeout 5m /usr/sbin/check-flash start obfl";
-const std::string stop_command = "timeout 30s /usr/sbin/check-flash stop obfl";
 
 class FlashLog : public CardTest {
   protected:
@@ -31,13 +23,6 @@ class FlashLog : public CardTest {
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.out, "Auto FPD Upgrade done\n");
     }
-    std::vector<std::string> flash_commands() const {
-        std::vector<std::string> commands;
-        for (const std::string &line : scripts()) {
-            if (line.starts_with("/usr/sbin/check-flash")) commands.push_back(line);
-        }
-        return commands;
-    }
     fs::path temporary_file() const { return state_ / "log/fpd_obfl_log.txt"; }
 };
 
@@ -46,65 +31,6 @@ const std::vector<std::string> whole_run = {
     "FPD 'IoFpga' Started to upgrade version 1.1.0",
     "FPD 'IoFpga' Upgraded to version 1.1.0",
 };
-
-TEST_F(FlashLog, AFlashThatIsMountedAlready) {
-    describe_flash("mounted = true");
-    upgrade();
-    EXPECT_EQ(flash_log(), whole_run);
-    EXPECT_FALSE(fs::exists(temporary_file()));
-    EXPECT_THAT(flash_commands(), IsEmpty());
-    EXPECT_THAT(errors(), IsEmpty());
-    EXPECT_THAT(tagged("ObflMountPointExist"), testing::SizeIs(1));
-}
-
-TEST_F(FlashLog, AFlashThatTheRunMounts) {
-    describe_flash("mount_time = 0.5", 10);
-    upgrade();
-    EXPECT_EQ(flash_log(), whole_run);
-    EXPECT_FALSE(fs::exists(temporary_file()));
-    EXPECT_THAT(flash_commands(),
-                ElementsAre("/usr/sbin/check-flash 'start' 'obfl'", "/usr/sbin/check-flash 'stop' 'obfl'"));
-    EXPECT_THAT(texts(of_function(calls(), "exec_shell_command")),
-                AllOf(Contains("exec_shell_command command=\"" + start_command + "\" -> 0"),
-                      Contains("exec_shell_command command=\"" + stop_command + "\" -> 0")));
-    EXPECT_THAT(errors(), IsEmpty());
-    EXPECT_THAT(messages(tagged("ObflMountThreadHdlr")), ElementsAre("OBFL Mount Thread Hanlder"));
-    EXPECT_THAT(messages(tagged("ObflOperCmd")),
-                ElementsAre("Executed OBFL Flashoperation command '" + start_command + "' output ''",
-                            "Executed OBFL Flashoperation command '" + stop_command + "' output ''"));
-}
-
-TEST_F(FlashLog, AFlashThatIsSlowerThanTheRun) {
-    describe_flash("mount_time = 25.0");
-    upgrade();
-    EXPECT_EQ(flash_log(), whole_run);
-    EXPECT_FALSE(fs::exists(temporary_file()));
-    EXPECT_THAT(flash_commands(),
-                ElementsAre("/usr/sbin/check-flash 'start' 'obfl'", "/usr/sbin/check-flash 'stop' 'obfl'"));
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(FlashLog, AFlashThatCannotBeMounted) {
-    describe_flash("mount_fails = true\nmount_time = 0.5");
-    upgrade();
-    EXPECT_EQ(temporary_flash_log(), whole_run);
-    EXPECT_FALSE(fs::exists(flash_file(1)));
-    EXPECT_THAT(flash_commands(), ElementsAre("/usr/sbin/check-flash 'start' 'obfl'"));
-    EXPECT_THAT(errors(),
-                ElementsAre(StartsWith("[FPD] [ERROR] [ObflOperCmdFail] command '" + start_command + "' exited with 1"),
-                            StartsWith("[FPD] [ERROR] [ObflMountThreadHdlrFlashOperFail] Failed to mount OBFL "
-                                       "Flash, error '")));
-}
-
-TEST_F(FlashLog, AFlashThatCannotBeUnmounted) {
-    describe_flash("unmount_fails = true\nmount_time = 0.5");
-    upgrade();
-    EXPECT_EQ(flash_log(), whole_run);
-    EXPECT_THAT(errors(),
-                ElementsAre(StartsWith("[FPD] [ERROR] [ObflOperCmdFail] command '" + stop_command + "' exited with 1"),
-                            StartsWith("[FPD] [ERROR] [ObflFlushFlashOperFail] Failed to unmount OBFL Flash, "
-                                       "error '")));
-}
 
 TEST_F(FlashLog, TheFileOfTheHighestNumberIsContinued) {
     describe_flash("mounted = true");

@@ -1,14 +1,15 @@
 /// The order of things: every call of the closed libraries, every script and every line of both logs, thread by thread,
-/// against the sequence that is written down in order/.
-///
-/// In those files a line that begins with # explains what follows. <queue 1> is the address of a queue, the first one
-/// that was told of.
+/// against the sequence that is written down in order/, a file for each run. order/README.md tells how to read and to
+/// change them.
 
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <stdexcept>
 
 #include "card_test.h"
+#include "comparison_record.h"
+#include "order_text.h"
 #include "order_trace.h"
 
 namespace fs = std::filesystem;
@@ -50,17 +51,23 @@ class Order : public CardTest {
         const std::vector<Step> steps = read_trace(trace());
         EXPECT_THAT(broken_causes(steps), IsEmpty());
         const std::string text = threads_text(promised_order(steps)) + end_text(result);
-        EXPECT_EQ(text, expectation(name));
+        const fs::path file = fs::path(ORDER_TEXTS) / (name + ".txt");
+        const std::vector<OrderEntry> order = read_order(file);
+        if (std::getenv("ORDER_UPDATE") != nullptr) {
+            write_file(file, updated_order(order, text));
+        } else {
+            if (text == compared_text(order)) put_on_record(result);
+            EXPECT_EQ(text, compared_text(order)) << "if this is right: ORDER_UPDATE=1, see order/README.md";
+        }
     }
 
   private:
     fs::path trace() const { return root_ / "trace"; }
-    static std::string expectation(const std::string &name) {
-        std::string text;
-        for (const std::string &line : lines_of(read_file(fs::path(ORDER_TEXTS) / (name + ".txt")))) {
-            if (!line.empty() && !line.starts_with('#')) text += line + "\n";
-        }
-        return text;
+    /// For the message catalogue: they were compared whole.
+    static void put_on_record(const Result &result) {
+        if (!catalogue::recording()) return;
+        catalogue::record({"stdout", result.out});
+        catalogue::record({"stderr", result.err});
     }
     static std::string end_text(const Result &result) {
         std::string text = "== exit status " + std::to_string(result.status) + "\n";

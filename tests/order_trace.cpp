@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "card_records.h"
-#include "subprocess.h"
+#include "files.h"
 
 namespace fs = std::filesystem;
 

@@ -9,7 +9,6 @@
 using namespace card_tests;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
@@ -56,85 +55,14 @@ Region hanging(const std::string &name, const std::string &fault) {
     return {.name = name, .keys = "activation = 5\n" + duration(10), .tables = fault};
 }
 
-/// Case 9. One part never reports, one falls silent half-way; both are ended, tried again and given up, and the part
-/// beside them is upgraded.
-TEST_F(Supervision, SilentWorkersAreEndedTriedAgainAndGivenUp) {
-    describe({.tables = flash,
-              .fpds = fpd(10, {hanging("Mute", region_fault("hang")),
+/// One part never reports, one falls silent half-way; both are ended, tried again and given up.
+TEST_F(Supervision, SilentWorkersAreEndedWhenTheirTimeIsUpAndNoEarlier) {
+    describe({.fpds = fpd(10, {hanging("Mute", region_fault("hang")),
                                hanging("Halfway", region_fault("hang", "at = 50")), hanging("Sound", "")})});
     upgrade();
-    EXPECT_EQ(state().region("Mute").programmed, "1.0.0");
-    EXPECT_EQ(state().region("Halfway").programmed, "1.0.0");
-    EXPECT_EQ(state().region("Sound").programmed, "1.1.0");
-    EXPECT_THAT(upgrades_of("Mute"), ElementsAre("begin", "-> cancelled", "begin", "-> cancelled"));
-    EXPECT_THAT(upgrades_of("Halfway"), ElementsAre("begin", "-> cancelled", "begin", "-> cancelled"));
-
     expect_time_outs("ChkFpdUpgStartedMaxTransTimeOut", "'FPD Upgrade Started'", 60'000'000 / fast, 2);
     expect_time_outs("ChkFpdUpgProgressingMaxTransTimeOut", "'FPD Upgrade Progressing'", 180'000'000 / fast, 2);
     EXPECT_THAT(tagged("ChkFpdUpgScheduleMaxTransTimeOut"), IsEmpty());
-    EXPECT_THAT(messages(tagged("ChkFpdUpgStartedTransRetry")),
-                ElementsAre("FPD Mute would be queued to upgrade upg_retry 1"));
-    EXPECT_THAT(messages(tagged("ChkFpdUpgProgressingTransRetry")),
-                ElementsAre("FPD Halfway would be queued to upgrade upg_retry 1"));
-    EXPECT_THAT(
-        messages(tagged("FpdUpgProgressCheckStartedFail")),
-        ElementsAre(StartsWith("Checking FPD Mute upgrade start failed error FPD Mute Upgrade stuck in the state "
-                               "'FPD Upgrade Started' since ")));
-    EXPECT_THAT(
-        messages(tagged("FpdUpgProgressCheckProgressFail")),
-        ElementsAre(StartsWith("Checking FPD Halfway upgrade progressing failed error FPD Halfway Upgrade stuck")));
-    EXPECT_THAT(errors(), SizeIs(6));
-
-    EXPECT_THAT(events(),
-                Contains("error: Auto FPD Upgrade worker started stuck forever and killing for 'Mute'").Times(2));
-    EXPECT_THAT(
-        events(),
-        Contains("error: Auto FPD Upgrade worker stuck progressing 50 forever and killing for 'Halfway'").Times(2));
-    EXPECT_THAT(events(), Contains("warning: Auto FPD Upgrade retrying for 'Mute'"));
-    EXPECT_THAT(flash_log(),
-                Contains("FPD 'Mute' Canceling the upgrade to version 1.1.0 since worked not started within "
-                         "stipulated time")
-                    .Times(2));
-    EXPECT_THAT(flash_log(),
-                Contains("FPD 'Halfway' Canceling the upgrade to version 1.1.0 since no progress made after "
-                         "50% within stipulated time")
-                    .Times(2));
-    EXPECT_THAT(messages(tagged("UpdateFpdTransitionState")),
-                Contains(HasSubstr(
-                    "FPD Halfway transitioning state from 'FPD Upgrade Progressing' to 'FPD Can't be Upgraded'")));
-}
-
-/// Case 9, without the faults.
-TEST_F(Supervision, NobodyIsEndedWhoReports) {
-    describe({.tables = flash, .fpds = fpd(10, {hanging("Mute", ""), hanging("Halfway", ""), hanging("Sound", "")})});
-    upgrade();
-    EXPECT_THAT(errors(), IsEmpty());
-    EXPECT_THAT(flash_log(), SizeIs(9));
-    EXPECT_EQ(state().region("Mute").programmed, "1.1.0");
-    EXPECT_EQ(state().region("Halfway").programmed, "1.1.0");
-}
-
-/// Case 10. A part that hangs once is upgraded by its retry.
-TEST_F(Supervision, AHangThatIsOvercome) {
-    describe({.tables = flash, .fpds = fpd(10, {hanging("Once", region_fault("hang", "attempt = 1"))})});
-    upgrade();
-    EXPECT_EQ(state().region("Once").programmed, "1.1.0");
-    EXPECT_THAT(upgrades_of("Once"), ElementsAre("begin", "-> cancelled", "begin", "-> 0"));
-    EXPECT_THAT(
-        events_but_progress(),
-        ElementsAre("started: Auto FPD Upgrade Operation Started", "warning: Auto FPD Upgrade started for 'Once'",
-                    "error: Auto FPD Upgrade worker started stuck forever and killing for 'Once'",
-                    "warning: Auto FPD Upgrade retrying for 'Once'", "warning: Auto FPD Upgrade completed for 'Once'",
-                    "ended: Auto FPD Upgrade Operation Ended"));
-    EXPECT_THAT(flash_log(), Contains("FPD 'Once' Upgraded to version 1.1.0"));
-}
-
-TEST_F(Supervision, AFailureBehindAHangIsFinal) {
-    describe({.fpds = fpd(10, {hanging("Cursed", region_fault("hang", "attempt = 1") +
-                                                     region_fault("fail", "attempt = 2\ncode = 5"))})});
-    upgrade();
-    EXPECT_THAT(upgrades_of("Cursed"), ElementsAre("begin", "-> cancelled", "begin", "-> 5"));
-    EXPECT_THAT(messages(tagged("FpdUpgResponseFailed")), SizeIs(1));
 }
 
 /// A limit is measured from the latest report: 240 s in all, no two reports further apart than 40 s.
@@ -196,14 +124,6 @@ TEST_F(Supervision, DeafWorkersAreGivenUp) {
     EXPECT_THAT(flash_log(), Not(Contains(StartsWith("FPD 'Deaf' Upgraded"))));
     EXPECT_THAT(flash_log(), Contains("FPD 'Long' Upgraded to version 1.1.0"));
     EXPECT_THAT(tagged("FpdUpgResponseDone"), SizeIs(1));
-}
-
-/// Cases 11 to 13, without the fault.
-TEST_F(Supervision, WithoutALateWorkerNoReportIsDropped) {
-    describe({.fpds = fpd(10, {{.name = "Late", .keys = duration(40)}, {.name = "Long", .keys = duration(60)}})});
-    upgrade();
-    EXPECT_THAT(errors(), IsEmpty());
-    EXPECT_THAT(tagged("FpdUpgResponseProgress"), SizeIs(20));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <map>
 
 #include "comparison_record.h"
+#include "files.h"
 #include "message_catalogue.h"
 #include "subprocess.h"
 #include "text_match.h"
@@ -23,28 +24,15 @@ namespace {
 
 // What the tests put on record ----------------------------------------------------------------------------------------
 
-/// Removed with the object.
-struct TemporaryDirectory {
-    TemporaryDirectory() {
-        std::string pattern = fs::temp_directory_path() / "catalogue_tests.XXXXXX";
-        if (mkdtemp(pattern.data())) path = pattern;
-    }
-    ~TemporaryDirectory() { fs::remove_all(path); }
-    TemporaryDirectory(const TemporaryDirectory &) = delete;
-    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
-
-    fs::path path;
-};
-
 using Entries = std::vector<std::vector<std::string>>;
 
 /// Runs the tests of the program, which all have to pass, and gives their record.
 Entries record_of(const std::string &program, const std::string &filter) {
-    const TemporaryDirectory directory;
-    const fs::path record = directory.path / "record";
+    const card_tests::TemporaryDirectory directory("catalogue-tests");
+    const fs::path record = directory.path() / "record";
     setenv(record_variable, record.c_str(), 1);
     const card_tests::Result result = card_tests::run_program({program, "--gtest_brief=1", "--gtest_filter=" + filter},
-                                                              directory.path, std::chrono::seconds(540));
+                                                              directory.path(), std::chrono::seconds(540));
     unsetenv(record_variable);
     EXPECT_EQ(result.status, 0) << result.out << result.err;
     return read_record(record);

@@ -18,11 +18,11 @@
 #include <vector>
 
 #include "check.h"
+#include "files.h"
 #include "happenings.h"
 #include "model.h"
 #include "observation.h"
 #include "shrink.h"
-#include "subprocess.h"
 
 namespace fs = std::filesystem;
 
@@ -63,27 +63,10 @@ struct Totals {
     std::mutex lock;
 };
 
-/// A directory for the cards at work, which goes with it.
-class Workshop {
-  public:
-    Workshop() {
-        // Thousands of small files come and go here: in memory where there is such a place.
-        const fs::path parent = fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path();
-        std::string name = (parent / "card-properties-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        path_ = name;
-    }
-    Workshop(const Workshop &) = delete;
-    Workshop &operator=(const Workshop &) = delete;
-    ~Workshop() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    const fs::path &path() const { return path_; }
-
-  private:
-    fs::path path_;
-};
+/// Where the cards at work go: thousands of small files come and go, in memory where there is such a place.
+fs::path workshop_place() {
+    return fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path();
+}
 
 double seconds_since(Clock::time_point begun) {
     return std::chrono::duration<double>(Clock::now() - begun).count();
@@ -241,7 +224,7 @@ int main(int argc, char **argv) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, note_signal);
     try {
         card_tests::set_sanitizer_options();
-        const Workshop workshop;
+        const card_tests::TemporaryDirectory workshop("card-properties", workshop_place());
         Totals totals;
         Progress progress(options.cards);
         run_all(options, workshop.path(), totals, progress);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "card_records.h"
+#include "files.h"
 #include "subprocess.h"
 
 namespace fs = std::filesystem;

@@ -9,6 +9,7 @@
 
 #include "check.h"
 #include "facts.h"
+#include "files.h"
 #include "happenings.h"
 #include "model.h"
 #include "random_card.h"
@@ -140,17 +141,15 @@ TEST(Generator, ReachesEverythingThatMustHappen) {
 }
 
 TEST(Generator, WritesCardsThatTheSimulatorTakes) {
-    std::string name = (fs::temp_directory_path() / "random-card-XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    const card_tests::TemporaryDirectory directory("random-card");
     for (uint64_t seed = 1; seed <= 60; ++seed) {
-        const fs::path file = fs::path(name) / "card.toml";
+        const fs::path file = directory.path() / "card.toml";
         const Card card = random_card(seed);
         card_tests::write_file(file, card_toml(card, predict(card).marker_before));
-        const auto shown =
-            card_tests::run_program({CARDSIM_COMMAND, "show", file.string()}, name, std::chrono::seconds(20));
+        const auto shown = card_tests::run_program({CARDSIM_COMMAND, "show", file.string()}, directory.path(),
+                                                   std::chrono::seconds(20));
         EXPECT_EQ(shown.status, 0) << "seed " << seed << ": " << shown.err;
     }
-    fs::remove_all(name);
 }
 
 TEST(Generator, WritesTheMarkerForTheShell) {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-struct LocalCard;
+#include "local_card.h"
 
 /// Divides every period and limit of the run; 0 counts as 1. For the platform to set.
 extern "C" [[gnu::visibility("default")]] std::uint32_t bootup_fpd_time_div;
@@ -20,7 +20,7 @@ std::uint32_t progressing_limit();
 
 /// Carries out the planned upgrade, and in a boot-time run asks for the reload it needs. Returns 0 once the upgrade was
 /// begun, whatever becomes of single FPDs; else the failed marker operation's code.
-int run_fpd_upgrade(LocalCard &card, unsigned run_level);
+int run_fpd_upgrade(LocalCard &card, RunLevel run_level);
 
 /// Receives and handles the workers' reports until there are none, or a malformed one. A flood of them ends after one
 /// supervision period, but not before all that were sent when it began.

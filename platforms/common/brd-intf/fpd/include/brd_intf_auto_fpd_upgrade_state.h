@@ -82,36 +82,6 @@ struct Fpd {
 };
 static_assert(std::is_trivial_v<Fpd>, "taken with calloc");
 
-static_assert(sizeof(FpdVersion) == 6 && offsetof(FpdVersion, kind) == 0 && offsetof(FpdVersion, major) == 1 &&
-              offsetof(FpdVersion, minor) == 2 && offsetof(FpdVersion, debug) == 4);
-
-static_assert(sizeof(BrdFpdRegion) == 104 && offsetof(BrdFpdRegion, name) == 1);
-
-static_assert(sizeof(BrdFpdInfo) == 256);
-static_assert(offsetof(BrdFpdInfo, name) == 0 && sizeof(BrdFpdInfo::name) == 64);
-static_assert(offsetof(BrdFpdInfo, running_major) == 64 && offsetof(BrdFpdInfo, running_minor) == 66 &&
-              offsetof(BrdFpdInfo, running_debug) == 68);
-static_assert(offsetof(BrdFpdInfo, programmed_major) == 70 && offsetof(BrdFpdInfo, programmed_minor) == 72 &&
-              offsetof(BrdFpdInfo, programmed_debug) == 74);
-static_assert(offsetof(BrdFpdInfo, upgrade_type) == 76 && offsetof(BrdFpdInfo, activation_kind) == 77 &&
-              offsetof(BrdFpdInfo, initial_seq) == 78 && offsetof(BrdFpdInfo, info_flag) == 82);
-
-static_assert(sizeof(FpdDescRequest) == 56);
-static_assert(offsetof(FpdDescRequest, board_type) == 0 && offsetof(FpdDescRequest, hw_version) == 4 &&
-              offsetof(FpdDescRequest, programmed_version) == 10 && offsetof(FpdDescRequest, running_version) == 16);
-static_assert(offsetof(FpdDescRequest, name) == 22 && sizeof(FpdDescRequest::name) == 17);
-static_assert(offsetof(FpdDescRequest, info_flag) == 39 && offsetof(FpdDescRequest, magic) == 44 &&
-              offsetof(FpdDescRequest, version) == 48 && offsetof(FpdDescRequest, upgrade_type) == 52);
-
-static_assert(sizeof(FpdDesc) == 576);
-static_assert(offsetof(FpdDesc, dependency) == 0 && sizeof(FpdDesc::dependency) == 17);
-static_assert(offsetof(FpdDesc, image) == 17 && sizeof(FpdDesc::image) == 255);
-static_assert(offsetof(FpdDesc, md5) == 272 && sizeof(FpdDesc::md5) == 255);
-static_assert(offsetof(FpdDesc, need_upgrade) == 527 && offsetof(FpdDesc, packaged_version) == 528 &&
-              offsetof(FpdDesc, status_msg) == 536 && offsetof(FpdDesc, status) == 544);
-static_assert(offsetof(FpdDesc, magic) == 556 && offsetof(FpdDesc, version) == 560 &&
-              offsetof(FpdDesc, minimum_version) == 564);
-
 /// Stores major, minor and debug (not the kind) in `out` and returns it; null, with `out` untouched, when one of them
 /// is out of its range (255, 65535, 255).
 FpdVersion *fpd_version_make(std::uint32_t major, std::uint32_t minor, std::uint32_t debug, FpdVersion *out);

@@ -6,6 +6,7 @@
 #ifndef BRD_PLATFORM_ACCESS_H
 #define BRD_PLATFORM_ACCESS_H
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -18,6 +19,7 @@ typedef struct BrdFpdRegion {
     uint8_t reserved0;
     char name[103]; /* NUL-terminated */
 } BrdFpdRegion;
+static_assert(sizeof(BrdFpdRegion) == 104 && offsetof(BrdFpdRegion, name) == 1, "filled by the library");
 
 /// What the platform knows of one FPD region; 256 bytes, of which those from 83 on belong to the library.
 typedef struct BrdFpdInfo {
@@ -35,6 +37,13 @@ typedef struct BrdFpdInfo {
     uint8_t info_flag; /* handed on to the FPD description library as it is */
     uint8_t reserved83[173];
 } BrdFpdInfo;
+static_assert(sizeof(BrdFpdInfo) == 256 && offsetof(BrdFpdInfo, running_major) == 64 &&
+                  offsetof(BrdFpdInfo, running_minor) == 66 && offsetof(BrdFpdInfo, running_debug) == 68 &&
+                  offsetof(BrdFpdInfo, programmed_major) == 70 && offsetof(BrdFpdInfo, programmed_minor) == 72 &&
+                  offsetof(BrdFpdInfo, programmed_debug) == 74 && offsetof(BrdFpdInfo, upgrade_type) == 76 &&
+                  offsetof(BrdFpdInfo, activation_kind) == 77 && offsetof(BrdFpdInfo, initial_seq) == 78 &&
+                  offsetof(BrdFpdInfo, info_flag) == 82,
+              "filled by the library");
 
 /// One upgrade of one region; 600 bytes. Valid for the length of the brd_fpd_upgrade call.
 typedef struct BrdFpdUpgradeRequest {
@@ -46,6 +55,10 @@ typedef struct BrdFpdUpgradeRequest {
     char file_name[256];
     uint8_t reserved536[64];
 } BrdFpdUpgradeRequest;
+static_assert(sizeof(BrdFpdUpgradeRequest) == 600 && offsetof(BrdFpdUpgradeRequest, context) == 8 &&
+                  offsetof(BrdFpdUpgradeRequest, progress) == 16 && offsetof(BrdFpdUpgradeRequest, directory) == 24 &&
+                  offsetof(BrdFpdUpgradeRequest, file_name) == 280,
+              "handed to the library");
 
 /// The identity of the card that the FRU hardware layer starts with; 104 bytes.
 typedef struct FruHwData {
@@ -59,6 +72,10 @@ typedef struct FruHwData {
     uint8_t valid; /* 1 */
     uint8_t reserved97[7];
 } FruHwData;
+static_assert(sizeof(FruHwData) == 104 && offsetof(FruHwData, hw_major) == 4 && offsetof(FruHwData, hw_minor) == 8 &&
+                  offsetof(FruHwData, pd_slot_num) == 12 && offsetof(FruHwData, card_pid) == 16 &&
+                  offsetof(FruHwData, board_type) == 80 && offsetof(FruHwData, valid) == 96,
+              "handed to the library");
 
 int brd_sb_attribute_flag_set(int value);
 int brd_local_card_group_id_get(uint32_t *group_id);

@@ -5,6 +5,7 @@
 #ifndef FPD_DESCRIPTION_H
 #define FPD_DESCRIPTION_H
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -41,6 +42,12 @@ typedef struct FpdDescRequest {
     uint8_t reserved49[3];
     uint32_t upgrade_type; /* requested: 0 regular, 1 manufacturing, 2 unlocks Golden, 3 dummy minor, 4 dummy major */
 } FpdDescRequest;
+static_assert(sizeof(FpdDescRequest) == 56 && offsetof(FpdDescRequest, hw_version) == 4 &&
+                  offsetof(FpdDescRequest, programmed_version) == 10 &&
+                  offsetof(FpdDescRequest, running_version) == 16 && offsetof(FpdDescRequest, name) == 22 &&
+                  offsetof(FpdDescRequest, info_flag) == 39 && offsetof(FpdDescRequest, magic) == 44 &&
+                  offsetof(FpdDescRequest, version) == 48 && offsetof(FpdDescRequest, upgrade_type) == 52,
+              "handed to the library");
 
 /// The answer; 576 bytes. The caller sets magic and version, the library the rest.
 typedef struct FpdDesc {
@@ -59,6 +66,12 @@ typedef struct FpdDesc {
     FpdVersion minimum_version; /* oldest running version from which an upgrade is supported */
     uint8_t reserved570[6];
 } FpdDesc;
+static_assert(sizeof(FpdDesc) == 576 && offsetof(FpdDesc, image) == 17 && offsetof(FpdDesc, md5) == 272 &&
+                  offsetof(FpdDesc, need_upgrade) == 527 && offsetof(FpdDesc, packaged_version) == 528 &&
+                  offsetof(FpdDesc, status_msg) == 536 && offsetof(FpdDesc, status) == 544 &&
+                  offsetof(FpdDesc, magic) == 556 && offsetof(FpdDesc, version) == 560 &&
+                  offsetof(FpdDesc, minimum_version) == 564,
+              "filled by the library");
 
 /// Capability bits of the FPD of this name on this board; cannot fail.
 uint32_t get_fpd_capability_info(const char *name, uint32_t board_type, FpdVersion hw_version);

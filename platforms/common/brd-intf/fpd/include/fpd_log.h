@@ -7,12 +7,8 @@
 #ifndef FPD_LOG_H
 #define FPD_LOG_H
 
-#include <cstdarg>
 #include <cstddef>
-#include <cstdio>
 #include <string_view>
-
-#include "os_owner.h"
 
 /// A module as its log lines show it: component word and base name of its source file, without the extension.
 struct LogModule {
@@ -65,26 +61,5 @@ void fpd_log_timestamp(char *buffer, std::size_t size);
 void clear_error(char *err_msg, std::size_t err_len);
 /// Ends a text that a closed library may have filled to the last byte. Null is allowed.
 void terminate_error(char *err_msg, std::size_t err_len);
-
-/// A text under construction, of any length; without memory for a long one it is cut, never lost.
-struct TextBuilder {
-    TextBuilder() = default;
-    TextBuilder(const TextBuilder &) = delete;
-    TextBuilder &operator=(const TextBuilder &) = delete;
-    [[gnu::format(printf, 2, 3)]] void add(const char *format, ...);
-    /// A format that printf refuses is added as it stands.
-    [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
-    void add_text(std::string_view text);
-    /// Adds the last characters of a line, which replace those before them when the text had to be cut.
-    void end_with(std::string_view ending);
-    /// What was added so far, without the NUL behind it; valid until more is added.
-    std::string_view view() const { return {text(), length}; }
-    const char *text() const { return grown ? grown.get() : small; }
-
-    char small[2048] = "";  // holds the text until it is too long
-    Allocated<char> grown;  // holds it from then on
-    std::size_t capacity = sizeof small;
-    std::size_t length = 0;  // characters, without the NUL
-};
 
 #endif

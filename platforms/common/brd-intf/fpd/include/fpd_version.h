@@ -2,6 +2,8 @@
 #ifndef FPD_VERSION_H
 #define FPD_VERSION_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 /// Kinds of a version. What this program makes is FPD_VERSION_NORMAL; the description library may return the others.
@@ -17,5 +19,8 @@ typedef struct FpdVersion {
     uint8_t debug;
     uint8_t reserved5;
 } FpdVersion;
+static_assert(sizeof(FpdVersion) == 6 && offsetof(FpdVersion, major) == 1 && offsetof(FpdVersion, minor) == 2 &&
+                  offsetof(FpdVersion, debug) == 4,
+              "handed to and from closed libraries");
 
 #endif

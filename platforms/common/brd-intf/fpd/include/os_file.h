@@ -18,9 +18,11 @@ auto uninterrupted(Call call) {
 }
 
 /// fopen, closed on exec: a child of the platform library must not keep a file of the flash in use, whose unmount would
-/// fail. A stream that is written has no buffer: what it could not write at once would be lost when a signal
-/// interrupts. Null with errno when the file cannot be opened.
-File open_file(const char *path, const char *mode);
+/// fail. Null with errno when the file cannot be opened.
+File open_to_read(const char *path);
+/// The same in fopen's `mode` "w" or "a", without a buffer: what could not be written at once would be lost when a
+/// signal interrupts.
+File open_to_write(const char *path, const char *mode);
 /// opendir; null with errno.
 Directory open_directory(const char *path);
 /// readdir; null at the end of the directory, or when it cannot be read on.

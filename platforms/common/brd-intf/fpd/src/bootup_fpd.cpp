@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,9 +11,10 @@
 #include "brd_intf_auto_fpd_upgrade_config.h"
 #include "brd_intf_auto_fpd_upgrade_handler.h"
 #include "brd_intf_auto_fpd_upgrade_init.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "brd_platform_access.h"
+#include "card_libraries.h"
 #include "fpd_log.h"
-#include "fpd_upgrade_cookie.h"
 #include "os_signal.h"
 
 namespace {
@@ -32,15 +32,15 @@ enum class Command {
 
 /// One run of the tool.
 struct Run {
-    unsigned run_level = run_level_boot;
+    RunLevel run_level = RunLevel::boot;
     Command command = Command::none;
-    int config_value = 0;  // of set_config
-    int mode_value = 0;    // of set_upgrade_mode, an UpgradeMode
-    int config = 0;        // as stored: 0 is disabled
+    int config_value{};  // of set_config
+    int mode_value{};    // of set_upgrade_mode, an UpgradeMode
+    int config{};        // as stored: 0 is disabled
     char err_msg[512] = "";
     // Stays with the process when the upgrade interface cannot be initialised.
     LocalCard *card = nullptr;
-    bool thread_hangs = false;  // one is still in the platform library
+    bool thread_hangs{};  // one is still in the platform library
 };
 
 constexpr int status_failed = -1;
@@ -155,7 +155,7 @@ Parsed parse_options(int argc, char **argv, Run &run) {
     bool error = false;
     for (int option; (option = getopt(argc, argv, "c:bh")) != -1;) {
         if (option == 'h') return Parsed::help;
-        if (option == 'b') run.run_level = run_level_backend;
+        if (option == 'b') run.run_level = RunLevel::backend;
         if (option == 'c' && !error) error = !parse_command(optarg, run);
     }
     return error || run.command == Command::none ? Parsed::error : Parsed::run;
@@ -164,11 +164,7 @@ Parsed parse_options(int argc, char **argv, Run &run) {
 // Configuration commands ------------------------------------------------------------------------------------------
 
 int set_config(Run &run) {
-    clear_error(run.err_msg, sizeof run.err_msg);
-    const int rc =
-        brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config(run.config_value, run.err_msg, sizeof run.err_msg);
-    terminate_error(run.err_msg, sizeof run.err_msg);
-    if (rc != 0) {
+    if (card_auto_upgrade_set(run.config_value, run.err_msg, sizeof run.err_msg) != 0) {
         std::fprintf(stderr, "Setting Auto FPD Upgrade configuration is failed, %s\n", run.err_msg);
         return status_failed;
     }
@@ -179,27 +175,23 @@ int set_config(Run &run) {
 
 /// Reads the stored mode, or complains and returns the store's code.
 int read_upgrade_mode(Run &run, int &mode) {
-    clear_error(run.err_msg, sizeof run.err_msg);
-    const int rc = brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, run.err_msg, sizeof run.err_msg);
-    terminate_error(run.err_msg, sizeof run.err_msg);
+    const int rc = card_upgrade_mode_get(mode, run.err_msg, sizeof run.err_msg);
     if (rc != 0) std::fprintf(stderr, "Getting FPD Upgrade Mode failed, %s\n", run.err_msg);
     return rc;
 }
 
 int get_upgrade_mode(Run &run) {
-    int mode = 0;
+    int mode;
     const int rc = read_upgrade_mode(run, mode);
     if (rc == 0) std::printf("FPD Upgrade Mode: %s\n", mode_name(mode));
     return rc;
 }
 
 int set_upgrade_mode(Run &run) {
-    int old_mode = 0;
+    int old_mode;
     int rc = read_upgrade_mode(run, old_mode);
     if (rc != 0) return rc;
-    clear_error(run.err_msg, sizeof run.err_msg);
-    rc = brd_intf_fpd_upgrade_cookie_set_upgrade_mode(run.mode_value, run.err_msg, sizeof run.err_msg);
-    terminate_error(run.err_msg, sizeof run.err_msg);
+    rc = card_upgrade_mode_set(run.mode_value, run.err_msg, sizeof run.err_msg);
     if (rc != 0) {
         std::fprintf(stderr, "Setting FPD Upgrade Mode is failed, %s\n", run.err_msg);
         return rc;
@@ -271,6 +263,8 @@ int card_command(Run &run) {
         return card_command_failed("Interface Init", run.err_msg);
     const int result = run_command_on_card(run);
     const int rc = interface_deinit(*run.card, run.err_msg, sizeof run.err_msg);
+    // Also when the queue could not be removed.
+    release_retired_workers(*run.card);
     run.thread_hangs = run.card->hanging_threads != 0;
     if (rc != 0) return card_command_failed("Interface Deinit", run.err_msg);
     if (context_deinit(&run.card, run.err_msg, sizeof run.err_msg) != 0)
@@ -310,7 +304,7 @@ int bootup_fpd(int argc, char **argv, Run &run) {
         std::printf(usage_format, argv[0]);
         return parsed == Parsed::help ? 0 : status_failed;
     }
-    if (run.run_level == run_level_boot) brd_sb_attribute_flag_set(attribute_flag_boot);
+    if (run.run_level == RunLevel::boot) brd_sb_attribute_flag_set(attribute_flag_boot);
     if (platform_interface_init() != 0) {
         std::fprintf(stderr, "Init Auto FPD Upgrade interface library\n");
         return status_failed;
@@ -326,7 +320,7 @@ int bootup_fpd(int argc, char **argv, Run &run) {
 /// would then be written our answers.
 void open_closed_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
-        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF) open("/dev/null", O_RDWR);
+        if (fcntl(fd, F_GETFD) == -1) open("/dev/null", O_RDWR);
 }
 
 // Before the libraries' constructors, which may open something.

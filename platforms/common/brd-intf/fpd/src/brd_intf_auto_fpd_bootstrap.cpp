@@ -34,10 +34,10 @@ int file_not_found(const char *tag, int error) {
 
 /// The boot environment may still be writing the file when the card comes up.
 File open_with_retries() {
-    File file = open_file(bootstrap_file, "r");
+    File file = open_to_read(bootstrap_file);
     for (int i = 0; !file && i < open_retries; ++i) {
         sleep_for(open_retry_period);
-        file = open_file(bootstrap_file, "r");
+        file = open_to_read(bootstrap_file);
     }
     return file;
 }

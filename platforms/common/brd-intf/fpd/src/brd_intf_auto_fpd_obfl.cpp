@@ -13,10 +13,11 @@
 #include <cstring>
 #include <ctime>
 
+#include "card_libraries.h"
 #include "fpd_log.h"
-#include "fpd_utility.h"
 #include "os_file.h"
 #include "os_thread.h"
+#include "text_builder.h"
 
 namespace {
 
@@ -24,13 +25,13 @@ constexpr LogModule here{"FPD", __FILE__};
 
 constexpr const char *flash_directory = "/mnt/obfl";
 constexpr const char *temporary_log = "/var/log/fpd_obfl_log.txt";
+constexpr const char *mountpoint_command = "mountpoint /mnt/obfl";
 constexpr const char *mount_command = "timeout 5m /usr/sbin/check-flash start obfl";
 constexpr const char *unmount_command = "timeout 30s /usr/sbin/check-flash stop obfl";
 // The unescaped '.' matches any character: files named so before are still found.
 constexpr const char *log_file_pattern = "^fpd_local_log_([0-9]+).txt$";
 
 constexpr std::size_t error_size = 256;
-constexpr std::size_t output_size = 256;
 constexpr std::size_t copy_chunk_size = 256;
 constexpr std::size_t timestamp_size = 32;
 
@@ -108,7 +109,7 @@ void forget_flash() {
 /// Stores the path of a file on the flash as the latest file; false when it does not fit.
 bool set_latest_file(const char *name) {
     const int length = std::snprintf(context.latest_file, sizeof context.latest_file, "%s/%s", flash_directory, name);
-    if (length >= 0 && static_cast<std::size_t>(length) < sizeof context.latest_file) return true;
+    if (fits(length, sizeof context.latest_file)) return true;
     context.latest_file[0] = '\0';
     return false;
 }
@@ -154,7 +155,6 @@ int parse_file_number(const LogFileRegex &regex, const char *name, std::uint32_t
     const int rc = regexec(&regex.compiled, name, std::size(matches), matches, 0);
     if (rc != 0) return regex_failed(EINVAL, rc, regex, err_msg, err_len);
     const regmatch_t &group = matches[1];
-    if (group.rm_so < 0) return EINVAL;
     *number = number_from(name + group.rm_so, name + group.rm_eo);
     return 0;
 }
@@ -186,7 +186,7 @@ void fpd_obfl_timestamp(char *buffer, std::size_t size) {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    if (std::strftime(buffer, size, "%F %T %Z", &local) == 0) buffer[0] = '\0';
+    if (!std::strftime(buffer, size, "%F %T %Z", &local)) buffer[0] = '\0';
 }
 
 const char *GetFpdObflLogFilename() {
@@ -231,12 +231,9 @@ int obfl_flash_operation(int op, char *err_msg, std::size_t err_len) {
         return fail({here, "ObflUnknownOperation"}, EOPNOTSUPP, err_msg, err_len, "OBFL Flash Unknown Operation %d",
                     op);
     const char *const command = op == 1 ? mount_command : unmount_command;
-    char output[output_size] = "";
-    std::size_t output_len = 0;
-    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", command);
-    terminate_error(err_msg, err_len);
-    if (rc != 0) return pass_on({here, "ObflOperCmdFail"}, EOPNOTSUPP, "%s", err_msg);
-    output[sizeof output - 1] = '\0';
+    CommandOutput output;
+    if (run_command(command, output, err_msg, err_len) != 0)
+        return pass_on({here, "ObflOperCmdFail"}, EOPNOTSUPP, "%s", err_msg);
     log_debug({here, "ObflOperCmd"}, "Executed OBFL Flashoperation command '%s' output '%s'", command, output);
     return 0;
 }
@@ -253,18 +250,12 @@ void *obfl_mount_thread(void *) {
 }
 
 bool obfl_is_mounted(char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
-    char output[output_size] = "";
-    std::size_t output_len = 0;
-    const int rc =
-        exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "mountpoint %s", flash_directory);
-    terminate_error(err_msg, err_len);
-    if (rc != 0) {
+    CommandOutput output;
+    if (run_command(mountpoint_command, output, err_msg, err_len) != 0) {
         log_info({here, "ObflMountPointNotExist"}, "OBFL Flash mountpoint '%s' doesn't exist, '%s'", flash_directory,
                  err_msg);
         return false;
     }
-    output[sizeof output - 1] = '\0';
     log_info({here, "ObflMountPointExist"}, "OBFL Flash mountpoint '%s' exist, output '%s'", flash_directory, output);
     return true;
 }
@@ -302,8 +293,8 @@ int obfl_move_temp_log(char *err_msg, std::size_t err_len) {
     const char *flash_log = nullptr;
     int rc = obfl_latest_file_get(&flash_log, err_msg, err_len);
     if (rc != 0) return rc;
-    const File from = open_file(temporary_log, "r");
-    const File to = from ? open_file(flash_log, "a") : nullptr;
+    const File from = open_to_read(temporary_log);
+    const File to = from ? open_to_write(flash_log, "a") : nullptr;
     if (!from || !to) return fail_unlogged(EIO, err_msg, err_len, "open file, error '%s'", std::strerror(errno));
     rc = copy_stream(from.get(), to.get(), err_msg, err_len);
     if (rc == 0) unlink(temporary_log);

@@ -1,12 +1,13 @@
 #include "brd_intf_auto_fpd_upgrade_activate.h"
 
+#include <algorithm>
 #include <cerrno>
 
-#include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "brd_platform_access.h"
+#include "card_libraries.h"
 #include "fpd_log.h"
-#include "fpd_utility.h"
+#include "local_card.h"
 
 namespace {
 
@@ -38,33 +39,22 @@ ReloadType reload_type_needed(const LocalCard &card) {
     ReloadType needed = reload_none;
     for (const Fpd *fpd = card.queues.fpd_queue; fpd && needed != reload_reset_all; fpd = fpd->next) {
         if (fpd->state != FpdState::upgrade_done) continue;
-        const ReloadType asked = reload_type_of(fpd->info.activation_kind);
-        if (asked > needed) needed = asked;
+        needed = std::max(needed, reload_type_of(fpd->info.activation_kind));
     }
     return needed;
 }
 
 int set_boot_entry(char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
-    char output[256] = "";
-    std::size_t output_len = 0;
-    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len, "%s", boot_loader_command);
-    terminate_error(err_msg, err_len);
-    if (rc == 0) return 0;
+    if (run_command(err_msg, err_len, "%s", boot_loader_command) == 0) return 0;
     log_error({here, "AutoFpdActivateGrubRebootSetFail"}, "Auto FPD ACtivate GRUB Reboot setting failed error %s",
               err_msg);
     return -ENOSYS;
 }
 
 int reset_card(ReloadType reload_type, char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
-    char output[256] = "";
-    std::size_t output_len = 0;
-    const int rc = exec_shell_command(output, sizeof output, &output_len, err_msg, err_len,
-                                      "%s %s -r \"Auto FPD Upgrade activation\" -b %d", reset_script,
-                                      reload_type == reload_reset_all ? "-a" : "", reset_reason);
-    terminate_error(err_msg, err_len);
-    if (rc == 0) return 0;
+    if (run_command(err_msg, err_len, "%s %s -r \"Auto FPD Upgrade activation\" -b %d", reset_script,
+                    reload_type == reload_reset_all ? "-a" : "", reset_reason) == 0)
+        return 0;
     log_error({here, "AutoFpdUpgradeActivateFail"}, "Auto FPD Upgrade Activation failed error %s", err_msg);
     return -ENOSYS;
 }

@@ -14,12 +14,6 @@ namespace {
 
 constexpr LogModule here{"BRD", __FILE__};
 
-static_assert(sizeof(FruHwData) == 104);
-static_assert(offsetof(FruHwData, group_type) == 0 && offsetof(FruHwData, hw_major) == 4 &&
-              offsetof(FruHwData, hw_minor) == 8 && offsetof(FruHwData, pd_slot_num) == 12);
-static_assert(offsetof(FruHwData, card_pid) == 16 && sizeof(FruHwData::card_pid) == 64 &&
-              offsetof(FruHwData, board_type) == 80 && offsetof(FruHwData, valid) == 96);
-
 static_assert(std::size(group3_board_types) == 100);
 static_assert(std::size(group4_board_types) == 196);
 

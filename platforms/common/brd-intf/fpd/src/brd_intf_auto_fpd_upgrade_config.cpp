@@ -1,7 +1,7 @@
 #include "brd_intf_auto_fpd_upgrade_config.h"
 
+#include "card_libraries.h"
 #include "fpd_log.h"
-#include "fpd_upgrade_cookie.h"
 
 namespace {
 
@@ -11,10 +11,8 @@ constexpr LogModule here{"FPD", __FILE__};
 
 int get_auto_fpd_upgrade_config(int &enabled, char *err_msg, std::size_t err_len) {
     enabled = 1;
-    clear_error(err_msg, err_len);
-    int value = 0;
-    const int rc = brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config(&value, err_msg, err_len);
-    terminate_error(err_msg, err_len);
+    int value;
+    const int rc = card_auto_upgrade_get(value, err_msg, err_len);
     if (rc != 0) {
         log_error({here, "BrdIntfFpdUpgCfg"}, "BRD interface auto FPD upgrade config get failed err_msg %s", err_msg);
         return rc;

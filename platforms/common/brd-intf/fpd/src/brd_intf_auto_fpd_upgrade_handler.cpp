@@ -17,11 +17,12 @@
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "brd_intf_events_fpd.h"
+#include "card_libraries.h"
 #include "fpd_log.h"
-#include "fpd_utility.h"
 #include "os_file.h"
 #include "os_signal.h"
 #include "os_time.h"
+#include "worker_msg.h"
 
 std::uint32_t bootup_fpd_time_div = 1;
 
@@ -33,6 +34,7 @@ constexpr LogModule here{"FPD", __FILE__};
 constexpr std::size_t error_size = 256;
 // The mount command is ended after five minutes of real time, whatever divides the times of the run.
 constexpr std::int64_t flash_mount_limit = 360'000'000;  // µs
+constexpr std::uint32_t shortest_look_period = 1'000;    // µs
 constexpr const char *watchdog_script = "/usr/local/etc/punch-watchdog-once.sh";
 
 std::uint32_t scaled(std::uint32_t microseconds) {
@@ -67,7 +69,6 @@ namespace {
 
 /// Receives one report without waiting; false when there is none, or what there is is malformed.
 bool receive_report(int mq, WorkerMsg &msg) {
-    std::memset(&msg, 0, sizeof msg);
     const ssize_t size =
         uninterrupted([&] { return mq_receive(mq, reinterpret_cast<char *>(&msg), sizeof msg, nullptr); });
     if (size < 0) {
@@ -131,7 +132,6 @@ void handle_failed(LocalCard &card, Fpd &fpd, std::uint32_t progress) {
     log_info({here, "FpdUpgResponseFailed"}, "FPD %s state %s updated in the sequence queue %d", fpd.info.name,
              state_name(fpd.state), fpd.seq);
     leave_sequence_queue(card, fpd, {here, "FpdUpgResponseFailQMoveFail"});
-    --card.planned_count;
 }
 
 void handle_done(LocalCard &card, Fpd &fpd) {
@@ -143,7 +143,6 @@ void handle_done(LocalCard &card, Fpd &fpd) {
     raise_fpd_event({here, "FpdUpgSendFpdCompletedEventFail"}, AUTO_FPD_UPGRADE_EVENT_WARNING,
                     "Auto FPD Upgrade completed for '%s'", fpd.info.name);
     retire_worker(card, fpd, true);
-    --card.planned_count;
     char err_msg[error_size] = "";
     if (fpd_info_refresh(card, fpd, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgDoneInfoGetFail"}, "FPD %s Info get failed, error %s", fpd.info.name, err_msg);
@@ -197,8 +196,9 @@ void drain_worker_messages(LocalCard &card) {
     // these must not look stuck to the supervision. Behind them, reports without end must not keep it from its work.
     const std::int64_t waiting = std::int64_t{fpd_mq_max_messages} + card.planned_count;
     FloodTime flood;
-    WorkerMsg msg;
-    for (std::int64_t count = 1; receive_report(card.mq, msg); ++count) {
+    for (std::int64_t count = 1;; ++count) {
+        WorkerMsg msg{};
+        if (!receive_report(card.mq, msg)) return;
         handle_message(card, msg);
         if (count >= waiting && flood.is_up()) return;
     }
@@ -300,19 +300,18 @@ void cancel_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
     retire_worker(card, fpd, false);
 }
 
-/// Ends the stuck worker; the FPD is queued again, or given up when its retry is spent: -ESTALE.
-int end_stuck_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
+/// Ends the stuck worker. Whether the FPD is queued again; it is given up when its retry is spent.
+bool end_stuck_worker(const ProgressCheck &check, LocalCard &card, Fpd &fpd) {
     cancel_worker(check, card, fpd);
     raise_stuck_event(check, fpd);
     fpd_obfl_log(check.cancel_event, fpd.info.name, fpd.packaged_text, fpd.progress);
     if (fpd.retries == 0) {
         queue_for_retry(fpd, {here, check.retry_tag});
-        return 0;
+        return true;
     }
     transition(fpd, FpdState::cant_be_upgraded);
     leave_sequence_queue(card, fpd, {here, check.move_tag});
-    --card.planned_count;
-    return -ESTALE;
+    return false;
 }
 
 /// µs that the FPD has been in its state; false when the clock cannot be read.
@@ -341,10 +340,10 @@ int check_progress(const ProgressCheck &check, LocalCard &card, Fpd &fpd, char *
     // The scripts of this pass took their time: what the worker reported meanwhile still waits.
     drain_worker_messages(card);
     if (fpd.state != check.state || !time_in_state(fpd, &time) || time < limit) return 0;
-    fail({here, check.time_out_tag}, 0, err_msg, err_len,
-         "FPD %s Upgrade stuck in the state %s since %ld time now vs. maximum %d time", fpd.info.name,
-         state_name(fpd.state), static_cast<long>(time), static_cast<int>(limit));
-    return end_stuck_worker(check, card, fpd);
+    const int stuck = fail({here, check.time_out_tag}, -ESTALE, err_msg, err_len,
+                           "FPD %s Upgrade stuck in the state %s since %ld time now vs. maximum %d time", fpd.info.name,
+                           state_name(fpd.state), static_cast<long>(time), static_cast<int>(limit));
+    return end_stuck_worker(check, card, fpd) ? 0 : stuck;
 }
 
 const ProgressCheck *check_for(FpdState state) {
@@ -437,15 +436,12 @@ bool read_loop_clock(timespec &time, const char *failure_tag) {
 }
 
 void punch_watchdog() {
-    char output[256] = "";
-    char err_msg[256] = "";
-    std::size_t output_len = 0;
-    if (exec_shell_command(output, sizeof output, &output_len, err_msg, sizeof err_msg, "%s", watchdog_script) != 0) {
-        terminate_error(err_msg, sizeof err_msg);
+    CommandOutput output;
+    char err_msg[error_size];
+    if (run_command(watchdog_script, output, err_msg, sizeof err_msg) != 0) {
         log_error({here, "AutoFpdUpgradeProgressWDPunchFail"}, "Punching PD watchdog failed error %s", err_msg);
         return;
     }
-    output[sizeof output - 1] = '\0';
     log_debug({here, "AutoFpdUpgradeProgressWDPunch"}, "Punching PD watchdog: %s", output);
 }
 
@@ -476,9 +472,9 @@ void run_main_loop(LocalCard &card) {
 /// Waits for the thread that mounts the flash, which may take minutes: the watchdog has to be fed meanwhile, or the
 /// card reloads, and mounts, and reloads. False when the thread does not come back.
 bool wait_for_flash_mount(LocalCard &card) {
-    std::int64_t slept = 0;
-    for (; !obfl_mount_is_over(); slept += std::max<std::int64_t>(main_loop_sleep(), 1)) {
-        if (slept > flash_mount_limit) return false;
+    const std::uint32_t look_period = std::max(main_loop_sleep(), shortest_look_period);
+    for (std::int64_t left = flash_mount_limit; !obfl_mount_is_over(); left -= look_period) {
+        if (left < 0) return false;
         timespec now{};
         const bool now_is_known = clock_gettime(CLOCK_MONOTONIC_RAW, &now) == 0;
         // Without a clock, punching too often is better than not at all.
@@ -486,7 +482,7 @@ bool wait_for_flash_mount(LocalCard &card) {
             punch_watchdog();
             card.last_punch_time = now;
         }
-        sleep_for(main_loop_sleep());
+        sleep_for(look_period);
     }
     return true;
 }
@@ -509,7 +505,7 @@ void upgrade_planned_fpds(LocalCard &card, char *err_msg, std::size_t err_len) {
 
 }  // namespace
 
-int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
+int run_fpd_upgrade(LocalCard &card, RunLevel run_level) {
     char err_msg[error_size] = "";
     if (card.planned_count == 0) return delete_previous_marker(err_msg, sizeof err_msg);
     bool same = false;
@@ -520,7 +516,7 @@ int run_fpd_upgrade(LocalCard &card, unsigned run_level) {
 
     upgrade_planned_fpds(card, err_msg, sizeof err_msg);
     flush_flash_log(card);
-    if (run_level == run_level_boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
+    if (run_level == RunLevel::boot && auto_fpd_upgrade_activate(card, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgActivationRequestFailed"}, "Auto FPD Upgrade Activation request failed %s", err_msg);
     return 0;
 }

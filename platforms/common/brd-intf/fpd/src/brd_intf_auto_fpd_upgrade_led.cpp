@@ -58,7 +58,6 @@ int upg_led_init(std::uint32_t group_id, std::uint32_t *obj_id, char *err_msg, s
 
 int upg_led_notify(std::uint32_t group_id, std::uint32_t obj_id, UpgLedRequest request, char *err_msg,
                    std::size_t err_len) {
-    clear_error(err_msg, err_len);
     if (group_id == 0 || obj_id == 0)
         return fail({here, "BrdIntfLenInvalidObjId"}, -EINVAL, err_msg, err_len,
                     "Does not have valid Group id %d obj id %d to send LED state", static_cast<int>(group_id),

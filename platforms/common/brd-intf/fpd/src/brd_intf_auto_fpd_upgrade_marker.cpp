@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -60,7 +61,7 @@ int ensure_room(char *err_msg, std::size_t err_len) {
 }
 
 std::size_t room() {
-    return marker.capacity > marker.length ? marker.capacity - marker.length : 0;
+    return marker.capacity - std::min(marker.capacity, marker.length);
 }
 
 const char *marker_text() {
@@ -144,7 +145,7 @@ int upg_marker_check(bool *same, char *err_msg, std::size_t err_len) {
     }
     struct stat status;
     if (stat(marker_file, &status) != 0) return access_error(errno, err_msg, err_len);
-    const File file = open_file(marker_file, "rb");
+    const File file = open_to_read(marker_file);
     if (!file) return access_error(errno, err_msg, err_len);
     if (status.st_size == 0) {
         *same = false;
@@ -162,7 +163,7 @@ int upg_marker_check(bool *same, char *err_msg, std::size_t err_len) {
 int upg_marker_write(char *err_msg, std::size_t err_len) {
     clear_error(err_msg, err_len);
     if (marker.length == 0) return 0;
-    File file = open_file(marker_file, "w+");
+    File file = open_to_write(marker_file, "w+");
     if (!file) {
         const int error = errno;
         return fail_unlogged(-error, err_msg, err_len, "Unable to open the Upgrade marker file %s, error %s",

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fpd_log.h"
 #include "os_file.h"
 #include "os_time.h"
+#include "worker_msg.h"
 
 namespace {
 
@@ -89,7 +89,7 @@ bool time_is_up(const timespec &began) {
 int create_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len) {
     timespec began{};
     const bool timed = clock_gettime(CLOCK_MONOTONIC_RAW, &began) == 0;
-    *mqd = -1;
+    *mqd = no_mq;
     int error = try_own_queue(name, mqd);
     while (error == EEXIST && timed && !time_is_up(began)) error = try_own_queue(name, mqd);
     if (error != 0)
@@ -100,10 +100,10 @@ int create_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len)
 
 int delete_queue(const char *name, int *mqd, char *err_msg, std::size_t err_len) {
     // Keeps the lock until the name is gone: else it could be that of the next run's queue by then.
-    const Descriptor locked(fcntl(*mqd, F_DUPFD_CLOEXEC, 0));
+    const Descriptor locked(fcntl(*mqd, F_DUPFD_CLOEXEC, *mqd));
     const int rc = close_fpd_mq(*mqd, err_msg, err_len);
     if (rc < 0) return rc;
-    *mqd = -1;
+    *mqd = no_mq;
     mq_unlink(name);
     return 0;
 }
@@ -120,7 +120,6 @@ int create_fpd_mq(const char *name, int *mqd, char *err_msg, std::size_t err_len
 }
 
 int delete_fpd_mq(const char *name, int *mqd, char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
     const int rc = delete_queue(name, mqd, err_msg, err_len);
     if (rc != 0)
         return pass_on({here, "DeleteFpdMqFail"}, rc, "Deleting Auto FPD Upgrade msg queue failed err_msg %s",

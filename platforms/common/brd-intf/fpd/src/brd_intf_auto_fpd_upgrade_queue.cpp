@@ -102,7 +102,6 @@ Fpd *get_fpd_by_name_queue(Fpd *first, const char *name, char *err_msg, std::siz
 }
 
 Fpd *get_fpd_by_name(const FpdCardQueues &queues, const char *name, char *err_msg, std::size_t err_len) {
-    clear_error(err_msg, err_len);
     if (!name) {
         fail({here, "GetFpdByNameInvldParam"}, EINVAL, err_msg, err_len, "Invalid argument name %p",
              static_cast<const void *>(name));

@@ -82,7 +82,7 @@ FpdVersion *fpd_version_make(std::uint32_t major, std::uint32_t minor, std::uint
 }
 
 char *fpd_version_to_text(const FpdVersion &version, char *buffer, std::size_t size) {
-    constexpr std::size_t limit = 11;
+    constexpr std::size_t limit = 10;  // characters
     if (!buffer) return nullptr;
     if (size < fpd_version_text_size) {
         if (size > 0) buffer[0] = '\0';
@@ -95,7 +95,7 @@ char *fpd_version_to_text(const FpdVersion &version, char *buffer, std::size_t s
         std::snprintf(text, sizeof text, "%d.%d", version.major, version.minor);
     else
         std::snprintf(text, sizeof text, "%d.%d.%d", version.major, version.minor, version.debug);
-    std::snprintf(buffer, limit, "%.*s", static_cast<int>(limit - 1), text);
+    buffer[std::string_view(text).copy(buffer, limit)] = '\0';
     return buffer;
 }
 

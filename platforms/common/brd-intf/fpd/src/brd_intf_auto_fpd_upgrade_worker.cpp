@@ -10,12 +10,13 @@
 #include <ctime>
 
 #include "brd_intf_auto_fpd_obfl.h"
-#include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_msg_queue.h"
 #include "brd_intf_events_fpd.h"
+#include "card_libraries.h"
 #include "fpd_log.h"
 #include "os_file.h"
 #include "os_thread.h"
+#include "worker_msg.h"
 
 namespace {
 
@@ -59,7 +60,6 @@ int give_up_for_dependency(LocalCard &card, Fpd &fpd, char *err_msg, std::size_t
                         fpd.dependency->info.name, state_name(fpd.dependency->state));
     transition(fpd, FpdState::cant_be_upgraded);
     leave_sequence_queue(card, fpd, {here, "StartFpdUpgWorkerQMoveFail"});
-    --card.planned_count;
     return rc;
 }
 
@@ -70,7 +70,7 @@ FpdWorkerCtx *create_worker_context(LocalCard &card, Fpd &fpd, char *err_msg, st
              "No memory available to create worker context error %s", std::strerror(errno));
         return nullptr;
     }
-    worker->mq = -1;
+    worker->mq = no_mq;
     worker->fpd = &fpd;
     worker->card = &card;
     worker->group_id = card.group_id;
@@ -128,16 +128,15 @@ FpdState upgrade_region(FpdWorkerCtx &worker) {
     std::snprintf(request.directory, sizeof request.directory, "%s", packaged_firmware_directory);
     std::snprintf(request.file_name, sizeof request.file_name, "%s", worker.image);
     char err_msg[error_size] = "";
-    const int rc = brd_fpd_upgrade(worker.group_id, worker.obj_id, &request, err_msg, sizeof err_msg);
-    terminate_error(err_msg, sizeof err_msg);
-    if (rc == 0) return FpdState::upgrade_done;
+    if (card_fpd_upgrade(worker.group_id, worker.obj_id, request, err_msg, sizeof err_msg) == 0)
+        return FpdState::upgrade_done;
     log_error({here, "FpdUpgHdlUpgradeFail"}, "FPD %s upgrade failed err_msg %s", worker.name, err_msg);
     return FpdState::upgrade_failed;
 }
 
 void close_sending_end(FpdWorkerCtx &worker) {
     const int mq = worker.mq;
-    worker.mq = -1;
+    worker.mq = no_mq;
     char err_msg[error_size] = "";
     if (close_fpd_mq(mq, err_msg, sizeof err_msg) != 0)
         log_error({here, "FpdUpgHdlMqCloseFail"}, "Worker thread message queue close failed error %s", err_msg);

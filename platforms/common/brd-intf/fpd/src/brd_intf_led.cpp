@@ -8,7 +8,9 @@
 #include <cstring>
 
 #include "brd_platform_access.h"
+#include "card_libraries.h"
 #include "fpd_log.h"
+#include "os_owner.h"
 
 namespace {
 
@@ -16,7 +18,6 @@ constexpr LogModule here{"LED", __FILE__};
 
 constexpr std::uint32_t status_led_type = 1;
 constexpr const char *status_led_name = "Status";
-constexpr std::size_t led_name_size = 64;
 
 // Indexed by value; 0 and what lies behind the tables is unknown.
 constexpr std::array<const char *, 4> state_names = {"'Unknown'", "'OFF'", "'STEADY'", "'BLINK'"};
@@ -30,23 +31,19 @@ constexpr std::uint32_t known_color(std::uint32_t value) {
     return value < color_names.size() ? value : 0;
 }
 
-/// Whether this LED is the status LED; `rc` is 0, or the platform library's code.
-bool is_status_led(std::uint32_t group_id, std::uint32_t obj_id, int &rc, char *err_msg, std::size_t err_len) {
+/// Sets *found when this LED is the status LED. 0, or the platform library's code.
+int look_at_led(std::uint32_t group_id, std::uint32_t obj_id, bool *found, char *err_msg, std::size_t err_len) {
     std::uint32_t type = 0;
-    rc = brd_led_type_get(group_id, obj_id, &type);
-    if (rc != 0) {
-        fail({here, "LedObjTypeGetFail"}, rc, err_msg, err_len, "Failed to get led_type from obj_id, rc:%d", rc);
-        return false;
-    }
-    if (type != status_led_type) return false;
-    char name[led_name_size] = "";
-    rc = brd_led_name_get(group_id, obj_id, name, sizeof name);
-    if (rc != 0) {
-        fail({here, "LedObjNameGetFail"}, rc, err_msg, err_len, "Failed to get led_name from obj_id, rc:%d", rc);
-        return false;
-    }
-    name[sizeof name - 1] = '\0';
-    return strcasecmp(name, status_led_name) == 0;
+    int rc = brd_led_type_get(group_id, obj_id, &type);
+    if (rc != 0)
+        return fail({here, "LedObjTypeGetFail"}, rc, err_msg, err_len, "Failed to get led_type from obj_id, rc:%d", rc);
+    if (type != status_led_type) return 0;
+    LedName name;
+    rc = card_led_name_get(group_id, obj_id, name);
+    if (rc != 0)
+        return fail({here, "LedObjNameGetFail"}, rc, err_msg, err_len, "Failed to get led_name from obj_id, rc:%d", rc);
+    *found = strcasecmp(name, status_led_name) == 0;
+    return 0;
 }
 
 }  // namespace
@@ -83,7 +80,8 @@ int led_status_obj_id_get(std::uint32_t group_id, std::uint32_t *obj_id, char *e
     rc = brd_group_led_obj_id_list_get(group_id, ids.get());
     if (rc != 0) return fail({here, "LedObjGetFail"}, rc, err_msg, err_len, "Failed to get led_obj_id_list, rc:%d", rc);
     for (std::uint32_t i = 0; i < count; ++i) {
-        const bool found = is_status_led(group_id, ids.get()[i], rc, err_msg, err_len);
+        bool found = false;
+        rc = look_at_led(group_id, ids.get()[i], &found, err_msg, err_len);
         if (rc != 0) return rc;
         if (!found) continue;
         *obj_id = ids.get()[i];

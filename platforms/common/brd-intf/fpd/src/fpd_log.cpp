@@ -4,13 +4,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
 
 #include "os_file.h"
+#include "text_builder.h"
 
 namespace {
 
@@ -35,7 +34,22 @@ struct VaListEnd {
 };
 
 void add_field(TextBuilder &line, const char *field) {
-    if (field) line.add(" [%s]", field);
+    if (!field) return;
+    line.add_text(" [");
+    line.add_text(field);
+    line.add_text("]");
+}
+
+/// Both are asked for once: each line would cost two system calls more.
+int process_id() {
+    static const int id = getpid();
+    return id;
+}
+int thread_id() {
+    // Of the executable's own: no call into the dynamic loader.
+    [[gnu::tls_model("initial-exec")]] thread_local int id = 0;
+    if (id == 0) id = static_cast<int>(syscall(SYS_gettid));
+    return id;
 }
 
 [[gnu::format(printf, 6, 0)]] void log_line(const char *component, const char *level, const char *tag, const char *file,
@@ -44,12 +58,12 @@ void add_field(TextBuilder &line, const char *field) {
     char timestamp[timestamp_size] = "";
     fpd_log_timestamp(timestamp, sizeof timestamp);
     TextBuilder line;
-    line.add("[%s] [%d:%d]", timestamp, getpid(), static_cast<int>(syscall(SYS_gettid)));
+    line.add("[%s] [%d:%d]", timestamp, process_id(), thread_id());
     add_field(line, component);
     add_field(line, level);
     add_field(line, tag);
     if (file) line.add(" [%s:%d]", file, line_number);
-    line.add(" [");
+    line.add_text(" [");
     line.add_list(format, arguments);
     line.end_with("]\n");
     append_to_file(diagnostic_log, line.view());
@@ -67,11 +81,14 @@ void fpd_log_timestamp(char *buffer, std::size_t size) {
     gettimeofday(&now, nullptr);
     std::tm local{};
     localtime_r(&now.tv_sec, &local);
-    std::size_t used = std::strftime(buffer, size, "%F %T", &local);
-    // Without leading zeros: readers of existing logs depend on it.
-    used += static_cast<std::size_t>(std::snprintf(buffer + used, size - used, ".%ld", static_cast<long>(now.tv_usec)));
-    // A zone name that does not fit leaves the buffer's contents undefined, so the text is ended again.
-    if (std::strftime(buffer + used, size - used, " %Z", &local) == 0) buffer[used] = '\0';
+    // The fraction is without leading zeros: readers of existing logs depend on it.
+    const int used =
+        std::snprintf(buffer, size, "%04d-%02d-%02d %02d:%02d:%02d.%ld", local.tm_year + 1900, local.tm_mon + 1,
+                      local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_usec));
+    // A time without its zone tells more than one with a part of its name.
+    char *const zone = buffer + used;
+    const std::size_t left = size - static_cast<std::size_t>(used);
+    if (!fits(std::snprintf(zone, left, " %s", local.tm_zone), left)) *zone = '\0';
 }
 
 void fpd_log(const char *component, const char *level, const char *tag, const char *file, int line, const char *format,
@@ -106,7 +123,7 @@ void log_debug(LogSite site, const char *format, ...) {
 namespace {
 
 void copy_error(char *err_msg, std::size_t err_len, const TextBuilder &text) {
-    if (err_msg && err_len > 0) std::snprintf(err_msg, err_len, "%s", text.text());
+    if (err_msg) std::snprintf(err_msg, err_len, "%s", text.text());
 }
 
 }  // namespace
@@ -147,62 +164,4 @@ void clear_error(char *err_msg, std::size_t err_len) {
 
 void terminate_error(char *err_msg, std::size_t err_len) {
     if (err_msg && err_len > 0) err_msg[err_len - 1] = '\0';
-}
-
-namespace {
-
-/// Makes room for `count` more characters if there is memory for them.
-void grow(TextBuilder &text, std::size_t count) {
-    const std::size_t needed = text.length + count + 1;
-    if (needed <= text.capacity) return;
-    char *const grown = static_cast<char *>(std::realloc(text.grown.get(), needed));
-    if (!grown) return;
-    if (!text.grown) std::memcpy(grown, text.small, text.length + 1);
-    static_cast<void>(text.grown.release());
-    text.grown.reset(grown);
-    text.capacity = needed;
-}
-
-}  // namespace
-
-void TextBuilder::add(const char *format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    add_list(format, arguments);
-    va_end(arguments);
-}
-
-void TextBuilder::add_list(const char *format, std::va_list arguments) {
-    std::va_list measured;
-    va_copy(measured, arguments);
-    const int count = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    if (count < 0) {
-        // A text that printf refuses tells more as it stands than not at all.
-        add_text(format);
-        return;
-    }
-    grow(*this, static_cast<std::size_t>(count));
-    char *const end = (grown ? grown.get() : small) + length;
-    const std::size_t room = capacity - length;
-    std::vsnprintf(end, room, format, arguments);
-    length += std::min(static_cast<std::size_t>(count), room - 1);
-}
-
-void TextBuilder::add_text(std::string_view text) {
-    grow(*this, text.size());
-    const std::size_t count = std::min(text.size(), capacity - 1 - length);
-    char *const end = (grown ? grown.get() : small) + length;
-    text.copy(end, count);
-    end[count] = '\0';
-    length += count;
-}
-
-void TextBuilder::end_with(std::string_view ending) {
-    grow(*this, ending.size());
-    length = std::min(length, capacity - 1 - ending.size());
-    char *const end = (grown ? grown.get() : small) + length;
-    ending.copy(end, ending.size());
-    length += ending.size();
-    end[ending.size()] = '\0';
 }

@@ -11,14 +11,23 @@ bool interrupted(std::FILE *file) {
     return true;
 }
 
+File open_stream(const char *path, const char *mode) {
+    File file(std::fopen(path, mode));
+    while (!file && errno == EINTR) file.reset(std::fopen(path, mode));
+    return file;
+}
+
 }  // namespace
 
-File open_file(const char *path, const char *mode) {
+File open_to_read(const char *path) {
+    return open_stream(path, "re");
+}
+
+File open_to_write(const char *path, const char *mode) {
     char mode_and_flag[8];
     std::snprintf(mode_and_flag, sizeof mode_and_flag, "%se", mode);
-    File file(std::fopen(path, mode_and_flag));
-    while (!file && errno == EINTR) file.reset(std::fopen(path, mode_and_flag));
-    if (file && *mode != 'r') std::setvbuf(file.get(), nullptr, _IONBF, 0);
+    File file = open_stream(path, mode_and_flag);
+    if (file) std::setbuf(file.get(), nullptr);
     return file;
 }
 
@@ -29,12 +38,11 @@ Directory open_directory(const char *path) {
 }
 
 const dirent *next_entry(DIR *directory) {
-    errno = 0;
-    const dirent *entry = readdir(directory);
-    while (!entry && errno == EINTR) {
+    const dirent *entry = nullptr;
+    do {
         errno = 0;
         entry = readdir(directory);
-    }
+    } while (!entry && errno == EINTR);
     return entry;
 }
 
@@ -46,13 +54,13 @@ int read_byte(std::FILE *file) {
 
 std::size_t read_bytes(std::FILE *file, char *bytes, std::size_t size) {
     std::size_t count = std::fread(bytes, 1, size, file);
-    while (count < size && interrupted(file)) count += std::fread(bytes + count, 1, size - count, file);
+    while (count != size && interrupted(file)) count += std::fread(bytes + count, 1, size - count, file);
     return count;
 }
 
 bool write_bytes(std::FILE *file, std::string_view bytes) {
     std::size_t count = std::fwrite(bytes.data(), 1, bytes.size(), file);
-    while (count < bytes.size() && interrupted(file))
+    while (count != bytes.size() && interrupted(file))
         count += std::fwrite(bytes.data() + count, 1, bytes.size() - count, file);
     return count == bytes.size();
 }

@@ -12,11 +12,11 @@ void sleep_for(std::uint32_t microseconds) {
     timespec began{};
     clock_gettime(CLOCK_MONOTONIC, &began);
     std::int64_t left = microseconds;
-    while (usleep(static_cast<useconds_t>(left)) != 0 && errno == EINTR) {
+    do {
+        if (usleep(static_cast<useconds_t>(left)) == 0 || errno != EINTR) return;
         // What is left, and not the whole of it again: a timer of the platform library could signal for ever.
         timespec now{};
         clock_gettime(CLOCK_MONOTONIC, &now);
         left = microseconds - elapsed(began, now);
-        if (left <= 0) return;
-    }
+    } while (left > 0);
 }

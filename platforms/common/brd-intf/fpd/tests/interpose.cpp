@@ -203,8 +203,8 @@ void *__wrap_calloc(std::size_t count, std::size_t size) {
 
 int __real_clock_gettime(clockid_t clock, timespec *now);
 int __wrap_clock_gettime(clockid_t clock, timespec *now) {
-    if (clock != CLOCK_MONOTONIC_RAW) return __real_clock_gettime(clock, now);
-    if (failure(Call::clock_gettime)) return -1;
+    if (clock != CLOCK_MONOTONIC_RAW && clock != CLOCK_MONOTONIC) return __real_clock_gettime(clock, now);
+    if (clock == CLOCK_MONOTONIC_RAW && failure(Call::clock_gettime)) return -1;
     const std::int64_t held = held_clock;
     if (held == not_held) return __real_clock_gettime(clock, now);
     *now = {held / 1'000'000'000, held % 1'000'000'000};

@@ -56,7 +56,7 @@ inline constexpr unsigned for_ever = ~0U;
 /// Calls since the last reset(), failed ones included.
 unsigned calls(Call call);
 
-/// Holds CLOCK_MONOTONIC_RAW at `now`; a failed read leaves the caller's record alone.
+/// Holds CLOCK_MONOTONIC and CLOCK_MONOTONIC_RAW at `now`; a failed read leaves the caller's record alone.
 void hold_clock(timespec now);
 /// Moves the held clock on.
 void advance_clock(std::int64_t microseconds);

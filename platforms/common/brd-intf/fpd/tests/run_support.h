@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "brd_intf_auto_fpd_upgrade_init.h"
+#include "brd_intf_auto_fpd_upgrade_worker.h"
 #include "fake_platform.h"
 #include "test_support.h"
+#include "worker_msg.h"
 
 inline constexpr Module init_module{"FPD", "brd_intf_auto_fpd_upgrade_init"};
 inline constexpr Module handler_module{"FPD", "brd_intf_auto_fpd_upgrade_handler"};

@@ -42,29 +42,30 @@ struct OpenFile : CardTest {};
 
 TEST_F(OpenFile, IsClosedOnExec) {
     write_file("/misc/scratch/a", "text");
-    for (const char *mode : {"r", "rb", "a", "w+"}) {
-        const File file = open_file("/misc/scratch/a", mode);
-        ASSERT_TRUE(file) << mode;
-        EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC) << mode;
+    const File files[] = {open_to_read("/misc/scratch/a"), open_to_write("/misc/scratch/a", "a"),
+                          open_to_write("/misc/scratch/a", "w+")};
+    for (const File &file : files) {
+        ASSERT_TRUE(file);
+        EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC);
     }
 }
 
 TEST_F(OpenFile, IsRepeatedWhenASignalInterruptsIt) {
     write_file("/misc/scratch/a", "text");
     interpose::fail(Call::fopen, EINTR, 1, 3);
-    EXPECT_TRUE(open_file("/misc/scratch/a", "r"));
+    EXPECT_TRUE(open_to_read("/misc/scratch/a"));
 }
 
 TEST_F(OpenFile, HasWhatIsWrittenInTheFileAtOnce) {
     for (const char *mode : {"a", "w+"}) {
-        const File file = open_file("/misc/scratch/b", mode);
+        const File file = open_to_write("/misc/scratch/b", mode);
         ASSERT_TRUE(write_bytes(file.get(), "text"));
         EXPECT_EQ(read_file("/misc/scratch/b"), "text") << mode;
     }
 }
 
 TEST_F(OpenFile, TellsWhyItFailed) {
-    EXPECT_FALSE(open_file("/misc/scratch/none", "r"));
+    EXPECT_FALSE(open_to_read("/misc/scratch/none"));
     EXPECT_EQ(errno, ENOENT);
 }
 

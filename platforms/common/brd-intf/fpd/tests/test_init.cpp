@@ -261,7 +261,7 @@ TEST_F(FpdName, EndsWithItsRecordWhenTheLibraryDoesNotEndIt) {
     };
     char large[300];
     EXPECT_EQ(get_fpd_name(3, 1, 0, large, sizeof large, err_msg, sizeof err_msg), 0);
-    EXPECT_EQ(large, std::string(103, 'n'));
+    EXPECT_EQ(large, std::string(102, 'n'));
 }
 
 // The information block -----------------------------------------------------------------------------------------------
@@ -363,14 +363,14 @@ TEST_F(FpdInfo, IsAskedForInABlockThatHoldsTheNameAndZeroesElse) {
 // Discovery -----------------------------------------------------------------------------------------------------------
 
 struct LoadFpds : RunTest {
-    int load(UpgradeStage stage = UpgradeStage::regular, unsigned run_level = run_level_boot) {
+    int load(UpgradeStage stage = UpgradeStage::regular, RunLevel run_level = RunLevel::boot) {
         return load_fpds(run_level, stage, card, err_msg, sizeof err_msg);
     }
     FakeRegion &region(unsigned number = 0) { return fake_platform().fpds[0].regions[number]; }
     Fpd &first() { return *card.queues.fpd_queue; }
 
     /// Loads, and expects the first record to end in this state.
-    void expect_state(FpdState state, UpgradeStage stage = UpgradeStage::regular, unsigned run_level = run_level_boot) {
+    void expect_state(FpdState state, UpgradeStage stage = UpgradeStage::regular, RunLevel run_level = RunLevel::boot) {
         ASSERT_EQ(load(stage, run_level), 0);
         ASSERT_NE(card.queues.fpd_queue, nullptr);
         EXPECT_EQ(first().state, state) << state_name(first().state);
@@ -508,7 +508,7 @@ TEST_F(LoadFpds, AsksForTheCapabilitiesOnThisCard) {
 
 TEST_F(LoadFpds, SkipsAnFpdThatIsNeverUpgradedAutomatically) {
     region().capabilities = 0x1809;
-    expect_state(FpdState::capability_received, UpgradeStage::regular, run_level_backend);
+    expect_state(FpdState::capability_received, UpgradeStage::regular, RunLevel::backend);
     expect_log(init_module, "INFO", "InitFpdSkipAutoFpdUpgNotSupported", "FPD IoFpga Auto upgrade is not supported");
     EXPECT_THAT(fake_platform().calls_of("brd_fpd_info_get"), IsEmpty());
 }
@@ -530,7 +530,7 @@ TEST_F(LoadFpds, SkipsAtBootAnFpdThatIsNotForBoot) {
 
 TEST_F(LoadFpds, EvaluatesByHandAnFpdThatIsNotForBoot) {
     region().capabilities = 0;
-    expect_state(FpdState::description_received, UpgradeStage::regular, run_level_backend);
+    expect_state(FpdState::description_received, UpgradeStage::regular, RunLevel::backend);
     expect_no_log("InitFpdSkipAutoFpdUpgNotBootUp");
 }
 

@@ -17,6 +17,7 @@
 #include "fpd_log.h"
 #include "interpose.h"
 #include "run_support.h"
+#include "text_builder.h"
 
 namespace {
 
@@ -561,7 +562,7 @@ TEST_F(ErrorText, WithoutRoomIsNotEndedInFrontOfIt) {
 }
 
 struct RoomForAText : CardTest {
-    RoomForAText() : fits(sizeof text.small - 1, 'x') {}
+    RoomForAText() : fits(TextBuilder::short_length, 'x') {}
     /// A text that printf refuses: there is no such character here.
     void add_refused(const std::string &format) { text.add((format + "%lc").c_str(), wint_t{0x100}); }
     static void take_all_memory() { interpose::fail(Call::realloc, ENOMEM, 1, interpose::for_ever); }

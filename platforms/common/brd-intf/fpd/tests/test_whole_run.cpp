@@ -40,10 +40,11 @@ struct WholeRun : CardTest {
         ASSERT_NE(card, nullptr);
         EXPECT_STREQ(err_msg, "");
         EXPECT_EQ(card->mq, -1) << "none yet";
-        EXPECT_EQ(interface_init(run_level_boot, *card, err_msg, sizeof err_msg), 0) << err_msg;
+        EXPECT_EQ(interface_init(RunLevel::boot, *card, err_msg, sizeof err_msg), 0) << err_msg;
         EXPECT_EQ(card->planned_count, 3U);
-        EXPECT_EQ(run_fpd_upgrade(*card, run_level_boot), 0);
+        EXPECT_EQ(run_fpd_upgrade(*card, RunLevel::boot), 0);
         EXPECT_EQ(interface_deinit(*card, err_msg, sizeof err_msg), 0) << err_msg;
+        release_retired_workers(*card);
         EXPECT_EQ(card->hanging_threads, 0U);
         EXPECT_EQ(context_deinit(&card, err_msg, sizeof err_msg), 0) << err_msg;
         EXPECT_EQ(card, nullptr);

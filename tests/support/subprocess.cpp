@@ -7,10 +7,9 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <system_error>
+
+#include "files.h"
 
 namespace fs = std::filesystem;
 
@@ -90,22 +89,6 @@ void set_sanitizer_options() {
     add_options("UBSAN_OPTIONS", ends + ":print_stacktrace=1");
     add_options("TSAN_OPTIONS", ends + ":check_printf=0");
     add_options("LSAN_OPTIONS", "exitcode=" + std::to_string(sanitizer_status));
-}
-
-std::string read_file(const fs::path &path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const fs::path &path, const std::string &text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::vector<std::string> lines_of(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) lines.push_back(line);
-    return lines;
 }
 
 }  // namespace card_tests

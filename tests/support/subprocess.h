@@ -27,10 +27,6 @@ void set_sanitizer_options();
 /// Status of a program that a sanitizer ended.
 inline constexpr int sanitizer_status = 86;
 
-std::string read_file(const std::filesystem::path &path);
-void write_file(const std::filesystem::path &path, const std::string &text);
-std::vector<std::string> lines_of(const std::string &text);
-
 }  // namespace card_tests
 
 #endif

@@ -1,0 +1,59 @@
+#include "text_builder.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+void TextBuilder::add(const char *format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    add_list(format, arguments);
+    va_end(arguments);
+}
+
+void TextBuilder::add_list(const char *format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    int count = std::vsnprintf(end(), room(), format, arguments);
+    if (count >= 0 && !fits(count, room())) {
+        make_room(static_cast<std::size_t>(count));
+        count = std::vsnprintf(end(), room(), format, again);
+    }
+    va_end(again);
+    if (count < 0)
+        // A text that printf refuses tells more as it stands than not at all.
+        add_text(format);
+    else
+        length_ += std::min(static_cast<std::size_t>(count), room() - 1);
+}
+
+void TextBuilder::add_text(std::string_view text) {
+    make_room(text.size());
+    append(text.substr(0, room() - 1));
+}
+
+void TextBuilder::end_with(std::string_view ending) {
+    make_room(ending.size());
+    length_ = std::min(length_, capacity_ - 1 - ending.size());
+    append(ending);
+}
+
+/// Makes room for `count` more characters if there is memory for them.
+void TextBuilder::make_room(std::size_t count) {
+    const std::size_t needed = length_ + count + 1;
+    if (needed <= capacity_) return;
+    char *const grown = static_cast<char *>(std::realloc(grown_.get(), needed));
+    if (!grown) return;
+    if (!grown_) std::memcpy(grown, small_, sizeof small_);
+    static_cast<void>(grown_.release());
+    grown_.reset(grown);
+    capacity_ = needed;
+}
+
+/// For what there is room for.
+void TextBuilder::append(std::string_view text) {
+    text.copy(end(), text.size());
+    length_ += text.size();
+    *end() = '\0';
+}
