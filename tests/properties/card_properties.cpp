@@ -23,6 +23,7 @@
 #include "model.h"
 #include "observation.h"
 #include "shrink.h"
+#include "subprocess.h"
 
 namespace fs = std::filesystem;
 
