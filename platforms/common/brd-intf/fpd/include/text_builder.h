@@ -27,6 +27,7 @@ class TextBuilder {
     /// A format that printf refuses is added as it stands.
     [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
     void add_text(std::string_view text);
+    void add_number(int number);
     /// Adds the last characters of a line, which replace those before them when the text had to be cut.
     void end_with(std::string_view ending);
     /// What was added so far, without the NUL after it; valid until more is added.

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "os_file.h"
@@ -52,17 +53,61 @@ int thread_id() {
     return id;
 }
 
+/// What all lines of one second have in common. To work it out costs more than the rest of a line.
+struct SecondText {
+    std::time_t second;
+    char date_and_time[24];  // local
+    char zone[11];           // with a blank before it; empty: too long for any line
+};
+
+SecondText text_of(std::time_t second) {
+    std::tm local{};
+    localtime_r(&second, &local);
+    SecondText text{.second = second, .date_and_time = "", .zone = ""};
+    std::strftime(text.date_and_time, sizeof text.date_and_time, "%F %T", &local);
+    if (!fits(std::snprintf(text.zone, sizeof text.zone, " %s", local.tm_zone), sizeof text.zone)) text.zone[0] = '\0';
+    return text;
+}
+
+void write_timestamp(const SecondText &text, suseconds_t microseconds, char (&buffer)[timestamp_size]) {
+    // The fraction is without leading zeros: readers of existing logs depend on it.
+    const int used =
+        std::snprintf(buffer, sizeof buffer, "%s.%ld", text.date_and_time, static_cast<long>(microseconds));
+    // A time without its zone tells more than one with a part of its name.
+    if (static_cast<std::size_t>(used) + std::strlen(text.zone) < sizeof buffer) std::strcpy(buffer + used, text.zone);
+}
+
+void add_timestamp(TextBuilder &line) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    [[gnu::tls_model("initial-exec")]] thread_local SecondText text{};
+    if (text.second != now.tv_sec || !*text.date_and_time) text = text_of(now.tv_sec);
+    char timestamp[timestamp_size];
+    write_timestamp(text, now.tv_usec, timestamp);
+    line.add_text(timestamp);
+}
+
 [[gnu::format(printf, 6, 0)]] void log_line(const char *component, const char *level, const char *tag, const char *file,
                                             int line_number, const char *format, std::va_list arguments) {
     const ErrnoKeeper keeper;
-    char timestamp[timestamp_size] = "";
-    fpd_log_timestamp(timestamp, sizeof timestamp);
     TextBuilder line;
-    line.add("[%s] [%d:%d]", timestamp, process_id(), thread_id());
+    line.add_text("[");
+    add_timestamp(line);
+    line.add_text("] [");
+    line.add_number(process_id());
+    line.add_text(":");
+    line.add_number(thread_id());
+    line.add_text("]");
     add_field(line, component);
     add_field(line, level);
     add_field(line, tag);
-    if (file) line.add(" [%s:%d]", file, line_number);
+    if (file) {
+        line.add_text(" [");
+        line.add_text(file);
+        line.add_text(":");
+        line.add_number(line_number);
+        line.add_text("]");
+    }
     line.add_text(" [");
     line.add_list(format, arguments);
     line.end_with("]\n");
@@ -79,16 +124,9 @@ void fpd_log_timestamp(char *buffer, std::size_t size) {
     if (size < timestamp_size) return;
     timeval now{};
     gettimeofday(&now, nullptr);
-    std::tm local{};
-    localtime_r(&now.tv_sec, &local);
-    // The fraction is without leading zeros: readers of existing logs depend on it.
-    const int used =
-        std::snprintf(buffer, size, "%04d-%02d-%02d %02d:%02d:%02d.%ld", local.tm_year + 1900, local.tm_mon + 1,
-                      local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(now.tv_usec));
-    // A time without its zone tells more than one with a part of its name.
-    char *const zone = buffer + used;
-    const std::size_t left = size - static_cast<std::size_t>(used);
-    if (!fits(std::snprintf(zone, left, " %s", local.tm_zone), left)) *zone = '\0';
+    char timestamp[timestamp_size];
+    write_timestamp(text_of(now.tv_sec), now.tv_usec, timestamp);
+    std::memcpy(buffer, timestamp, sizeof timestamp);
 }
 
 void fpd_log(const char *component, const char *level, const char *tag, const char *file, int line, const char *format,

@@ -1,9 +1,12 @@
 #include "text_builder.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <limits>
 
 void TextBuilder::add(const char *format, ...) {
     std::va_list arguments;
@@ -31,6 +34,12 @@ void TextBuilder::add_list(const char *format, std::va_list arguments) {
 void TextBuilder::add_text(std::string_view text) {
     make_room(text.size());
     append(text.substr(0, room() - 1));
+}
+
+void TextBuilder::add_number(int number) {
+    char digits[std::numeric_limits<int>::digits10 + 2];  // and one digit more, and the sign
+    const char *const end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+    add_text({digits, static_cast<std::size_t>(end - digits)});
 }
 
 void TextBuilder::end_with(std::string_view ending) {

@@ -83,6 +83,23 @@ TEST_F(DiagnosticLog, AppendsTheFieldsInTheirOrderWithoutThoseThatAreNull) {
     }
 }
 
+TEST_F(DiagnosticLog, TellsTheTimeOfEachLineAlsoWhereTheClockStandsAtItsBeginning) {
+    const pthread_t thread = start_thread([](void *) -> void * {
+        for (const time_t second : {0, 1, 1, 0}) {
+            interpose::hold_wall_clock({second, 5});
+            log_info({here, "A"}, "m");
+        }
+        return nullptr;
+    });
+    pthread_join(thread, nullptr);
+    std::istringstream lines(read_file(diagnostic_log_path));
+    std::string line;
+    for (const int second : {0, 1, 1, 0}) {
+        std::getline(lines, line);
+        EXPECT_THAT(line, testing::StartsWith("[1970-01-01 00:00:0" + std::to_string(second) + ".5 UTC] "));
+    }
+}
+
 TEST_F(DiagnosticLog, HasNoThresholdAndTakesLevelsAsTheyAre) {
     log_debug({here, "A"}, "detail %d", 1);
     log_info({here, "B"}, "milestone %s", "reached");
