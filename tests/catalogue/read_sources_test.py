@@ -6,7 +6,7 @@ import unittest
 from read_sources import Sources, record
 
 DECLARATIONS = """
-struct LogModule { const char *component; };
+struct LogModule { const char *component; const char *path; };
 struct LogSite { LogSite(const LogModule &, const char *, int = __builtin_LINE()); };
 void fpd_log(const char *component, const char *level, const char *tag, const char *format, ...);
 void log_error(LogSite, const char *, ...);
@@ -18,7 +18,7 @@ bool chosen();
 const char *given();
 LogSite site_of(int);
 """
-MODULE = 'constexpr LogModule here{"LED"};\n'
+MODULE = 'constexpr LogModule here{"LED", __FILE__};\n'
 PRINTING = "#include <cstdio>\nbool chosen();\nconst char *given();\n"
 
 
@@ -47,6 +47,11 @@ class Logged(unittest.TestCase):
     def test_calls_have_the_words_of_their_module(self):
         self.assertEqual(logged('void f() { log_info({here, "Tag"}, "some %s", given()); }'),
                          [("logged", "LED", "module_1", "INFO", "Tag", "some %s")])
+
+    def test_a_module_may_be_a_copy_of_another(self):
+        self.assertEqual(logged('constexpr LogModule first{"FPD", "a/one.cpp"}; constexpr LogModule second = first;'
+                                'void f() { log_info({second, "Tag"}, "text"); }'),
+                         [("logged", "FPD", "one", "INFO", "Tag", "text")])
 
     def test_calls_have_their_level(self):
         self.assertEqual(lines("""int f(char *text) {

@@ -224,7 +224,7 @@ int main(int argc, char **argv) {
     }
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) std::signal(number, note_signal);
     try {
-        set_sanitizer_options();
+        card_tests::set_sanitizer_options();
         const card_tests::TemporaryDirectory workshop("card-properties", workshop_place());
         Totals totals;
         Progress progress(options.cards);

@@ -20,7 +20,7 @@ namespace {
 
 constexpr LogModule here = planning_log;
 
-bool interface_initialised = false;
+bool interface_initialised{};
 
 int format_mq_name(LocalCard &card, char *err_msg, std::size_t err_len) {
     const int length = std::snprintf(card.mq_name, sizeof card.mq_name, "%s_localcard", fpd_mq_base_name);

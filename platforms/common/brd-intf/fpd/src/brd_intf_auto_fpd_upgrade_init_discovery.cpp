@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "brd_intf_auto_fpd_upgrade_init.h"
 #include "brd_intf_auto_fpd_upgrade_init_planning.h"
@@ -84,7 +85,7 @@ int fpd_info_refresh(const LocalCard &card, Fpd &fpd, char *err_msg, std::size_t
     std::memcpy(known_name, fpd.info.name, sizeof known_name);
     const int rc = fpd_info_get(card.group_id, fpd, err_msg, err_len);
     // The known name is no other's: only a new one need be looked for.
-    if (std::strcmp(fpd.info.name, known_name) == 0 || !is_taken(card.queues, fpd)) return rc;
+    if (std::string_view(fpd.info.name) == known_name || !is_taken(card.queues, fpd)) return rc;
     const int duplicate =
         rc != 0 ? rc : fail_unlogged(-EEXIST, err_msg, err_len, "Duplicate FPD %s found", fpd.info.name);
     std::memcpy(fpd.info.name, known_name, sizeof known_name);
@@ -129,7 +130,7 @@ void fill_description_request(const Planning &planning, Fpd &fpd) {
     request.hw_version = planning.card.hw_version;
     request.programmed_version = fpd.programmed_version;
     request.running_version = fpd.running_version;
-    std::snprintf(request.name, sizeof request.name, "%.*s", static_cast<int>(sizeof request.name - 1), fpd.info.name);
+    std::string_view(fpd.info.name).copy(request.name, sizeof request.name - 1);
     request.info_flag = fpd.info.info_flag;
     request.upgrade_type = stage_upgrade_type(planning.stage);
 }
