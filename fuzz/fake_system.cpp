@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::int64_t second = 1'000'000'000;  // ns
 constexpr std::int64_t boot_time = 100 * second;
-/// Behind the input's end: longer than every limit of a run.
+/// After the input's end: longer than every limit of a run.
 constexpr std::int64_t large_step = 200 * second;
 
 struct Thread {
@@ -46,7 +46,7 @@ struct System {
     std::deque<WorkerMsg> sent;
     std::int64_t clock = boot_time;
     unsigned clock_failures = 0;  // of the next reads
-    bool workers_hang = false;    // behind the input's end; else they do their work
+    bool workers_hang = false;    // after the input's end; else they do their work
     unsigned waits_behind_the_input = 0;
     WorkerMsg repeated{};  // comes so many times more
     unsigned repetitions = 0;

@@ -37,11 +37,11 @@ Found expected(std::string_view file, std::string_view key) {
     }
 }
 
-/// A text as a 64-bit number: digits behind white space and a sign, as many as there are.
+/// A text as a 64-bit number: digits after white space and a sign, as many as there are.
 struct Number {
     std::uint64_t value = 0;
     bool overflow = false;
-    bool whole = false;  // there are digits, and nothing behind them
+    bool whole = false;  // there are digits, and nothing after them
 };
 
 Number number_in(std::string_view text) {
@@ -70,7 +70,7 @@ void check_field(std::string_view file, std::string_view key) {
     if (want.rc == 0)
         require_equal(buffer.substr(0, buffer.find('\0')), want.value, "the value");
     else
-        require_equal(buffer, std::string(bootstrap_field_size, '#'), "the buffer behind a failure");
+        require_equal(buffer, std::string(bootstrap_field_size, '#'), "the buffer after a failure");
 }
 
 void check_unchecked_number(std::string_view file, const char *key, int (*get)(std::uint32_t *)) {
@@ -119,7 +119,7 @@ void check_pid(std::string_view file, std::size_t size) {
     require_equal(bootstrap_card_pid_get(pid.get(), &length), want.rc, "the result of the product's identifier");
     require_equal(static_cast<std::int64_t>(length), want.rc == 0 ? 0 : static_cast<std::int64_t>(size),
                   "the identifier's length");
-    require(pid[size] == '#', "a byte behind the identifier's buffer");
+    require(pid[size] == '#', "a byte after the identifier's buffer");
     if (want.rc != 0 || size == 0) return;
     require_equal(pid.get(), want.value.substr(0, size - 1), "the product's identifier");
 }

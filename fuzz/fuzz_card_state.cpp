@@ -77,15 +77,15 @@ cardsim::CardDescription make_card() {
 void check_reload(const cardsim::CardDescription &card, cardsim::CardState state) {
     const cardsim::CardState before = state;
     cardsim::reload(state);
-    require_equal(state.boot, before.boot + 1, "the boot behind a reload");
+    require_equal(state.boot, before.boot + 1, "the boot after a reload");
     for (std::size_t i = 0; i < state.regions.size(); ++i) {
         const cardsim::RegionState &was = before.regions[i];
         const cardsim::RegionState &is = state.regions[i];
         require(is.running == was.falls_back.value_or(was.programmed) && is.programmed == is.running &&
                     !is.falls_back && is.attempts == 0,
-                "a region behind a reload");
+                "a region after a reload");
     }
-    // The last boot of all has no number behind it that could be read.
+    // The last boot of all has no number after it that could be read.
     if (state.boot != 0) require_round_trip(card, state);
 }
 

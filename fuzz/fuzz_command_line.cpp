@@ -104,7 +104,7 @@ struct Options {
     bool help = false;
 };
 
-/// POSIX options, which may stand behind other arguments.
+/// POSIX options, which may stand after other arguments.
 Options options_of(const std::vector<std::string> &arguments) {
     Options options;
     for (std::size_t i = 0; i < arguments.size() && arguments[i] != "--"; ++i) {

@@ -92,7 +92,7 @@ void check_move(const std::string &latest, std::string_view lines) {
     require_equal(is_left, rc != 0, "the temporary log is gone exactly when it was moved");
     if (is_left) return require_equal(left, lines, "what is left of the temporary log");
     std::string after;
-    require(read_file(latest.c_str(), after), "the latest file behind a move");
+    require(read_file(latest.c_str(), after), "the latest file after a move");
     require_equal(after, before + std::string(lines), "the latest file's content");
 }
 
@@ -102,7 +102,7 @@ bool can_be_a_file(const std::string &name) {
 
 }  // namespace
 
-/// Lines, each a name; what is behind an empty one is the temporary log.
+/// Lines, each a name; what is after an empty one is the temporary log.
 void run_input(std::string_view bytes) {
     Input input{bytes};
     obfl_flash_release();

@@ -148,7 +148,7 @@ std::size_t marker_length(const std::set<const Fpd *> &records) {
     return length;
 }
 
-/// Behind the planning, whatever its result.
+/// After the planning, whatever its result.
 void take_plan() {
     check_card();
     run.planned = true;
@@ -235,7 +235,7 @@ void prepare_process() {
 
 }  // namespace
 
-/// The run's kind, and behind it what each call is answered, in the order of the calls.
+/// The run's kind, and after it what each call is answered, in the order of the calls.
 void run_input(std::string_view bytes) {
     constexpr std::array<std::uint32_t, 4> divisors = {1, 0, 7, UINT32_MAX};
     constexpr std::array modes = {0, 1, 1, 2, 3, -1, 4, 0};

@@ -76,7 +76,7 @@ struct Watch {
 };
 Watch watch;
 
-/// Whether the first bytes of what is there now, with what lasted of the file before behind them, can be this text up
+/// Whether the first bytes of what is there now, with what lasted of the file before after them, can be this text up
 /// to a NUL: any number of bytes may have reached the storage.
 bool can_be(std::string_view text, std::string_view now, std::string_view lasted) {
     if (c_string(now) == text) return true;
@@ -228,7 +228,7 @@ void check_writing(const Model &model, const std::string &before) {
     const bool exists = read_file(marker_path, content);
     if (model.all.empty()) {
         require_equal(rc, 0, "writing no entries");
-        require_equal(content, before, "the file behind writing no entries");
+        require_equal(content, before, "the file after writing no entries");
     } else if (model.whole()) {
         require_equal(rc, 0, "the result of writing");
         require_equal(content, model.all, "the file");

@@ -16,7 +16,7 @@ constexpr std::size_t most_progress_reports = 4;
 Input *input;
 std::map<std::pair<std::uint32_t, std::uint8_t>, FakeRegion> regions;
 
-/// One in sixteen, and never behind the input's end.
+/// One in sixteen, and never after the input's end.
 bool rarely() {
     return input->byte() >= 0xf0;
 }
@@ -150,7 +150,7 @@ int upgrade(BrdFpdUpgradeRequest *request, char *err_msg, std::size_t err_len) {
     return with_text(result(), err_msg, err_len);
 }
 
-/// The answer to the next command; it makes up the one behind it.
+/// The answer to the next command; it makes up the one after it.
 FakeCommand next_command() {
     FakeCommand command;
     command.rc = result();

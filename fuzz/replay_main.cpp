@@ -33,7 +33,7 @@ int replay(const std::set<fs::path> &files) {
             std::perror(path.c_str());
             return 1;
         }
-        // Behind a failure this is the last line, and tells which input it was.
+        // After a failure this is the last line, and tells which input it was.
         std::fprintf(stderr, "%s\n", path.c_str());
         run_input(input);
     }

@@ -24,7 +24,7 @@ void require(bool holds, const char *text, int line = __builtin_LINE());
 void require_equal(std::string_view found, std::string_view expected, const char *text, int line = __builtin_LINE());
 void require_equal(std::int64_t found, std::int64_t expected, const char *text, int line = __builtin_LINE());
 
-/// An input taken apart, from the front; behind its end there are zeros.
+/// An input taken apart, from the front; after its end there are zeros.
 struct Input {
     std::uint8_t byte();
     /// Two bytes, and four.

@@ -39,7 +39,7 @@ def places_of(path):
 
 class Reasons:
     """A file of reasons. Each has its `why`, its `file`, and by kind and function the texts it is about; a text that
-    stands there several times has its number behind it: KIND.FUNCTION = [["TEXT"], ["TEXT", 2]]."""
+    stands there several times has its number after it: KIND.FUNCTION = [["TEXT"], ["TEXT", 2]]."""
 
     def __init__(self, path):
         self.why, self.used = {}, set()
@@ -54,7 +54,7 @@ class Reasons:
                         self.why[key] = reason["why"]
 
     def of(self, kind, place, *more):
-        """Why; None: no reason is given. `more` are texts that stand behind the place's own."""
+        """Why; None: no reason is given. `more` are texts that stand after the place's own."""
         key = (kind, place.file, place.function, place.text, *more, *([place.occurrence] if place.occurrence else []))
         self.used.add(key)
         return self.why.get(key)

@@ -15,7 +15,7 @@ struct Region {
     std::string packaged = "1.1.0";  ///< of the image for a regular upgrade; empty: nothing is packaged
     std::string keys = {};           ///< of the region
     std::string image_keys = {};     ///< of that image
-    std::string tables = {};         ///< behind it: faults, other images
+    std::string tables = {};         ///< after it: faults, other images
 };
 
 /// The name of a region's packaged image.

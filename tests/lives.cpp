@@ -189,7 +189,7 @@ bool cut_off(RunEnd end) {
     return end == RunEnd::Killed || end == RunEnd::PowerLost;
 }
 
-/// What the scripts' record has behind the events of a run.
+/// What the scripts' record has after the events of a run.
 Lines scripts_behind(RunEnd end) {
     const std::string grub_reboot = "/usr/sbin/grub-reboot 'KALDOR-latest'";
     const std::string reset = "/usr/local/etc/reset_board.sh";
@@ -360,7 +360,7 @@ void LifeTest::expect_events(const Life &life) const {
     }
 }
 
-/// Punches of the watchdog while FPDs were upgraded, and those of a wait for the flash behind the end of that.
+/// Punches of the watchdog while FPDs were upgraded, and those of a wait for the flash after the end of that.
 struct Punches {
     std::ptrdiff_t upgrading = 0;
     std::ptrdiff_t waiting = 0;
@@ -377,7 +377,7 @@ Punches count_punches(const Lines &called) {
     return punches;
 }
 
-/// Each behind an event, as long as FPDs are upgraded, and before a line in the log, unless the run was cut off between
+/// Each after an event, as long as FPDs are upgraded, and before a line in the log, unless the run was cut off between
 /// them; one at least in every run.
 void LifeTest::expect_punches(const Life &life) const {
     const Lines all = events();

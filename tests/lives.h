@@ -40,7 +40,7 @@ struct Fate {
     ///     D done
     ///     F fails before its first report, G half-way, H at 100 percent
     ///     S silent from its start, T from half-way, U from 100 percent; X as S, and deaf to its cancellation
-    ///     K killed with the whole card, or the whole tool, behind its first report
+    ///     K killed with the whole card, or the whole tool, after its first report
     std::string attempts = {};
     std::string state = fate::done;
     RegionState versions = upgraded;

@@ -217,7 +217,7 @@ TEST_F(Dependencies, ThatNeverComeTakeWhateverWaitsForThemAlong) {
                      {"OnThree", "Three1", stays(fate::no_dependency)}},
          .errors = {circle("Two1", "Two2"), circle("Two2", "Two1"), circle("Three1", "Three2"),
                     circle("Three2", "Three3"), circle("Three3", "Three1"), circle("OnThree", "Three1")}},
-        {.what = "it is in the last queue, so that there is none behind it",
+        {.what = "it is in the last queue, so that there is none after it",
          .members = {{"Last", "", in_queue(15), sequence(15)},
                      {"OnLast", "Last", stays(fate::refused)},
                      {"TipOnLast", "OnLast", stays(fate::no_dependency)},

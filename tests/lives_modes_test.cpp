@@ -111,7 +111,7 @@ Life life_of(const Row &row) {
     return life;
 }
 
-/// What check_upgrade, list_upgrade and upgrade print, each with its status behind it.
+/// What check_upgrade, list_upgrade and upgrade print, each with its status after it.
 std::string answers_of(const Row &row) {
     std::string list;
     for (const Member &member : row.members) {
@@ -242,7 +242,7 @@ const std::vector<std::string> judged_twice = [] {
     return errors;
 }();
 
-/// Manufacturing goes on to its own firmware only behind a stage that found nothing.
+/// Manufacturing goes on to its own firmware only after a stage that found nothing.
 const std::vector<Row> manufacturing = {
     {.name = "NothingIsPlannedAtBootWhereNothingNeedsAnUnlockedPrimary",
      .mode = "\"mfg\"",

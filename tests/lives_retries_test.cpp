@@ -50,7 +50,7 @@ TEST_F(Retries, EveryRegionHasOneWhereverItFailsOrHangs) {
              "D",                                                         // nothing to be retried
              "FD", "FF", "GD", "GG", "HD", "HH",                          // failures
              "SD", "SS", "TD", "TT", "UD", "UU",                          // hangs
-             "FS", "SF", "FT", "SG", "HU", "TH", "FH", "ST", "GS", "UF",  // one behind the other
+             "FS", "SF", "FT", "SG", "HU", "TH", "FH", "ST", "GS", "UF",  // one after the other
              "XD", "XX", "XF",                                            // hangs that cannot be ended
          }) {
         add(settled(std::string("Phy") + attempts, attempts, 0));

@@ -215,7 +215,7 @@ Places places_of(const Steps &trace, Is is_it) {
     return places;
 }
 
-/// The n-th effect comes behind the n-th cause.
+/// The n-th effect comes after the n-th cause.
 void check_causes(const Steps &trace, const Places &causes, const Places &effects, std::vector<std::string> &broken) {
     for (std::size_t i = 0; i < effects.size(); ++i) {
         if (i >= causes.size()) {

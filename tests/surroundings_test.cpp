@@ -10,7 +10,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/// Two parts, the second behind the first: each is at work for a second.
+/// Two parts, the second after the first: each is at work for a second.
 class Surroundings : public CardTest {
   protected:
     void SetUp() override {

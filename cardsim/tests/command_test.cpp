@@ -271,16 +271,16 @@ TEST_F(CommandTest, AWatchdogScriptThatFailsIsNoPunch) {
     EXPECT_THAT(read_file(state_ / "scripts.log"), EndsWith("watchdog expired\n"));
 }
 
-TEST_F(CommandTest, ReportsALoudEnd) {
+TEST_F(CommandTest, ReportsAnAbort) {
     describe("echo 'cardsim: brd_fpd_upgrade: dirty byte 9' >>${CARDSIM_STATE:?}/abort.log; kill -ABRT $$");
     const Result first = boot();
     EXPECT_EQ(first.status, 4);
-    EXPECT_THAT(first.err, HasSubstr("boot 1: ended loudly: cardsim: brd_fpd_upgrade: dirty byte 9\n"));
+    EXPECT_THAT(first.err, HasSubstr("boot 1: aborted: cardsim: brd_fpd_upgrade: dirty byte 9\n"));
     describe("true");
-    EXPECT_EQ(boot().status, 0) << "an earlier loud end is past";
+    EXPECT_EQ(boot().status, 0) << "an earlier abort is past";
 }
 
-TEST_F(CommandTest, ALoudEndIsReportedAlsoWhenTheCardAsksForAReload) {
+TEST_F(CommandTest, AnAbortIsReportedAlsoWhenTheCardAsksForAReload) {
     describe("echo 'cardsim: x: y' >>${CARDSIM_STATE:?}/abort.log; /usr/local/etc/reset_board.sh");
     EXPECT_EQ(boot().status, 4);
 }
@@ -500,7 +500,7 @@ TEST_F(CommandTest, NothingOnTheTerminalIsObeyed) {
     write_file(card_ / "card.toml", startup);
     EXPECT_THAT(boot().out, HasSubstr(": true # \\x1b[2J\\n\\t:\n"));
     describe("printf 'cardsim: \\033[2J\\n' >>${CARDSIM_STATE:?}/abort.log");
-    EXPECT_THAT(boot().err, HasSubstr("ended loudly: cardsim: \\x1b[2J\n"));
+    EXPECT_THAT(boot().err, HasSubstr("aborted: cardsim: \\x1b[2J\n"));
     describe("/usr/local/etc/reset_board.sh $(printf '\\033[2J')");
     EXPECT_THAT(boot({"--max-boots", "1"}).out, HasSubstr("requested: /usr/local/etc/reset_board.sh '\\x1b[2J'\n"));
     fs::create_symlink("x", state_ / "log" / "\x1b[2J");

@@ -401,8 +401,8 @@ TEST_F(LibraryTest, TheHardwareLayerMayFailToStart) {
     EXPECT_EQ(library().brd_fru_hw_data_init(0, 0, &data, &handle), 0);
     EXPECT_EQ(library().brd_fru_hw_init(handle), 6);
     uint32_t count = 0;
-    expect_loud([&] { library().brd_group_fpd_num_fpds_get(7, &count); },
-                "brd_group_fpd_num_fpds_get: called before the hardware layer was started");
+    expect_abort([&] { library().brd_group_fpd_num_fpds_get(7, &count); },
+                 "brd_group_fpd_num_fpds_get: called before the hardware layer was started");
 }
 
 TEST_F(LibraryTest, AFaultMayHitOneCallOfOneBoot) {
@@ -433,33 +433,33 @@ TEST_F(LibraryTest, AFaultWithoutATextLeavesTheCallersTextAlone) {
     EXPECT_EQ(library().brd_intf_fpd_upgrade_cookie_get_upgrade_mode(&mode, nullptr, 0), 5);
 }
 
-TEST_F(LibraryTest, LoudWithoutACard) {
+TEST_F(LibraryTest, AbortsWithoutACard) {
     unsetenv("CARDSIM_CARD");
-    expect_loud([&] { library().brd_sb_attribute_flag_set(1); },
-                "no card: run this with `cardsim exec CARD -- COMMAND` (CARDSIM_CARD is not set)");
+    expect_abort([&] { library().brd_sb_attribute_flag_set(1); },
+                 "no card: run this with `cardsim exec CARD -- COMMAND` (CARDSIM_CARD is not set)");
     describe(card_table);
     unsetenv("CARDSIM_STATE");
     library();
     EXPECT_DEATH(library().brd_sb_attribute_flag_set(1), "^cardsim: no card: .*CARDSIM_STATE is not set\\)\n$");
 }
 
-TEST_F(LibraryTest, LoudWithABrokenCardOrState) {
+TEST_F(LibraryTest, AbortsWithABrokenCardOrState) {
     const auto call = [&] { library().brd_sb_attribute_flag_set(1); };
     write_file(state_directory() / state_file, "boot = 1\n");
-    expect_loud(call, (state_directory() / state_file).string() + ":1: the state needs the key 'auto_upgrade'");
+    expect_abort(call, (state_directory() / state_file).string() + ":1: the state needs the key 'auto_upgrade'");
     describe(card_table + "oops = 1\n");
-    expect_loud(call, std::string(getenv("CARDSIM_CARD")) + ":7: [card]: unknown key 'oops'");
+    expect_abort(call, std::string(getenv("CARDSIM_CARD")) + ":7: [card]: unknown key 'oops'");
 }
 
-TEST_F(LibraryTest, LoudWithASpeedThatIsNone) {
+TEST_F(LibraryTest, AbortsWithASpeedThatIsNone) {
     for (const char *speed : {"0", "-1", "1.5", "fast", "", "1000001"}) {
         setenv("CARDSIM_SPEED", speed, 1);
-        expect_loud([&] { library().brd_sb_attribute_flag_set(1); },
-                    std::string("CARDSIM_SPEED is '") + speed + "', not a whole number from 1 to 1000000");
+        expect_abort([&] { library().brd_sb_attribute_flag_set(1); },
+                     std::string("CARDSIM_SPEED is '") + speed + "', not a whole number from 1 to 1000000");
     }
 }
 
-TEST_F(LibraryTest, LoudWhenTheRecordCannotBeWritten) {
+TEST_F(LibraryTest, AbortsWhenTheRecordCannotBeWritten) {
     // Long enough that the limit below strikes the record alone.
     write_file(state_directory() / calls_log, std::string(100000, '\n'));
     EXPECT_EQ(library().brd_sb_attribute_flag_set(1), 0);

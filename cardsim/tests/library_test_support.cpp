@@ -64,7 +64,7 @@ void *Library::find(const char *name) const {
 }
 
 LibraryTest::LibraryTest() {
-    // The loud ends that are expected leave no core files behind.
+    // The aborts that are expected leave no core files behind.
     const rlimit no_core = {0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
     std::filesystem::create_directories(package());
@@ -113,15 +113,15 @@ std::vector<std::string> LibraryTest::recorded() const {
     return lines_of(read_file(state_directory() / calls_log));
 }
 
-void LibraryTest::expect_loud(const std::function<void()> &call, const std::string &line) {
+void LibraryTest::expect_abort(const std::function<void()> &call, const std::string &line) {
     library();
     std::filesystem::remove(state_directory() / abort_log);
     EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGABRT), ::testing::HasSubstr("cardsim: " + line + "\n"));
     EXPECT_EQ(read_file(state_directory() / abort_log), "cardsim: " + line + "\n");
 }
 
-void LibraryTest::expect_all_loud(const std::string &reason, const std::vector<NamedCall> &calls) {
-    for (const NamedCall &call : calls) expect_loud(call.call, call.function + std::string(": ") + reason);
+void LibraryTest::expect_all_abort(const std::string &reason, const std::vector<NamedCall> &calls) {
+    for (const NamedCall &call : calls) expect_abort(call.call, call.function + std::string(": ") + reason);
 }
 
 FruHwData LibraryTest::identity() const {

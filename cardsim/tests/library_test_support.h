@@ -101,9 +101,9 @@ class LibraryTest : public ::testing::Test {
     std::vector<std::string> recorded() const;
 
     /// The call ends the process with this line on standard error and in the card's abort.log.
-    void expect_loud(const std::function<void()> &call, const std::string &line);
+    void expect_abort(const std::function<void()> &call, const std::string &line);
     /// Each call ends the process with the line "FUNCTION: REASON".
-    void expect_all_loud(const std::string &reason, const std::vector<NamedCall> &calls);
+    void expect_all_abort(const std::string &reason, const std::vector<NamedCall> &calls);
 
     FruHwData identity() const;
     /// The card's own: 1.2.

@@ -71,7 +71,7 @@ unsigned state_number(const std::string &name) {
     return static_cast<unsigned>(found - names.begin());
 }
 
-/// The text between two others, from `at` on, which goes on behind the second; nothing when they are not there.
+/// The text between two others, from `at` on, which goes on after the second; nothing when they are not there.
 std::optional<std::string> between(const std::string &text, const std::string &before, const std::string &behind,
                                    std::size_t &at) {
     const std::size_t begin = text.find(before, at);
@@ -331,7 +331,7 @@ Observation observe(const Card &card, const Prediction &prediction, unsigned spe
     read_event_log(state / "flash/fpd_local_log_1.txt", "flash", seen.facts);
     read_event_log(state / "log/fpd_obfl_log.txt", "temporary log", seen.facts);
     read_end_state(state, seen.facts);
-    add_text(seen.facts, "loud ends", card_tests::read_file(state / "abort.log"));
+    add_text(seen.facts, "aborts", card_tests::read_file(state / "abort.log"));
     check_chains(log, seen.broken_rules);
     check_order(card, log, seen.broken_rules);
     check_reports(log, seen.broken_rules);

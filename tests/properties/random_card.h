@@ -82,7 +82,7 @@ struct CallFault {
 enum class MarkerBefore { None, Same, SameAndMore, Other, Garbage, Empty };
 
 struct Card {
-    std::string command = "upgrade";  ///< behind -c
+    std::string command = "upgrade";  ///< after -c
     bool backend = false;
     bool lives = false;  ///< booted until it is up, otherwise the command is run once
     unsigned hw_major = 1;

@@ -282,11 +282,11 @@ BootEnd boot_once(const CardPlace &place, const StateDirectory &state, const Pow
 }
 
 /// What follows from the end of a boot: an exit status, or nothing when the card reloads.
-std::optional<int> judge(const StateDirectory &state, uint32_t boot, const BootEnd &end, std::uintmax_t loud_before) {
+std::optional<int> judge(const StateDirectory &state, uint32_t boot, const BootEnd &end, std::uintmax_t aborts_before) {
     if (end.why == BootEnd::Why::Interrupted) return 128 + caught_signal;
-    if (state.size(abort_log) != loud_before) {
-        complain(boot, "ended loudly: " + state.line(abort_log, loud_before));
-        return boot_loud_end;
+    if (state.size(abort_log) != aborts_before) {
+        complain(boot, "aborted: " + state.line(abort_log, aborts_before));
+        return boot_aborted;
     }
     if (end.why == BootEnd::Why::WatchdogExpired) {
         state.append(scripts_log, "watchdog expired\n");
@@ -300,7 +300,7 @@ std::optional<int> judge(const StateDirectory &state, uint32_t boot, const BootE
     if (ended_by_signal(end.status)) {
         complain(boot, "the start-up command was killed by signal " + std::to_string(end.status - 128) + " (" +
                            strsignal(end.status - 128) + ")");
-        return boot_loud_end;
+        return boot_aborted;
     }
     if (end.status != 0) return boot_command_failed;
     tell(boot, "the card is up");
@@ -335,9 +335,9 @@ int boot_card(const CardPlace &place, const Power &power, uint32_t max_boots) {
     for (uint32_t count = 1;; ++count) {
         use.set_last_boot(boot);
         tell(boot, (count == 1 ? "power on: " : "reload: ") + place.description.startup);
-        const std::uintmax_t loud_before = state.size(abort_log);
+        const std::uintmax_t aborts_before = state.size(abort_log);
         const BootEnd end = boot_once(place, state, power, boot);
-        if (const std::optional<int> status = judge(state, boot, end, loud_before)) return *status;
+        if (const std::optional<int> status = judge(state, boot, end, aborts_before)) return *status;
         if (count == max_boots) break;
         boot = reload_card(place, state);
     }

@@ -14,7 +14,7 @@ namespace cardsim {
 inline constexpr int boot_is_up = 0;
 inline constexpr int boot_command_failed = 1;  ///< the last boot's start-up command ended with a status other than 0
 inline constexpr int boot_limit_reached = 3;   ///< the last allowed boot asked for a reload as well
-inline constexpr int boot_loud_end = 4;        ///< a call that the card does not forgive, or a signal
+inline constexpr int boot_aborted = 4;         ///< a call that the card does not forgive, or a signal
 
 /// How a card is powered.
 struct Power {

@@ -38,7 +38,7 @@ Descriptor open_for_append(const StateDirectory &directory, const char *name) {
 std::string environment(const char *name) {
     const char *value = std::getenv(name);
     if (value == nullptr || *value == '\0') {
-        end_loudly(nullptr,
+        abort_call(nullptr,
                    "no card: run this with `cardsim exec CARD -- COMMAND` (" + std::string(name) + " is not set)");
     }
     return value;
@@ -53,7 +53,7 @@ uint32_t speed_from_environment() {
     const char *end = text + std::strlen(text);
     const auto [stop, failure] = std::from_chars(text, end, speed);
     if (failure != std::errc() || stop != end || speed < 1 || speed > max_speed) {
-        end_loudly(nullptr, "CARDSIM_SPEED is '" + std::string(text) + "', not a whole number from 1 to " +
+        abort_call(nullptr, "CARDSIM_SPEED is '" + std::string(text) + "', not a whole number from 1 to " +
                                 std::to_string(max_speed));
     }
     return speed;
@@ -76,7 +76,7 @@ Card *make_card_or_end() {
     try {
         return make_card();
     } catch (const std::exception &reason) {
-        end_loudly(nullptr, reason.what());
+        abort_call(nullptr, reason.what());
     }
 }
 
@@ -150,11 +150,11 @@ void Call::begin() const {
 void Call::record(const std::string &outcome) const {
     const std::string line = std::string(function) + (arguments.empty() ? "" : " ") + arguments + " " + outcome + "\n";
     if (!append_line(card.calls_log.get(), line)) {
-        end_loudly(function, "its record cannot be written");
+        abort_call(function, "its record cannot be written");
     }
 }
 
-void end_loudly(const char *function, const std::string &reason) {
+void abort_call(const char *function, const std::string &reason) {
     const std::string text = (function == nullptr ? "" : std::string(function) + ": ") + reason;
     const std::string line = "cardsim: " + printable(text) + "\n";
     append_line(STDERR_FILENO, line);
@@ -170,7 +170,7 @@ void end_loudly(const char *function, const std::string &reason) {
 
 void require(const Call &call, bool holds, const std::string &reason) {
     if (!holds) {
-        end_loudly(call.function, reason);
+        abort_call(call.function, reason);
     }
 }
 
@@ -185,7 +185,7 @@ void require_group(const Call &call, uint32_t group_id) {
 void require_clean_text(const Call &call, const char *field, const char *text, size_t size) {
     const size_t length = strnlen(text, size);
     require(call, length < size, std::string(field) + " does not end with a NUL");
-    require_zero(call, (std::string(field) + " behind its NUL").c_str(), text + length, size - length);
+    require_zero(call, (std::string(field) + " after its NUL").c_str(), text + length, size - length);
 }
 
 void require_zero(const Call &call, const char *field, const void *bytes, size_t size) {
@@ -210,7 +210,7 @@ CardState state_of(const Call &call) {
     try {
         return load_state(call.card.state_directory, call.card.description);
     } catch (const std::exception &reason) {
-        end_loudly(call.function, reason.what());
+        abort_call(call.function, reason.what());
     }
 }
 
@@ -222,7 +222,7 @@ void change_state(const Call &call, const std::function<void(CardState &)> &chan
         change(state);
         save_state(directory, state);
     } catch (const std::exception &reason) {
-        end_loudly(call.function, reason.what());
+        abort_call(call.function, reason.what());
     }
 }
 

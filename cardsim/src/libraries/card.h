@@ -52,7 +52,7 @@ enum class Callers { OneThread, AnyThread };
 /// another guard lifts `uncancelled`; a call that is cancelled there is recorded as such.
 class Call {
   public:
-    /// Ends the process loudly when there is no card or when this thread must not call the function.
+    /// Aborts the process when there is no card or when this thread must not call the function.
     Call(const char *function, Callers callers);
     ~Call();
     Call(const Call &) = delete;
@@ -80,11 +80,11 @@ class Call {
 
 /// One line "cardsim: FUNCTION: REASON" on standard error and in the card's abort.log, then abort(). The function may
 /// be null: what is wrong is wrong for all of them.
-[[noreturn]] void end_loudly(const char *function, const std::string &reason);
-/// Ends the process loudly unless `holds`.
+[[noreturn]] void abort_call(const char *function, const std::string &reason);
+/// Aborts the process unless `holds`.
 void require(const Call &call, bool holds, const std::string &reason);
 
-/// What must hold of the arguments that many functions share; each ends the process loudly otherwise.
+/// What must hold of the arguments that many functions share; each aborts the process otherwise.
 void require_error_buffer(const Call &call, const char *err_msg, size_t err_len);
 void require_group(const Call &call, uint32_t group_id);
 /// A text that ends within `size` bytes with nothing but zeros after it.
@@ -94,9 +94,9 @@ void require_zero(const Call &call, const char *field, const void *bytes, size_t
 /// Counts this call of the function. The described fault that it ends with; null: the call goes its way.
 const CallFault *fault_of(const Call &call);
 
-/// The state as it is now; ends the process loudly when that is broken.
+/// The state as it is now; aborts the process when that is broken.
 CardState state_of(const Call &call);
-/// Changes the state and saves it before anybody else may change it; ends the process loudly when that fails.
+/// Changes the state and saves it before anybody else may change it; aborts the process when that fails.
 void change_state(const Call &call, const std::function<void(CardState &)> &change);
 
 /// A copy of the text that stays where it is for the life of the process.

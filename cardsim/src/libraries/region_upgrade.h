@@ -16,8 +16,8 @@ struct RegionUpgrade {
 };
 
 /// Counts the attempt, reads the whole image, takes the described time in steps, reports each of them on this thread
-/// and makes the image's version the programmed one. Throws Error with the code of the failure. Ends the
-/// process loudly when the region is being programmed already.
+/// and makes the image's version the programmed one. Throws Error with the code of the failure. Aborts the
+/// process when the region is being programmed already.
 /// Waits and reports are cancellation points; no lock is held in them, and a cancelled upgrade leaves the region as it
 /// was and free for the next attempt.
 void upgrade_region(const Call &call, const RegionUpgrade &upgrade);

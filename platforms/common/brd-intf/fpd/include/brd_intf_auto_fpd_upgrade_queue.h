@@ -28,7 +28,7 @@ void free_fpd(Fpd *fpd);
 /// Appends a record. EEXIST when its name is already there, EINVAL when it is linked in a queue (its tail excepted,
 /// which cannot be told from an unlinked record).
 int add_fpd_queue(FpdQueue *queue, Fpd *fpd, char *err_msg, std::size_t err_len);
-/// Unlinks the record if it is the first, else the first record of its name behind the head. EINVAL when the queue is
+/// Unlinks the record if it is the first, else the first record of its name after the head. EINVAL when the queue is
 /// empty; ENOENT, with err_msg left alone, when there is none.
 int rm_fpd_queue(FpdQueue *queue, Fpd *fpd, char *err_msg, std::size_t err_len);
 /// Removes from one queue and appends to the other; failures are logged only, the result is always 0.

@@ -19,7 +19,7 @@ constexpr const char *bootstrap_file = "/dev/kd_bootstrap";
 constexpr int open_retries = 3;
 constexpr std::uint32_t open_retry_period = 1'000'000;  // µs
 
-/// The line being read: its characters go to the key, and behind '=' to the value.
+/// The line being read: its characters go to the key, and after '=' to the value.
 struct KeyLine {
     char key[bootstrap_field_size];
     char value[bootstrap_field_size];

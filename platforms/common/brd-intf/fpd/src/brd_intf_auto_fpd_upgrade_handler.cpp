@@ -193,7 +193,7 @@ struct FloodTime {
 
 void drain_worker_messages(LocalCard &card) {
     // What may wait at this moment: a queue full, and a report of each worker that waits for room. Whoever sent one of
-    // these must not look stuck to the supervision. Behind them, reports without end must not keep it from its work.
+    // these must not look stuck to the supervision. After them, reports without end must not keep it from its work.
     const std::int64_t waiting = std::int64_t{fpd_mq_max_messages} + card.planned_count;
     FloodTime flood;
     for (std::int64_t count = 1;; ++count) {
@@ -222,7 +222,7 @@ struct ProgressCheck {
     const char *retry_tag;
     const char *event_tag;     // of a failure to send it
     const char *event;         // takes the name; in 'FPD Upgrade Progressing' the progress before it
-    const char *cancel_event;  // OBFL text; takes name and packaged version, and the progress behind them
+    const char *cancel_event;  // OBFL text; takes name and packaged version, and the progress after them
     const char *failure_tag;   // of the pass
     const char *failure;
 };

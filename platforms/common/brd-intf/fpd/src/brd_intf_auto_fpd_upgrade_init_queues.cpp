@@ -152,7 +152,7 @@ void leave_unplanned(Fpd &fpd) {
 
 enum class Dependency {
     resolved,  // or there is none
-    waiting,   // the FPD was moved to the tail, behind what it depends on
+    waiting,   // the FPD was moved to the tail, after what it depends on
     failed,
 };
 

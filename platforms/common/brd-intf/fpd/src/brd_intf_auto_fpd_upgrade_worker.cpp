@@ -183,7 +183,7 @@ bool is_ending(FpdWorkerCtx &worker) {
 }
 
 /// Joins the thread if it ends; each look at one that still runs takes one of the looks that are left. A thread may be
-/// held up for ever even behind the worker's last line: by what the platform library does at the end of a thread.
+/// held up for ever even after the worker's last line: by what the platform library does at the end of a thread.
 bool join(pthread_t thread, unsigned &looks_left) {
     while (pthread_tryjoin_np(thread, nullptr) == EBUSY) {
         if (looks_left == 0) return false;

@@ -19,7 +19,7 @@ constexpr LogModule here{"LED", __FILE__};
 constexpr std::uint32_t status_led_type = 1;
 constexpr const char *status_led_name = "Status";
 
-// Indexed by value; 0 and what lies behind the tables is unknown.
+// Indexed by value; 0 and what lies beyond the tables is unknown.
 constexpr std::array<const char *, 4> state_names = {"'Unknown'", "'OFF'", "'STEADY'", "'BLINK'"};
 constexpr std::array<const char *, 6> color_names = {"'Unknown'", "'RED'", "'GREEN'", "'BLUE'", "'AMBER'", "'YELLOW'"};
 

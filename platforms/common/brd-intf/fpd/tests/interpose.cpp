@@ -85,7 +85,7 @@ std::size_t give_memory_back(const void *memory) {
     const std::size_t size = give_back(memory);
     const char *const end = static_cast<const char *>(memory) + size;
     if (size != 0 && std::count(end, end + guard_size, filling) != guard_size) {
-        std::fprintf(stderr, "written behind the end of %zu bytes\n", size);
+        std::fprintf(stderr, "written after the end of %zu bytes\n", size);
         std::abort();
     }
     return size;

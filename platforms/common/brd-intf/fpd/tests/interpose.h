@@ -74,7 +74,7 @@ void before_each(Call call, std::function<void()> before);
 void on_sleep(std::function<void(std::uint64_t microseconds)> instead);
 
 /// Pieces of memory and compiled patterns that the modules and the tests took and have not given back. Who writes
-/// behind the end of one ends the process when it is given back.
+/// after the end of one ends the process when it is given back.
 std::size_t held();
 
 /// Disarms everything.

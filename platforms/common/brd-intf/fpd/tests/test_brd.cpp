@@ -173,7 +173,7 @@ TEST_F(BrdCardInit, ReadsEachKeyInItsTurnUpToTheFirstThatIsNotThere) {
         interpose::reset();
         interpose::fail(Call::stat, ENOENT, nth);
         expect_failed_read(-38, tag, message);
-        EXPECT_EQ(interpose::calls(Call::stat), nth) << "nothing is read behind the failure";
+        EXPECT_EQ(interpose::calls(Call::stat), nth) << "nothing is read after the failure";
     }
 }
 

@@ -540,7 +540,7 @@ TEST_P(Limit, IsNotCheckedWithoutAClock) {
 
 TEST_P(Limit, IsNotOverWhenTheWorkerReportedMeanwhile) {
     interpose::advance_clock(GetParam().limit);
-    // While the pass waited for a script of another FPD, behind the drain of the main loop.
+    // While the pass waited for a script of another FPD, after the drain of the main loop.
     report(&worker, FpdState::upgrade_progressing, 50);
     supervise_fpd_upgrades(card);
     EXPECT_EQ(interpose::calls(Call::pthread_cancel), 0U);
@@ -1264,7 +1264,7 @@ TEST_F(UpgradeRun, SupervisesWithoutAClock) {
 
 TEST_F(UpgradeRun, SupervisesAgainWhenItDoesNotKnowWhenItDid) {
     plan_marked("IoFpga");
-    interpose::fail(Call::clock_gettime, EINVAL, 3);  // behind the loop's reading and the worker's state
+    interpose::fail(Call::clock_gettime, EINVAL, 3);  // after the loop's reading and the worker's state
     on_tick = [this] {
         if (sleeps.size() == 1) {
             EXPECT_EQ(time_text(card.last_check_time), "0.0");

@@ -56,7 +56,7 @@ struct Obfl : RunTest {
             set_mounted(mounts);
         };
     }
-    /// Writes the first line, behind which the mount thread comes to its end.
+    /// Writes the first line, after which the mount thread comes to its end.
     static void write_first_line(bool mounts = true) {
         const Gate gate;
         mount_waits(gate, mounts);

@@ -15,7 +15,7 @@ void name_record(Fpd &fpd, const char *name) {
     std::strcpy(fpd.info.name, name);
 }
 
-/// Records of these names, linked behind one another without a word in the log.
+/// Records of these names, linked after one another without a word in the log.
 struct Chain {
     explicit Chain(const std::vector<const char *> &names) : records(names.size()) {
         for (std::size_t i = 0; i < names.size(); ++i) {

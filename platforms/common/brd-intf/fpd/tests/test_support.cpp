@@ -26,7 +26,7 @@ void clean_card() {
     write_file(bootstrap_path, default_bootstrap_text());
 }
 
-/// Where the next line begins, from `from` on: behind a newline that a time stamp and a process id follow.
+/// Where the next line begins, from `from` on: after a newline that a time stamp and a process id follow.
 std::size_t next_line(const std::string &text, std::size_t from) {
     static const std::regex start(R"(\n\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{1,6} [^\]]*\] \[\d+:\d+\] )");
     std::smatch match;
@@ -101,7 +101,7 @@ void record_seen_lines() {
     for (const LogLine &line : parse_log(read_file(diagnostic_log_path)).lines) record_line("seen", line);
 }
 
-/// Behind all the other matchers of a line: reached when the line is as they say.
+/// After all the other matchers of a line: reached when the line is as they say.
 MATCHER(GoesOnRecord, "") {
     if (catalogue::recording()) record_line("compared", arg);
     return true;
