@@ -44,7 +44,7 @@ TEST_P(PowerLoss, IsMadeUpForByTheNextBoot) {
         begin_upgrade("", row.met) + "kill -STOP $!; wait";
     const auto seconds = [&](const Fate &fate) { return fate.name == row.met ? slow : quick; };
     describe({.keys = "startup = '''" + startup + "'''",
-              .tables = "[obfl]\nmount_time = 10.0\n[watchdog]\ntimeout = 30.0\n",
+              .tables = "[obfl]\nmount_time = 10.0\n[watchdog]\ntimeout = 60.0\n",
               .fpds = fpd(10, {part(row.fates[0], seconds(row.fates[0])),
                                part(row.fates[1], seconds(row.fates[1]), row.fates[0].name)})});
     const Result result = boot(life_speed);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -70,6 +71,7 @@ TEST_F(DiagnosticLog, AppendsTheFieldsInTheirOrderWithoutThoseThatAreNull) {
         {"FPD", "INFO", nullptr, "file", 7, "m", " [FPD] [INFO] [file:7] [m]\n"},
         {"FPD", "INFO", "Tag", nullptr, 1234, "m", " [FPD] [INFO] [Tag] [m]\n"},
         {nullptr, nullptr, nullptr, "file", 0, "m", " [file:0] [m]\n"},
+        {nullptr, nullptr, nullptr, "file", INT_MIN, "m", " [file:-2147483648] [m]\n"},
         {"FPD", "INFO", "", "file", 1, "", " [FPD] [INFO] [] [file:1] []\n"},
         {"FPD", "INFO", "Tag", nullptr, 0, "one\ntwo\n", " [FPD] [INFO] [Tag] [one\ntwo\n]\n"},
     };
