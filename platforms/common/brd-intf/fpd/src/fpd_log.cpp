@@ -41,16 +41,17 @@ void add_field(TextBuilder &line, const char *field) {
     line.add_text("]");
 }
 
-/// Both are asked for once: each line would cost two system calls more.
-int process_id() {
-    static const int id = getpid();
-    return id;
-}
-int thread_id() {
+struct Ids {
+    int process;
+    int thread;
+};
+
+/// Asked for once a thread: each line would cost two system calls more.
+const Ids &ids_of_this_thread() {
     // Of the executable's own: no call into the dynamic loader.
-    [[gnu::tls_model("initial-exec")]] thread_local int id = 0;
-    if (id == 0) id = static_cast<int>(syscall(SYS_gettid));
-    return id;
+    [[gnu::tls_model("initial-exec")]] thread_local Ids ids{};
+    if (ids.thread == 0) ids = {getpid(), static_cast<int>(syscall(SYS_gettid))};
+    return ids;
 }
 
 /// What all lines of one second have in common. To work it out costs more than the rest of a line.
@@ -94,9 +95,10 @@ void add_timestamp(TextBuilder &line) {
     line.add_text("[");
     add_timestamp(line);
     line.add_text("] [");
-    line.add_number(process_id());
+    const Ids &ids = ids_of_this_thread();
+    line.add_number(ids.process);
     line.add_text(":");
-    line.add_number(thread_id());
+    line.add_number(ids.thread);
     line.add_text("]");
     add_field(line, component);
     add_field(line, level);

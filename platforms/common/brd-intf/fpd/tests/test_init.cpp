@@ -810,6 +810,18 @@ TEST_F(InfoRefresh, KeepsTheNameOfAnFpdThatTurnsIntoAPlannedOne) {
     EXPECT_STREQ(fpd.info.name, "IoFpga");
 }
 
+TEST_F(InfoRefresh, TakesANewNameThatNobodyHas) {
+    Fpd &fpd = plan("IoFpga");
+    plan("Bios");
+    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
+                                          std::size_t) {
+        *info = make_region("NewName").info;
+        return 0;
+    };
+    EXPECT_EQ(fpd_info_refresh(card, fpd, err_msg, sizeof err_msg), 0);
+    EXPECT_STREQ(fpd.info.name, "NewName");
+}
+
 TEST_F(LoadFpds, LoadsNothingOfAnFpdWhoseRegionsAreNotCounted) {
     fake_platform().brd_fpd_num_regions_get = [](auto...) { return 0; };
     std::strcpy(err_msg, "left by an earlier call");

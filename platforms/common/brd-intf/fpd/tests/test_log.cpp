@@ -287,6 +287,14 @@ TEST_F(DiagnosticLog, LeavesTheThreadsCancellationAsItWas) {
     EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
 }
 
+TEST(Fits, WhatSnprintfWroteWholeWithItsEnd) {
+    EXPECT_TRUE(fits(0, 1));
+    EXPECT_TRUE(fits(9, 10));
+    EXPECT_FALSE(fits(10, 10));
+    EXPECT_FALSE(fits(0, 0));
+    EXPECT_FALSE(fits(-1, 10));
+}
+
 struct LogTimestamp : CardTest {
     static std::string at(suseconds_t microseconds, const char *zone) {
         use_zone(zone);
