@@ -155,6 +155,7 @@ int parse_file_number(const LogFileRegex &regex, const char *name, std::uint32_t
     const int rc = regexec(&regex.compiled, name, std::size(matches), matches, 0);
     if (rc != 0) return regex_failed(EINVAL, rc, regex, err_msg, err_len);
     const regmatch_t &group = matches[1];
+    if (group.rm_so < 0) return EINVAL;
     *number = number_from(name + group.rm_so, name + group.rm_eo);
     return 0;
 }

@@ -70,12 +70,13 @@ SecondText text_of(std::time_t second) {
     return text;
 }
 
-void write_timestamp(const SecondText &text, suseconds_t microseconds, char (&buffer)[timestamp_size]) {
+/// Into a buffer of timestamp_size bytes.
+void write_timestamp(const SecondText &text, suseconds_t microseconds, char *buffer) {
     // The fraction is without leading zeros: readers of existing logs depend on it.
     const int used =
-        std::snprintf(buffer, sizeof buffer, "%s.%ld", text.date_and_time, static_cast<long>(microseconds));
+        std::snprintf(buffer, timestamp_size, "%s.%ld", text.date_and_time, static_cast<long>(microseconds));
     // A time without its zone tells more than one with a part of its name.
-    if (static_cast<std::size_t>(used) + std::strlen(text.zone) < sizeof buffer) std::strcpy(buffer + used, text.zone);
+    if (static_cast<std::size_t>(used) + std::strlen(text.zone) < timestamp_size) std::strcpy(buffer + used, text.zone);
 }
 
 void add_timestamp(TextBuilder &line) {
@@ -126,9 +127,7 @@ void fpd_log_timestamp(char *buffer, std::size_t size) {
     if (size < timestamp_size) return;
     timeval now{};
     gettimeofday(&now, nullptr);
-    char timestamp[timestamp_size];
-    write_timestamp(text_of(now.tv_sec), now.tv_usec, timestamp);
-    std::memcpy(buffer, timestamp, sizeof timestamp);
+    write_timestamp(text_of(now.tv_sec), now.tv_usec, buffer);
 }
 
 void fpd_log(const char *component, const char *level, const char *tag, const char *file, int line, const char *format,
