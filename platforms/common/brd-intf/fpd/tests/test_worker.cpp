@@ -55,6 +55,9 @@ struct Worker : RunTest {
         EXPECT_EQ(start(fpd), 0) << err_msg;
         FpdWorkerCtx &worker = *fpd.worker;
         EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        // What it reports last is not yet the end of its thread.
+        clockid_t clock;
+        EXPECT_TRUE(eventually([&] { return pthread_getcpuclockid(worker.thread, &clock) == ESRCH; }));
         return worker;
     }
 };
