@@ -120,8 +120,7 @@ void fpd_log_timestamp(char *buffer, std::size_t size) {
     gettimeofday(&now, nullptr);
     TextBuilder text;
     add_timestamp(text, text_of(now.tv_sec), now.tv_usec);
-    text.view().copy(buffer, timestamp_size - 1);
-    buffer[text.view().size()] = '\0';
+    std::snprintf(buffer, timestamp_size, "%s", text.text());
 }
 
 void fpd_log(const char *component, const char *level, const char *tag, const char *file, int line, const char *format,
