@@ -136,6 +136,8 @@ TEST_F(ContextInit, FailsWithoutAnyPartOfTheCard) {
         write_file(bootstrap_path, default_bootstrap_text());
         arrange();
         expect_failure(-13, tag, text);
+        EXPECT_EQ(fake_platform().calls_of("brd_local_card_group_id_get").empty(),
+                  std::string_view(tag) == "InitLocalCardBrdIntfInitFail");
     }
 }
 
