@@ -125,9 +125,9 @@ Verdict verdict_of_queued(const Region &region, const Run &run) {
     if (run.skipped_by_marker) return {Outcome::planned, "the same FPDs and versions were tried on the boot before"};
     if (!run.failure.empty()) return {Outcome::planned, plan + ", but the run failed: " + run.failure};
     if (!run.upgrades) return {Outcome::planned, plan};
-    return {Outcome::unfinished, "the log ends while it waited for its " +
-                                     std::string(region.attempts.empty() ? "upgrade" : "second attempt") +
-                                     first_attempt_text(region)};
+    const std::string waited = "the log ends while it waited for its ";
+    if (region.attempts.empty()) return {Outcome::unfinished, waited + "upgrade"};
+    return {Outcome::unfinished, waited + "second attempt; the first attempt " + attempt_text(region.attempts.front())};
 }
 
 }  // namespace

@@ -166,7 +166,7 @@ TEST(LogFile, OfARotatedSetGoesOnWhereTheLastEnded) {
 
 TEST(FlashLog, HasItsEventsTakenApart) {
     const auto start = fpd_log::parse_flash_line(
-        "2026-11-22 06:00:00 UTC [Bootup FPD] FPD 'Io Fpga' Start upgrading to version 1.12.0 ToolRun version 1.11.0 "
+        "2026-11-22 06:00:00 UTC [Bootup FPD] FPD 'Io Fpga' Start upgrading to version 1.12.0 Run version 1.11.0 "
         "Programmed version 1.10.0");
     ASSERT_TRUE(start);
     EXPECT_EQ(start->time, first_time);
@@ -179,7 +179,7 @@ TEST(FlashLog, HasItsEventsTakenApart) {
         const auto event = fpd_log::parse_flash_line("2026-11-22 06:00:00 UTC [Bootup FPD] " + text);
         return event ? std::string(flash_event_key(event->kind)) + " " + event->region + " " + event->version : "none";
     };
-    EXPECT_EQ(kind_of("FPD 'A' Retry upgrading to version 2 ToolRun version 1 Programmed version 1"), "start A 2");
+    EXPECT_EQ(kind_of("FPD 'A' Retry upgrading to version 2 Run version 1 Programmed version 1"), "start A 2");
     EXPECT_EQ(kind_of("FPD 'A' Started to upgrade version 2"), "started A 2");
     EXPECT_EQ(kind_of("FPD 'A' Upgraded to version 2"), "upgraded A 2");
     EXPECT_EQ(kind_of("FPD 'A' Failed to upgrade version 2"), "failed A 2");
