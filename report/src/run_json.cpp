@@ -100,6 +100,7 @@ Json run_json(const fpd_log::Run &run, const std::optional<std::vector<fpd_log::
                    {"finished", run.finished},
                    {"reload_requested", run.reload_requested},
                    {"skipped_by_marker", run.skipped_by_marker},
+                   {"disabled", run.disabled},
                    {"stage", valid_utf8(run.stage)},
                    {"failure", valid_utf8(run.failure)},
                    {"regions", array_of(run.regions, region_json)},

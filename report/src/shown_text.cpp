@@ -172,8 +172,10 @@ std::vector<std::string> wrapped(std::string_view shown_text, std::size_t width)
 }
 
 std::string label_value(std::string_view text) {
+    std::string told_apart;  // a backslash of the text from one of `shown`
+    for (const char byte : text) told_apart += byte == '\\' ? std::string(2, byte) : std::string(1, byte);
     std::string result;
-    for (const char byte : shown(text)) {
+    for (const char byte : shown(told_apart)) {
         if (byte == '\\' || byte == '"') result += '\\';
         result += byte;
     }

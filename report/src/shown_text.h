@@ -25,7 +25,7 @@ std::string fitted(std::string_view shown_text, std::size_t width);
 /// `shown` text in lines of at most `width` columns, cut between words where there are any.
 std::vector<std::string> wrapped(std::string_view shown_text, std::size_t width);
 
-/// The value of a label in the metrics, without its quotes: `shown`, with "\\" and "\"" for a backslash and a quote.
+/// The value of a label in the metrics, without its quotes. Different texts of UTF-8 have different values.
 std::string label_value(std::string_view text);
 
 }  // namespace fpd_report

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <ctime>
 
 namespace fpd_report {
@@ -16,9 +17,20 @@ constexpr std::array outcome_order = {
     Outcome::upgraded,   Outcome::current,  Outcome::not_considered,
 };
 
-bool has_event(const fpd_log::Run &run, fpd_log::EventKind kind) {
-    return std::any_of(run.events.begin(), run.events.end(),
-                       [kind](const fpd_log::Event &event) { return event.kind == kind; });
+constexpr const char *no_time = "no time";
+constexpr fpd_log::Time second = 1'000'000;
+
+std::time_t whole_seconds(fpd_log::Time time) {
+    return time / second - (time % second < 0 ? 1 : 0);
+}
+
+std::string formatted(fpd_log::Time time, const char *format) {
+    if (time == 0) return no_time;
+    const std::time_t seconds = whole_seconds(time);
+    std::tm parts{};
+    char text[64];
+    if (gmtime_r(&seconds, &parts) == nullptr || strftime(text, sizeof text, format, &parts) == 0) return no_time;
+    return text;
 }
 
 std::string counted(std::size_t count, const char *one, const char *more) {
@@ -38,6 +50,11 @@ std::string regions_text(const fpd_log::Run &run) {
 
 }  // namespace
 
+std::size_t outcome_rank(Outcome outcome) {
+    const auto *const at = std::find(outcome_order.begin(), outcome_order.end(), outcome);
+    return static_cast<std::size_t>(at - outcome_order.begin());
+}
+
 std::vector<OutcomeCount> count_outcomes(const fpd_log::Run &run) {
     std::vector<OutcomeCount> result;
     for (const Outcome outcome : outcome_order) {
@@ -49,8 +66,13 @@ std::vector<OutcomeCount> count_outcomes(const fpd_log::Run &run) {
     return result;
 }
 
+bool reload_failed(const fpd_log::Run &run) {
+    return std::any_of(run.events.begin(), run.events.end(),
+                       [](const fpd_log::Event &event) { return event.kind == fpd_log::EventKind::activation_failed; });
+}
+
 bool is_well(const fpd_log::Run &run) {
-    return run.failure.empty() && run.finished && !has_event(run, fpd_log::EventKind::activation_failed) &&
+    return run.failure.empty() && run.finished && !reload_failed(run) &&
            std::all_of(run.regions.begin(), run.regions.end(),
                        [](const fpd_log::Region &region) { return fpd_log::is_well(region.outcome); });
 }
@@ -60,8 +82,9 @@ std::string verdict(const fpd_log::Run &run) {
     if (!run.stage.empty()) result += "stage " + run.stage + ", ";
     result += regions_text(run);
     if (!run.failure.empty()) result += "; ended by an error: " + run.failure;
+    if (run.disabled) result += "; automatic upgrade is switched off";
     if (run.skipped_by_marker) result += "; skipped, tried on the boot before";
-    if (has_event(run, fpd_log::EventKind::activation_failed)) {
+    if (reload_failed(run)) {
         result += "; reload failed";
     } else if (run.reload_requested) {
         result += "; reload requested";
@@ -71,14 +94,14 @@ std::string verdict(const fpd_log::Run &run) {
 }
 
 std::string time_text(fpd_log::Time time) {
-    if (time == 0) return "no time";
-    const std::time_t seconds = time / 1'000'000 - (time % 1'000'000 < 0 ? 1 : 0);
-    std::tm parts{};
-    char text[64];
-    if (gmtime_r(&seconds, &parts) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0) {
-        return "no time";
-    }
-    return text;
+    return formatted(time, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string clock_text(fpd_log::Time time) {
+    if (time == 0) return no_time;
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%06d", static_cast<int>(time - whole_seconds(time) * second));
+    return formatted(time, "%H:%M:%S") + fraction;
 }
 
 }  // namespace fpd_report
