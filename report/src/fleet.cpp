@@ -1,6 +1,7 @@
 #include "fleet.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "verdict.h"
@@ -155,37 +156,57 @@ void Fleet::count(const std::string &card, FleetGroup group) {
 }
 
 void Fleet::note_regions(const std::string &card, const Run &run) {
-    CardRegions noted = {card, {}};
+    Regions regions;
     for (const Region &region : run.regions) {
         const std::string name = bounded(region.name);
         if (region_numbers_.size() == groups_kept && !region_numbers_.contains(name)) continue;
         const auto number = static_cast<std::uint32_t>(region_numbers_.size());
-        noted.regions.push_back(region_numbers_.try_emplace(name, number).first->second);
+        regions.push_back(region_numbers_.try_emplace(name, number).first->second);
     }
-    if (noted.regions.empty()) return;
-    std::sort(noted.regions.begin(), noted.regions.end());
-    noted.regions.erase(std::unique(noted.regions.begin(), noted.regions.end()), noted.regions.end());
-    card_regions_.push_back(std::move(noted));
+    std::sort(regions.begin(), regions.end());
+    regions.erase(std::unique(regions.begin(), regions.end()), regions.end());
+    Kind &kind = kinds_[regions];
+    ++kind.cards;
+    add_example(&kind.examples, card);
 }
 
-/// Cards without a region that nearly all others have.
+/// The regions of a kind of which there are so many more cards that the few are likely meant to be the same: those with
+/// half of its regions or more. Null: there is none.
+const Fleet::Regions *Fleet::usual_of(const Regions &regions, std::size_t cards) const {
+    const Regions *usual = nullptr;
+    std::size_t most = 0;
+    for (const auto &[others, kind] : kinds_) {
+        if (!is_unusual(cards, kind.cards) || kind.cards <= most) continue;
+        Regions common;
+        std::set_intersection(regions.begin(), regions.end(), others.begin(), others.end(), std::back_inserter(common));
+        if (common.size() * 2 < others.size()) continue;
+        usual = &others;
+        most = kind.cards;
+    }
+    return usual;
+}
+
+/// Cards without a region that nearly all of their like have.
 void Fleet::add_missing_regions(std::vector<FleetGroup> *groups) const {
-    std::vector<std::size_t> cards_with(region_numbers_.size());
-    for (const CardRegions &noted : card_regions_) {
-        for (const std::uint32_t region : noted.regions) ++cards_with[region];
+    std::map<std::uint32_t, FleetGroup> missing;
+    for (const auto &[regions, kind] : kinds_) {
+        const Regions *const usual = usual_of(regions, kind.cards);
+        if (usual == nullptr) continue;
+        Regions lacking;
+        std::set_difference(usual->begin(), usual->end(), regions.begin(), regions.end(), std::back_inserter(lacking));
+        for (const std::uint32_t number : lacking) {
+            const std::string reason = "unusual: " + std::to_string(kinds_.at(*usual).cards) + " cards like it have it";
+            FleetGroup &group =
+                missing.try_emplace(number, whole_run(Oddness::unusual, "not there", reason)).first->second;
+            group.cards += kind.cards;
+            for (const std::string &card : kind.examples) add_example(&group.examples, card);
+        }
     }
     for (const auto &[name, number] : region_numbers_) {
-        const std::size_t with = cards_with[number], without = card_regions_.size() - with;
-        if (without == 0 || !is_unusual(without, with)) continue;
-        FleetGroup group =
-            whole_run(Oddness::unusual, "not there", "unusual: " + std::to_string(with) + " cards have it");
-        group.region = name;
-        group.cards = without;
-        for (const CardRegions &noted : card_regions_) {
-            const bool is_there = std::binary_search(noted.regions.begin(), noted.regions.end(), number);
-            if (!is_there) add_example(&group.examples, noted.card);
-        }
-        groups->push_back(std::move(group));
+        const auto place = missing.find(number);
+        if (place == missing.end()) continue;
+        place->second.region = name;
+        groups->push_back(place->second);
     }
 }
 

@@ -47,9 +47,11 @@ class Fleet {
 
   private:
     using Key = std::tuple<std::string, std::string, std::string, std::string, std::string>;
-    struct CardRegions {
-        std::string card;
-        std::vector<std::uint32_t> regions;  // their numbers
+    using Regions = std::vector<std::uint32_t>;  // their numbers, in order
+    /// Cards that have the same regions.
+    struct Kind {
+        std::size_t cards = 0;
+        std::set<std::string> examples;
     };
 
     void count(const std::string &card, FleetGroup group);
@@ -57,12 +59,13 @@ class Fleet {
     void count_region(const std::string &card, const fpd_log::Region &region);
     void note_regions(const std::string &card, const fpd_log::Run &run);
     void add_missing_regions(std::vector<FleetGroup> *groups) const;
+    const Regions *usual_of(const Regions &regions, std::size_t cards) const;
 
     std::size_t cards_ = 0, well_ = 0;
     std::uint64_t runs_ = 0, left_out_ = 0;
     std::map<Key, FleetGroup> groups_;
     std::map<std::string, std::uint32_t> region_numbers_;
-    std::vector<CardRegions> card_regions_;
+    std::map<Regions, Kind> kinds_;
 };
 
 }  // namespace fpd_report

@@ -73,12 +73,9 @@ std::optional<int> parse_options(int argc, char **argv, Options *options) {
         ->required()
         ->type_name("")
         ->option_text("...");
-    auto *const json_flag = app.add_flag("--json", json, "one JSON document instead of text");
-    auto *const json_lines_flag = app.add_flag("--json-lines", json_lines, "JSON, one run per line");
-    app.add_flag("--prometheus", prometheus, "metrics of each log's last run")
-        ->excludes(json_flag)
-        ->excludes(json_lines_flag);
-    json_flag->excludes(json_lines_flag);
+    app.add_flag("--json", json, "one JSON document instead of text");
+    app.add_flag("--json-lines", json_lines, "JSON, one run per line");
+    app.add_flag("--prometheus", prometheus, "metrics of each log's last run");
     app.add_option("-o,--output", options->output,
                    "write FILE; the end of its name tells the form:\n" + known_extensions())
         ->type_name("FILE");
@@ -95,6 +92,7 @@ std::optional<int> parse_options(int argc, char **argv, Options *options) {
     } catch (const CLI::ParseError &error) {
         return usage_error(error.what());
     }
+    if (json + json_lines + prometheus > 1) return usage_error("--json, --json-lines, --prometheus: only one of them");
     const bool format_is_given = json || json_lines || prometheus;
     if (json) options->format = Format::json;
     if (json_lines) options->format = Format::json_lines;

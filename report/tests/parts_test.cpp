@@ -303,6 +303,16 @@ TEST(Fleet, TellsWhichCardLacksARegionThatTheOthersHave) {
     EXPECT_THAT(group.examples, ElementsAre("one0"));
 }
 
+TEST(Fleet, CardsOfAnotherKindLackNothing) {
+    Fleet fleet;
+    add_cards(&fleet, "kind", 8,
+              sample_run({sample_region("A", Outcome::current), sample_region("B", Outcome::current),
+                          sample_region("C", Outcome::current)}));
+    add_cards(&fleet, "other", 1,
+              sample_run({sample_region("A", Outcome::current), sample_region("X", Outcome::current)}));
+    for (const FleetGroup &group : fleet.summary().groups) EXPECT_NE(group.outcome, "not there") << group.region;
+}
+
 TEST(Fleet, AVersionThatManyHaveIsNotUnusual) {
     Fleet fleet;
     fpd_log::Region other = sample_region("A", Outcome::current);

@@ -263,7 +263,7 @@ TEST_F(FpdReport, ADirectoryIsAFleetWithTheOddCardsFirst) {
               "    1  IoFpga     refused    1.11.0   1.12.0\n"
               "       card9.log: the firmware's upgrade type 3 cannot be upgraded\n"
               "    1  FanCpld    not there\n"
-              "       card9.log: unusual: 9 cards have it\n"
+              "       card9.log: unusual: 9 cards like it have it\n"
               "    1  IoFpga     current    1.11.0   1.12.0\n"
               "       card8: unusual: 8 cards have 1.12.0\n"
               "\n"
