@@ -35,5 +35,5 @@ string(LENGTH "@document@" length)
 math(EXPR at "${at} + ${length}")
 string(SUBSTRING "${page}" ${at} -1 after)
 file(WRITE ${OUTPUT} "// Made from report/page.\n#include \"page_parts.h\"\n
-const std::string_view page_before_document = R\"fpd_page(${before})fpd_page\";
-const std::string_view page_after_document = R\"fpd_page(${after})fpd_page\";\n")
+const std::string_view fpd_report::page_before_document = R\"fpd_page(${before})fpd_page\";
+const std::string_view fpd_report::page_after_document = R\"fpd_page(${after})fpd_page\";\n")

@@ -13,7 +13,7 @@ const outcomes = {
   not_considered: { text: 'not considered', sign: '–' },
 };
 const outcomeOrder = Object.keys(outcomes);
-const notWell = new Set(['failed', 'given_up', 'refused', 'unfinished']);
+const notWell = new Set(['failed', 'given_up', 'refused', 'unfinished', 'planned']);
 const isUpgraded = (region) => region.outcome === 'upgraded' || region.outcome === 'upgraded_at_second_attempt';
 
 const attemptEnds = {
@@ -350,7 +350,8 @@ function clusters(events, span) {
 function eventMark(run, cluster, room) {
   const [first] = cluster.events;
   const bad = cluster.events.find((event) => eventKinds[event.kind]?.bad);
-  const kind = eventKinds[(bad ?? first).kind] ?? { text: shown(first.kind), sign: '?' };
+  const reload = cluster.events.find((event) => event.kind === 'activation');
+  const kind = eventKinds[(bad ?? reload ?? first).kind] ?? { text: shown(first.kind), sign: '?' };
   const tell = (event) => [eventKinds[event.kind]?.text ?? event.kind, event.text].filter(Boolean).map(shown).join(': ');
   const all = cluster.events.map((event) => `${clockTime(event.time)} ${tell(event)}`.trim()).join('; ');
   const more = cluster.events.length > 1 ? ` +${cluster.events.length - 1}` : '';
@@ -411,7 +412,7 @@ function bar(run, region, span) {
 function attemptMarks(region, span) {
   if (!span) return [];
   return region.attempts.filter((attempt) => attempt.end && attemptEnds[attempt.how]?.sign).map((attempt) =>
-    element('span', { class: `mark ${attempt.how}`, 'aria-hidden': 'true', text: attemptEnds[attempt.how].sign,
+    element('span', { class: `mark mark-${attempt.how}`, 'aria-hidden': 'true', text: attemptEnds[attempt.how].sign,
       style: { left: `${place(attempt.end, span)}%` } }));
 }
 
@@ -478,9 +479,10 @@ function timeline(run) {
   }
   const numbered = [...queues.keys()].filter((queue) => queue !== 'none').sort((a, b) => a - b);
   const timed = run.upgrades || numbered.length > 0 || run.events.length > 0;
+  const scaled = span && timed;
   const made = element('div', { class: 'timeline', role: 'group', 'aria-label': `Timeline of ${runName(run)}`, 'aria-describedby': 'keys' },
-    ...(span && timed ? [axis(span), rulings(run, span)] : []), eventLines(run, span),
-    ...numbered.map((queue) => queueLane(run, queue, queues.get(queue), span)),
+    element('div', { class: 'scaled' }, scaled ? axis(span) : null, scaled ? rulings(run, span) : null, eventLines(run, span),
+      ...numbered.map((queue) => queueLane(run, queue, queues.get(queue), span))),
     queues.has('none') ? otherLane(run, queues.get('none')) : null);
   made.addEventListener('click', openClicked);
   made.addEventListener('keydown', moveAmongStops);
@@ -553,7 +555,7 @@ function tableRow(run, region) {
     version(after, after !== region.running),
     element('td', { text: region.queue ?? '' }),
     element('td', { text: region.attempts.length || '' }),
-    element('td', { text: workTime(region) ? duration(workTime(region)) : '' }),
+    element('td', { class: 'time', text: workTime(region) ? duration(workTime(region)) : '' }),
     element('td', { class: 'reason', text: shown(region.reason) })), region);
 }
 
@@ -669,7 +671,7 @@ function drawRun(run) {
 }
 
 function drawVersions() {
-  for (const [source, runs] of Map.groupBy ? Map.groupBy(report.runs, (run) => run.source) : groupBySource()) {
+  for (const [source, runs] of groupBySource()) {
     if (runs.length < 2) continue;
     const title = `Versions, run by run${severalSources ? `: ${shown(source)}` : ''}`;
     document.getElementById('runs').append(foldable('run', [element('h2', { text: title }),
@@ -679,7 +681,10 @@ function drawVersions() {
 
 function groupBySource() {
   const groups = new Map();
-  for (const run of report.runs) groups.set(run.source, [...(groups.get(run.source) ?? []), run]);
+  for (const run of report.runs) {
+    if (!groups.has(run.source)) groups.set(run.source, []);
+    groups.get(run.source).push(run);
+  }
   return groups;
 }
 

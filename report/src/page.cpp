@@ -4,6 +4,7 @@
 
 #include "page_parts.h"
 
+namespace fpd_report {
 namespace {
 
 /// JSON that nothing in it can end the script element: "<" stands in strings only, where it may be written so.
@@ -30,3 +31,5 @@ std::string html_page(const std::string &json) {
     page += page_after_document;
     return page;
 }
+
+}  // namespace fpd_report

@@ -4,7 +4,11 @@
 
 #include <string_view>
 
+namespace fpd_report {
+
 extern const std::string_view page_before_document;
 extern const std::string_view page_after_document;
+
+}  // namespace fpd_report
 
 #endif

@@ -46,7 +46,7 @@ def event(time, kind, text=""):
 
 
 def run(number, begin, end, regions, **more):
-    bad = ("failed", "given_up", "refused", "unfinished")
+    bad = ("failed", "given_up", "refused", "unfinished", "planned")
     counts = {}
     for one in regions:
         counts[one["outcome"]] = counts.get(one["outcome"], 0) + 1
@@ -187,7 +187,7 @@ def first_boot():
                    lines=[line(150, begin + 800_000, "error", "FpdCantBeUpgraded", f"FPD {name} {reason}",
                                "brd_intf_auto_fpd_upgrade_init:144")])
     regions[NAMES.index("DebugCpld")].update(outcome="not_considered", reason="automatic upgrade is not supported", packaged="")
-    end = begin + 592 * SECOND
+    end = begin + 607 * SECOND
     return run(1, begin, end, regions, upgrades=True, reload_requested=True, watchdog_punches=58,
                events=card_events(begin, end, 58),
                errors=[line(88, begin + 700_000, "error", "BrdIntfLedStateColorGetFail",
