@@ -11,11 +11,12 @@ namespace {
 
 constexpr const char *what_it_is =
     "Tells from diagnostic logs of bootup_fpd what became of a card's FPDs, and why.\n"
-    "A directory is a fleet: each entry is a card, and one table tells which differ from the others.";
+    "A directory is a fleet: each entry is a card, and one table tells which\n"
+    "differ from the others.";
 
 constexpr const char *exit_statuses =
-    "Exit status: 0 all is well; 1 something is not; 2 a file cannot be read or written, no run was found,\n"
-    "or the command line is wrong.";
+    "Exit status: 0 all is well; 1 something is not; 2 a file cannot be read or\n"
+    "written, no run was found, or the command line is wrong.";
 
 struct Extension {
     const char *text;
@@ -66,25 +67,25 @@ std::optional<int> parse_options(int argc, char **argv, Options *options) {
     app.footer(exit_statuses);
     app.set_version_flag("--version", "fpd-report " FPD_REPORT_VERSION, "print the version and exit");
     app.set_help_flag("-h,--help", "print this help and exit");
-    app.get_formatter()->column_width(26);
+    app.get_formatter()->column_width(22);
     bool json = false, json_lines = false, prometheus = false;
-    app.add_option("LOG", options->logs, "logs, gzipped ones too, or directories; \"-\" is standard input")
+    app.add_option("LOG", options->logs, "logs (gzipped ones too), directories; \"-\": standard input")
         ->required()
         ->type_name("")
         ->option_text("...");
-    auto *const forms = app.add_option_group("Form", "what is written, by default text for a reader");
-    forms->add_flag("--json", json, "one JSON document");
-    forms->add_flag("--json-lines", json_lines, "JSON, one run per line");
-    forms->add_flag("--prometheus", prometheus, "metrics of each log's last run");
-    forms->require_option(0, 1);
+    auto *const json_flag = app.add_flag("--json", json, "one JSON document instead of text");
+    auto *const json_lines_flag = app.add_flag("--json-lines", json_lines, "JSON, one run per line");
+    app.add_flag("--prometheus", prometheus, "metrics of each log's last run")
+        ->excludes(json_flag)
+        ->excludes(json_lines_flag);
+    json_flag->excludes(json_lines_flag);
     app.add_option("-o,--output", options->output,
-                   "write into FILE instead; its name (" + known_extensions() + ") tells the form")
+                   "write FILE; the end of its name tells the form:\n" + known_extensions())
         ->type_name("FILE");
-    app.add_option("--flash", options->flash, "add the events of the card's flash log")->type_name("FILE");
+    app.add_option("--flash", options->flash, "add the events of the card's flash log FILE")->type_name("FILE");
     app.add_flag("--last", options->last, "each log's last run only");
     app.add_flag("--brief", options->brief, "text: one line for each run");
-    app.add_option("--lines", options->lines, "text: lines of the log for each region that is not well; default 8")
-        ->type_name("N");
+    app.add_option("--lines", options->lines, "text: lines of the log for what is not well (8)")->type_name("N");
     app.add_flag("--fleet", options->fleet, "one table, also of logs that are named themselves");
     try {
         app.parse(argc, argv);

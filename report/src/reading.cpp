@@ -146,7 +146,7 @@ std::vector<FlashEvent> read_flash_log(const std::string &path, std::vector<std:
 
 std::vector<FlashEvent> events_of_run(const std::vector<FlashEvent> &events, const Run &run) {
     std::vector<FlashEvent> result;
-    const fpd_log::Time begin = run.begin - run.begin % second, end = run.end + second;
+    const fpd_log::Time begin = run.begin - run.begin % second, end = run.end;
     std::copy_if(events.begin(), events.end(), std::back_inserter(result),
                  [begin, end](const FlashEvent &event) { return event.time >= begin && event.time <= end; });
     return result;

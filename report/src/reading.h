@@ -29,7 +29,7 @@ Fleet read_fleet(const std::vector<Card> &cards, bool show_progress, std::vector
 /// The events of a flash log, in its order; the first 100,000.
 std::vector<fpd_log::FlashEvent> read_flash_log(const std::string &path, std::vector<std::string> *errors);
 
-/// Those from the second in which the run begins to the one after that in which it ends.
+/// Those from the second in which the run begins to that in which it ends.
 std::vector<fpd_log::FlashEvent> events_of_run(const std::vector<fpd_log::FlashEvent> &events, const fpd_log::Run &run);
 
 }  // namespace fpd_report

@@ -223,7 +223,7 @@ TEST(RunText, NothingOfALogIsObeyed) {
     run.errors[0].text = run.errors[0].tag = hostile;
     const std::string text = run_text(run, std::nullopt, {});
     EXPECT_FALSE(is_obeyed(text)) << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 9) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 10) << text;
 }
 
 TEST(Metrics, HaveHelpTypeAndTheLastRun) {
