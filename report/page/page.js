@@ -81,6 +81,10 @@ function duration(microseconds) {
 
 // ---- elements
 
+function setStyle(made, style) {
+  for (const [property, value] of Object.entries(style)) made.style.setProperty(property, value);
+}
+
 /** An element; `attributes` may hold `class`, `text`, `on` (event: handler), `style` (property: value) and any attribute. */
 function element(tag, attributes = {}, ...children) {
   const made = document.createElement(tag);
@@ -89,7 +93,7 @@ function element(tag, attributes = {}, ...children) {
     if (name === 'class') made.className = value;
     else if (name === 'text') made.textContent = value;
     else if (name === 'on') for (const [event, handler] of Object.entries(value)) made.addEventListener(event, handler);
-    else if (name === 'style') for (const [property, amount] of Object.entries(value)) made.style.setProperty(property, amount);
+    else if (name === 'style') setStyle(made, value);
     else made.setAttribute(name, value === true ? '' : value);
   }
   made.append(...children.filter((child) => child !== null && child !== undefined));
@@ -276,7 +280,8 @@ function closeRecords(focusOpener = true) {
 }
 
 const openRegion = (opener, run, region) =>
-  openRecords(opener, `${shown(region.name)}: ${outcomeText(region.outcome)}, ${runName(run)}`, regionRecords(run, region));
+  openRecords(opener, `${shown(region.name)}: ${outcomeText(region.outcome)}, ${runName(run)}`,
+    regionRecords(run, region));
 
 // ---- times
 
@@ -304,10 +309,12 @@ function barSpan(region, span) {
   return { begin, end: open || waits ? span.end : Math.max(begin, ...ends) };
 }
 
-const workTime = (region) => region.attempts.reduce((sum, one) => sum + Math.max(0, one.end && one.begin ? one.end - one.begin : 0), 0);
+const attemptTime = (attempt) => (attempt.end && attempt.begin ? Math.max(0, attempt.end - attempt.begin) : 0);
+const workTime = (region) => region.attempts.reduce((sum, attempt) => sum + attemptTime(attempt), 0);
 const versionAfter = (region) => (isUpgraded(region) && region.packaged ? region.packaged : region.programmed);
 
-const tickSteps = [1e3, 2e3, 5e3, 1e4, 2e4, 5e4, 1e5, 2e5, 5e5, 1e6, 2e6, 5e6, 1e7, 1.5e7, 3e7, 6e7, 1.2e8, 3e8, 6e8, 9e8, 1.8e9, 3.6e9,
+const tickSteps = [1e3, 2e3, 5e3, 1e4, 2e4, 5e4, 1e5, 2e5, 5e5, 1e6, 2e6, 5e6, 1e7, 1.5e7, 3e7, 6e7, 1.2e8, 3e8, 6e8,
+    9e8, 1.8e9, 3.6e9,
   7.2e9, 1.44e10, 4.32e10, 8.64e10];
 
 function ticks(span) {
@@ -322,7 +329,8 @@ function ticks(span) {
 function axis(span) {
   const track = element('div', { class: 'track' }, ...ticks(span).map((time) => {
     const left = place(span.begin + time, span);
-    return element('span', { class: left > 96 ? 'late' : null, style: { left: `${left}%` }, text: time ? `+${duration(time)}` : '0' });
+    return element('span', { class: left > 96 ? 'late' : null, style: { left: `${left}%` },
+        text: time ? `+${duration(time)}` : '0' });
   }));
   return element('div', { class: 'axis', 'aria-hidden': 'true' }, element('span'), track);
 }
@@ -356,7 +364,8 @@ function eventMark(run, cluster, room) {
   const all = cluster.events.map((event) => `${clockTime(event.time)} ${tell(event)}`.trim()).join('; ');
   const more = cluster.events.length > 1 ? ` +${cluster.events.length - 1}` : '';
   const told = room < 8 ? '' : (first.text ? shown(first.text) : kind.text) + more;
-  const mark = element('button', { type: 'button', class: `event ${bad ? 'bad' : ''} ${shown(first.kind)}`, tabindex: -1, title: all,
+  const mark = element('button', { type: 'button', class: `event ${bad ? 'bad' : ''} ${shown(first.kind)}`,
+      tabindex: -1, title: all,
     'aria-label': all, style: { left: `${cluster.left}%`, width: `${room}%` } },
   element('b', { 'aria-hidden': 'true', text: kind.sign }), told);
   mark.openRecords = () => openRecords(mark, `Events of the card, ${runName(run)}`, [eventRows(cluster.events)]);
@@ -385,7 +394,8 @@ function attemptClass(attempt, region) {
 function barLabel(region) {
   const parts = [`${shown(region.name)}: ${outcomeText(region.outcome)}`];
   if (region.attempts.length) parts.push(count(region.attempts.length, 'attempt'), duration(workTime(region)));
-  if (region.running && versionAfter(region)) parts.push(`${shown(region.running)} before, ${shown(versionAfter(region))} after`);
+  const after = versionAfter(region);
+  if (region.running && after) parts.push(`${shown(region.running)} before, ${shown(after)} after`);
   if (region.reason) parts.push(shown(region.reason));
   return parts.join(', ');
 }
@@ -403,7 +413,8 @@ function bar(run, region, span) {
   });
   const waited = region.attempts.length ? inside(region.attempts[0].begin || whole.begin) : 100;
   const label = barLabel(region);
-  return element('button', { type: 'button', class: `bar outcome-${region.outcome}`, tabindex: -1, 'aria-label': label, title: label,
+  return element('button', { type: 'button', class: `bar outcome-${region.outcome}`, tabindex: -1, 'aria-label': label,
+      title: label,
     style: { left: `${left}%`, width: `${width}%` } },
   element('span', { class: 'wait', style: { left: 0, width: `${waited}%` } }), ...tries);
 }
@@ -429,14 +440,16 @@ function row(run, region, span) {
     element('span', { class: 'name', text: shown(region.name), title: shown(region.name) }),
     element('div', { class: 'track' }, made, ...attemptMarks(region, span)),
     element('span', { class: 'result', title: resultText(region) },
-      element('span', { class: 'sign', text: outcomes[region.outcome]?.sign ?? '?', 'aria-hidden': 'true' }), ` ${resultText(region)}`));
+      element('span', { class: 'sign', text: outcomes[region.outcome]?.sign ?? '?', 'aria-hidden': 'true' }),
+          ` ${resultText(region)}`));
   line.openRecords = made.openRecords;
   return showsRegion(line, region);
 }
 
 function chip(run, region) {
-  const label = `${shown(region.name)}: ${outcomeText(region.outcome)}${region.reason ? `, ${shown(region.reason)}` : ''}`;
-  const made = element('button', { type: 'button', class: `chip outcome-${region.outcome}`, tabindex: -1, 'aria-label': label, title: label },
+  const label = [`${shown(region.name)}: ${outcomeText(region.outcome)}`, shown(region.reason)].filter(Boolean).join(', ');
+  const made = element('button', { type: 'button', class: `chip outcome-${region.outcome}`, tabindex: -1,
+      'aria-label': label, title: label },
     swatch(region.outcome), element('span', { text: shown(region.name) }));
   made.openRecords = () => openRegion(made, run, region);
   return showsRegion(made, region);
@@ -450,7 +463,8 @@ function queueLane(run, queue, regions, span) {
   const title = `Sequence queue ${queue}`;
   const begin = (region) => region.attempts[0]?.begin || Infinity;
   const ordered = [...regions].sort((a, b) => (begin(a) === begin(b) ? 0 : begin(a) - begin(b)));
-  return element('section', { class: `lane ${regions.length > 100 ? 'many' : ''}`, 'data-queue': queue, 'aria-label': title },
+  return element('section', { class: `lane ${regions.length > 100 ? 'many' : ''}`, 'data-queue': queue,
+      'aria-label': title },
     element('h3', { text: `${title}: ${count(regions.length, 'region')}` }),
     element('ol', { class: 'rows' }, ...ordered.map((region) => row(run, region, span))));
 }
@@ -465,7 +479,8 @@ function otherLane(run, regions) {
   const rest = ordered.filter((region) => !odd.includes(region));
   if (odd.length) lane.append(chips(run, odd));
   if (rest.length)
-    lane.append(foldable('others', `${odd.length ? 'and ' : ''}${count(rest.length, 'region')} with nothing to do`, () => chips(run, rest)));
+    lane.append(foldable('others', `${odd.length ? 'and ' : ''}${count(rest.length, 'region')} with nothing to do`,
+        () => chips(run, rest)));
   return lane;
 }
 
@@ -480,8 +495,10 @@ function timeline(run) {
   const numbered = [...queues.keys()].filter((queue) => queue !== 'none').sort((a, b) => a - b);
   const timed = run.upgrades || numbered.length > 0 || run.events.length > 0;
   const scaled = span && timed;
-  const made = element('div', { class: 'timeline', role: 'group', 'aria-label': `Timeline of ${runName(run)}`, 'aria-describedby': 'keys' },
-    element('div', { class: 'scaled' }, scaled ? axis(span) : null, scaled ? rulings(run, span) : null, eventLines(run, span),
+  const made = element('div', { class: 'timeline', role: 'group', 'aria-label': `Timeline of ${runName(run)}`,
+      'aria-describedby': 'keys' },
+    element('div', { class: 'scaled' }, scaled ? axis(span) : null, scaled ? rulings(run, span) : null,
+      eventLines(run, span),
       ...numbered.map((queue) => queueLane(run, queue, queues.get(queue), span))),
     queues.has('none') ? otherLane(run, queues.get('none')) : null);
   made.addEventListener('click', openClicked);
@@ -518,7 +535,8 @@ function moveAmongStops(event) {
   if (!event.target.matches(stops) || event.ctrlKey || event.altKey || event.metaKey) return;
   const all = [...event.currentTarget.querySelectorAll(stops)].filter(isShown);
   const now = all.indexOf(event.target);
-  const to = { ArrowDown: now + 1, ArrowRight: now + 1, ArrowUp: now - 1, ArrowLeft: now - 1, Home: 0, End: all.length - 1 }[event.key];
+  const to = { ArrowDown: now + 1, ArrowRight: now + 1, ArrowUp: now - 1, ArrowLeft: now - 1, Home: 0,
+      End: all.length - 1 }[event.key];
   if (to === undefined) return;
   event.preventDefault();
   all[to]?.focus();
@@ -560,7 +578,8 @@ function tableRow(run, region) {
 }
 
 function compare(a, b) {
-  return typeof a === 'number' && typeof b === 'number' ? a - b : String(a).localeCompare(String(b), 'en', { numeric: true });
+  return typeof a === 'number' && typeof b === 'number' ? a - b :
+    String(a).localeCompare(String(b), 'en', { numeric: true });
 }
 
 function regionTable(run) {
@@ -586,7 +605,8 @@ function versionTable(runs) {
   const names = [...new Set(runs.flatMap((run) => run.regions.map((region) => region.name)))];
   const found = runs.map((run) => new Map(run.regions.map((region) => [region.name, region])));
   const head = element('tr', {}, element('th', { scope: 'col', text: 'Region' }),
-    ...runs.map((run) => element('th', { scope: 'col', text: runName(run) })), element('th', { scope: 'col', text: 'After the last' }));
+    ...runs.map((run) => element('th', { scope: 'col', text: runName(run) })),
+    element('th', { scope: 'col', text: 'After the last' }));
   const body = element('tbody', {}, ...names.map((name) => {
     let before = null, last = null;
     const cells = found.map((regions) => {
@@ -596,10 +616,12 @@ function versionTable(runs) {
       before = region.running;
       last = region;
       return element('td', { title: `${outcomeText(region.outcome)}${region.reason ? `: ${shown(region.reason)}` : ''}` },
-        swatch(region.outcome), element('span', { class: changed ? 'version changed' : 'version', text: shown(region.running) }));
+        swatch(region.outcome),
+        element('span', { class: changed ? 'version changed' : 'version', text: shown(region.running) }));
     });
     const after = versionAfter(last);
-    cells.push(element('td', {}, element('span', { class: after !== before ? 'version changed' : 'version', text: shown(after) })));
+    cells.push(element('td', {},
+      element('span', { class: after !== before ? 'version changed' : 'version', text: shown(after) })));
     return showsRegion(element('tr', {}, element('th', { scope: 'row', text: shown(name) }), ...cells), last);
   }));
   return element('div', { class: 'scroll' }, element('table', { class: 'versions' }, element('thead', {}, head), body));
@@ -618,13 +640,15 @@ function findings(run) {
     element('th', { scope: 'row' }, regionButton(run, region)),
     element('td', { class: 'reason', text: shown(region.reason) })), region));
   if (odd.length > findingsAtOnce)
-    rows.push(element('tr', {}, element('td', { colspan: 3, class: 'meta', text: `and ${odd.length - findingsAtOnce} more` })));
+    rows.push(element('tr', {},
+      element('td', { colspan: 3, class: 'meta', text: `and ${odd.length - findingsAtOnce} more` })));
   return element('table', { class: 'findings', 'aria-label': 'What is not well' }, element('tbody', {}, ...rows));
 }
 
 function runFacts(run) {
   const parts = [shown(run.source), `process ${run.process}`];
-  if (run.begin && run.end >= run.begin) parts.push(`${moment(run.begin)} to ${clockTime(run.end).slice(0, 8)}, ${duration(run.end - run.begin)}`);
+  if (run.begin && run.end >= run.begin)
+    parts.push(`${moment(run.begin)} to ${clockTime(run.end).slice(0, 8)}, ${duration(run.end - run.begin)}`);
   if (run.stage) parts.push(`manufacturing stage ${shown(run.stage)}`);
   parts.push(count(run.lines, 'line'));
   if (run.unknown_lines) parts.push(`${count(run.unknown_lines, 'line')} not understood`);
@@ -654,7 +678,8 @@ function runBody(run) {
 }
 
 function badges(run) {
-  const made = [element('span', { class: `badge ${run.well ? 'well' : 'bad'}`, text: run.well ? '✓ well' : '✗ not well' })];
+  const made = [element('span', { class: `badge ${run.well ? 'well' : 'bad'}`,
+      text: run.well ? '✓ well' : '✗ not well' })];
   const add = (text) => made.push(element('span', { class: 'badge', text }));
   if (run.reload_requested) add('R reload requested');
   if (run.skipped_by_marker) add('M skipped by the marker');
@@ -664,7 +689,8 @@ function badges(run) {
 
 function drawRun(run) {
   const title = runName(run);
-  const fold = foldable('run', [element('h2', { text: `${title[0].toUpperCase()}${title.slice(1)} · ${moment(run.begin)}` }), ...badges(run),
+  const fold = foldable('run', [element('h2',
+      { text: `${title[0].toUpperCase()}${title.slice(1)} · ${moment(run.begin)}` }), ...badges(run),
     element('span', { class: 'verdict', text: shown(run.verdict) })], () => runBody(run));
   document.getElementById('runs').append(fold);
   return fold;
@@ -675,7 +701,8 @@ function drawVersions() {
     if (runs.length < 2) continue;
     const title = `Versions, run by run${severalSources ? `: ${shown(source)}` : ''}`;
     document.getElementById('runs').append(foldable('run', [element('h2', { text: title }),
-      element('span', { class: 'verdict', text: 'what ran when a run began, and what runs after the last' })], () => versionTable(runs)));
+      element('span', { class: 'verdict', text: 'what ran when a run began, and what runs after the last' })],
+          () => versionTable(runs)));
   }
 }
 
@@ -693,7 +720,8 @@ function drawSummary() {
   const names = new Set(report.runs.flatMap((run) => run.regions.map((region) => `${run.source}\n${region.name}`)));
   const sources = [...new Set(report.runs.map((run) => run.source))];
   document.getElementById('summary').textContent = [
-    sources.length === 1 ? shown(sources[0]) : count(sources.length, 'log'), count(report.runs.length, 'run'), count(names.size, 'region'),
+    sources.length === 1 ? shown(sources[0]) : count(sources.length, 'log'), count(report.runs.length, 'run'),
+    count(names.size, 'region'),
     bad ? `${count(bad, 'run')} not well` : 'all is well'].join(' · ');
   document.title = `FPD upgrades: ${sources.map(shown).slice(0, 3).join(', ')}`;
 }
@@ -764,6 +792,7 @@ try {
   setUpKeys();
   setUpPrint();
 } catch (error) {
-  document.getElementById('runs').append(element('p', { class: 'notice', text: `The report cannot be drawn: ${error.message}` }));
+  document.getElementById('runs').append(element('p', { class: 'notice',
+      text: `The report cannot be drawn: ${error.message}` }));
   throw error;
 }

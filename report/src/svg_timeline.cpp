@@ -34,27 +34,36 @@ constexpr std::size_t rows_of_a_run = 200;
 constexpr std::string_view style = R"(
 text { font: 12px system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; fill: #1b1f24 }
 .head { font-weight: 700; font-size: 14px } .lane { font-weight: 600 } .quiet, .lane { fill: #59626d }
-.axis { font-size: 11px; fill: #59626d; text-anchor: middle } .sign { font-size: 11px; font-weight: 700; text-anchor: middle }
-.back { fill: #ffffff; stroke: #d4d9df } .grid { stroke: #e6e9ed } .rule { stroke: #d4d9df } .mark { fill: #ffffff; stroke: #59626d }
-.wait { stroke: #59626d; stroke-width: 1.5; stroke-dasharray: 2 2 } .reload { stroke: #59626d; stroke-width: 2; stroke-dasharray: 5 4 }
+.axis { font-size: 11px; fill: #59626d; text-anchor: middle }
+.sign { font-size: 11px; font-weight: 700; text-anchor: middle }
+.back { fill: #ffffff; stroke: #d4d9df } .grid { stroke: #e6e9ed } .rule { stroke: #d4d9df }
+.mark { fill: #ffffff; stroke: #59626d }
+.wait { stroke: #59626d; stroke-width: 1.5; stroke-dasharray: 2 2 }
+.reload { stroke: #59626d; stroke-width: 2; stroke-dasharray: 5 4 }
 .stripe { stroke: #ffffff; stroke-opacity: .5; stroke-width: 2 }
-.upgraded { fill: #1a7f5a } .second { fill: #2678b8 } .failed { fill: #c2410c } .stuck { fill: #9c2f7e } .not_started { fill: #a86400 }
+.upgraded { fill: #1a7f5a } .second { fill: #2678b8 } .failed { fill: #c2410c } .stuck { fill: #9c2f7e }
+.not_started { fill: #a86400 }
 .unfinished { fill: none; stroke: #5b6470; stroke-width: 1.5; stroke-dasharray: 4 3 }
 @media (prefers-color-scheme: dark) {
 text { fill: #e7eaee } .quiet, .lane, .axis { fill: #a2adb9 }
-.back { fill: #1d2126; stroke: #3a424c } .grid { stroke: #2b3138 } .rule { stroke: #3a424c } .mark { fill: #1d2126; stroke: #a2adb9 }
+.back { fill: #1d2126; stroke: #3a424c } .grid { stroke: #2b3138 } .rule { stroke: #3a424c }
+.mark { fill: #1d2126; stroke: #a2adb9 }
 .wait, .reload { stroke: #a2adb9 } .stripe { stroke: #000000 }
-.upgraded { fill: #35b585 } .second { fill: #58a9e6 } .failed { fill: #f2773f } .stuck { fill: #e07cc4 } .not_started { fill: #e0a03c }
+.upgraded { fill: #35b585 } .second { fill: #58a9e6 } .failed { fill: #f2773f } .stuck { fill: #e07cc4 }
+.not_started { fill: #e0a03c }
 .unfinished { stroke: #97a2ae }
 }
 )";
 
 // What tells the bars apart without colour.
 constexpr std::string_view patterns = R"svg(<defs>
-<pattern id="p-second" width="9" height="9" patternUnits="userSpaceOnUse" patternTransform="rotate(45)"><path class="stripe" d="M0 0V9"/></pattern>
-<pattern id="p-failed" width="7" height="7" patternUnits="userSpaceOnUse" patternTransform="rotate(45)"><path class="stripe" d="M0 0V7M0 0H7"/></pattern>
+<pattern id="p-second" width="9" height="9" patternUnits="userSpaceOnUse" patternTransform="rotate(45)">
+<path class="stripe" d="M0 0V9"/></pattern>
+<pattern id="p-failed" width="7" height="7" patternUnits="userSpaceOnUse" patternTransform="rotate(45)">
+<path class="stripe" d="M0 0V7M0 0H7"/></pattern>
 <pattern id="p-stuck" width="7" height="7" patternUnits="userSpaceOnUse"><path class="stripe" d="M3 0V7"/></pattern>
-<pattern id="p-not_started" width="5" height="5" patternUnits="userSpaceOnUse"><path class="stripe" d="M0 2H5"/></pattern>
+<pattern id="p-not_started" width="5" height="5" patternUnits="userSpaceOnUse">
+<path class="stripe" d="M0 2H5"/></pattern>
 </defs>
 )svg";
 
@@ -326,7 +335,7 @@ void draw_events(Picture &picture, const Run &run, const Span &span) {
                                                   [&](const EventSign &one) { return one.kind == event.kind; });
             if (sign == event_signs.end() || std::string_view(sign->lane) != first.lane) continue;
             if (free_from == 0) add_text(picture, margin, picture.y + text_rise, "quiet", first.lane);
-            const double x = std::min(std::max(x_of(event.time, span), free_from), track_right);
+            const double x = std::min(std::max(x_of(event.time, span), free_from), width - margin);
             draw_event(picture, sign->sign, event, x);
             free_from = x + event_mark + 1;
         }

@@ -10,8 +10,10 @@
 #include <openssl/sha.h>
 
 #include <array>
+#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -154,6 +156,41 @@ TEST(Page, NeedsNothingFromElsewhereAndMakesNoMarkupOfTexts) {
                                        "insertAdjacentHTML", "document.write", "eval(", "Function("})
         EXPECT_THAT(page, Not(HasSubstr(unwanted)));
     EXPECT_THAT(page, Not(HasSubstr("@document@")));
+}
+
+TEST(Page, TakesForNotWellWhatTheReportDoes) {
+    const std::string not_well = between(html_page("{}"), "const notWell = new Set([", "]);");
+    for (int i = 0; i <= static_cast<int>(Outcome::unfinished); ++i) {
+        const auto outcome = static_cast<Outcome>(i);
+        const bool found = not_well.find("'" + std::string(outcome_key(outcome)) + "'") != std::string::npos;
+        EXPECT_EQ(found, !is_well(outcome)) << outcome_key(outcome);
+    }
+}
+
+std::set<std::string> keys_of(const nlohmann::json &object) {
+    std::set<std::string> keys;
+    for (const auto &[key, value] : object.items()) keys.insert(key);
+    return keys;
+}
+
+TEST(Page, DocumentsMadeUpForTheBrowserHaveTheKeysOfRealOnes) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> made(popen("python3 " MADE_UP_DOCUMENTS " life", "r"),
+                                                                &pclose);
+    ASSERT_TRUE(made);
+    const nlohmann::json life = nlohmann::json::parse(made.get());
+    const nlohmann::json real = nlohmann::json::parse(document_of(run_full_of("x")));
+    EXPECT_EQ(keys_of(life), keys_of(real));
+    const nlohmann::json &run = real["runs"][0], &region = run["regions"][0];
+    EXPECT_EQ(life["runs"].size(), 5U);
+    for (const nlohmann::json &made_run : life["runs"]) {
+        EXPECT_EQ(keys_of(made_run), keys_of(run));
+        for (const nlohmann::json &event : made_run["events"]) EXPECT_EQ(keys_of(event), keys_of(run["events"][0]));
+        for (const nlohmann::json &made_region : made_run["regions"]) {
+            EXPECT_EQ(keys_of(made_region), keys_of(region));
+            for (const char *const list : {"attempts", "transitions", "lines"})
+                for (const nlohmann::json &one : made_region[list]) EXPECT_EQ(keys_of(one), keys_of(region[list][0]));
+        }
+    }
 }
 
 TEST(SvgTimeline, HasALanePerQueueAndABarPerRegionInTheOrderOfTheirWork) {
