@@ -683,6 +683,7 @@ function badges(run) {
   const add = (text) => made.push(element('span', { class: 'badge', text }));
   if (run.reload_requested) add('R reload requested');
   if (run.skipped_by_marker) add('M skipped by the marker');
+  if (run.disabled) add('– automatic upgrade is disabled');
   if (!run.finished) add('… not finished');
   return made;
 }

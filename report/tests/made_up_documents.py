@@ -52,8 +52,8 @@ def run(number, begin, end, regions, **more):
         counts[one["outcome"]] = counts.get(one["outcome"], 0) + 1
     told = ", ".join(f"{count} {outcome.replace('_', ' ')}" for outcome, count in counts.items())
     made = {"source": "fpd.log", "number": number, "process": 3, "begin": begin, "end": end, "upgrades": False,
-            "finished": True, "reload_requested": False, "skipped_by_marker": False, "stage": "", "failure": "",
-            "regions": regions, "events": [], "errors": [], "lines": 60 * len(regions), "unknown_lines": 0,
+            "finished": True, "reload_requested": False, "skipped_by_marker": False, "disabled": False, "stage": "",
+            "failure": "", "regions": regions, "events": [], "errors": [], "lines": 60 * len(regions), "unknown_lines": 0,
             "watchdog_punches": 0, "left_out": 0, "unknown": [],
             "verdict": f"run {number}, {len(regions)} regions: {told}", "well": not any(o in counts for o in bad)}
     made.update(more)

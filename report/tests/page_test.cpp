@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 
@@ -28,7 +29,7 @@ using fpd_log::AttemptEnd;
 using fpd_log::EventKind;
 using fpd_log::Outcome;
 using fpd_log::Region;
-using fpd_log::Run;
+using ToolRun = fpd_log::Run;  // testing::Test has a Run
 using fpd_report::html_page;
 using fpd_report::sample_begin;
 using fpd_report::sample_region;
@@ -115,8 +116,8 @@ Region region_full_of(const std::string &text) {
     return region;
 }
 
-Run run_full_of(const std::string &text) {
-    Run run = sample_run({region_full_of(text), sample_region(text, Outcome::refused, text)});
+ToolRun run_full_of(const std::string &text) {
+    ToolRun run = sample_run({region_full_of(text), sample_region(text, Outcome::refused, text)});
     run.source = run.stage = run.failure = text;
     run.events = {{sample_begin, EventKind::led, text}, {sample_begin + second, EventKind::activation, text}};
     run.errors = {{1, sample_begin, 3, 3, fpd_log::Level::error, text, text, text, text}};
@@ -124,7 +125,7 @@ Run run_full_of(const std::string &text) {
     return run;
 }
 
-std::string document_of(const Run &run) {
+std::string document_of(const ToolRun &run) {
     return fpd_report::json_document({fpd_report::run_json(run)}).dump();
 }
 
@@ -196,7 +197,7 @@ TEST(Page, DocumentsMadeUpForTheBrowserHaveTheKeysOfRealOnes) {
 TEST(SvgTimeline, HasALanePerQueueAndABarPerRegionInTheOrderOfTheirWork) {
     Region late = queued(sample_region("Late", Outcome::upgraded), 1);
     late.attempts.front().begin += 5 * second;
-    const Run run =
+    const ToolRun run =
         sample_run({late, queued(sample_region("Early", Outcome::upgraded), 1),
                     queued(sample_region("First", Outcome::upgraded), 0), sample_region("Idle", Outcome::current)});
     const Xml svg(svg_timeline({run}));
@@ -222,7 +223,7 @@ TEST(SvgTimeline, AttemptsAreDrawnByHowTheyEndedAndTheSecondOneApart) {
 }
 
 TEST(SvgTimeline, EventsAndTheReloadAreMarked) {
-    Run run = sample_run({queued(sample_region("IoFpga", Outcome::upgraded), 0)});
+    ToolRun run = sample_run({queued(sample_region("IoFpga", Outcome::upgraded), 0)});
     run.events = {{sample_begin, EventKind::run_start, ""},
                   {sample_begin + second, EventKind::led, "blink green"},
                   {sample_begin + 2 * second, EventKind::watchdog_punch, ""},
@@ -252,9 +253,10 @@ TEST(SvgTimeline, RegionsOverTheLimitAreCounted) {
 }
 
 TEST(SvgTimeline, RunsWithoutTimesRegionsOrAnythingAreDrawn) {
-    Run timeless = sample_run({queued(sample_region("IoFpga", Outcome::unfinished), 0)});
+    ToolRun timeless = sample_run({queued(sample_region("IoFpga", Outcome::unfinished), 0)});
     timeless.begin = timeless.end = 0;
-    for (const std::vector<Run> &runs : {std::vector<Run>{}, {Run{}}, {sample_run({})}, {timeless}}) {
+    const std::vector<std::vector<ToolRun>> cases = {{}, {ToolRun{}}, {sample_run({})}, {timeless}};
+    for (const std::vector<ToolRun> &runs : cases) {
         const Xml svg(svg_timeline(runs));
         ASSERT_TRUE(svg.document);
         EXPECT_EQ(svg.find("/svg:svg/svg:title").size(), 1U);
