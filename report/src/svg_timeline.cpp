@@ -100,7 +100,7 @@ struct Picture {
     double y = margin;
 };
 
-/// UTF-8 without control characters as XML has it.
+/// UTF-8 without control characters as the content of an XML element.
 std::string xml_escaped(std::string_view text) {
     std::string result;
     for (const char c : text) {
@@ -113,12 +113,6 @@ std::string xml_escaped(std::string_view text) {
                 break;
             case '&':
                 result += "&amp;";
-                break;
-            case '"':
-                result += "&quot;";
-                break;
-            case '\'':
-                result += "&#39;";
                 break;
             default:
                 result += c;
