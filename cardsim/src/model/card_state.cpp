@@ -150,6 +150,15 @@ void sync_directory(const StateDirectory &directory) {
 
 }  // namespace
 
+std::string call_fault_name(std::size_t fault) {
+    return "[[fault]] " + std::to_string(fault + 1);
+}
+
+std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault) {
+    return "FPD " + std::to_string(fpd) + " region " + std::to_string(index) + " [[fpd.region.fault]] " +
+           std::to_string(fault + 1);
+}
+
 CardState initial_state(const CardDescription &card) {
     CardState state;
     state.auto_upgrade = card.auto_upgrade;

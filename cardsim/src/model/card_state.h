@@ -41,6 +41,12 @@ inline constexpr const char *state_file = "state.toml";
 inline constexpr const char *calls_log = "calls.log";
 inline constexpr const char *abort_log = "abort.log";
 inline constexpr const char *package_directory = "pkg";
+/// One line "boot N: FAULT" for each described fault that was reached, at least once a process: FAULT as below.
+inline constexpr const char *faults_log = "faults.log";
+
+/// What names a described fault, by its place in its list of the description, from 0.
+std::string call_fault_name(std::size_t fault);
+std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault);
 
 /// The card as described, on its first boot.
 CardState initial_state(const CardDescription &card);
