@@ -113,6 +113,7 @@ struct Run {
     bool finished = false;    // what it began it ended: no region is unfinished
     bool reload_requested = false;
     bool skipped_by_marker = false;
+    bool disabled = false;        // automatic upgrade is switched off on the system
     std::string stage;            // "1.a", "1.b", "2" when the log tells; empty: regular
     std::string failure;          // the error that ended the run as a whole; empty: none
     std::vector<Region> regions;  // in the order of discovery, at most RunLimits::regions
@@ -126,6 +127,7 @@ struct Run {
 /// What one run may keep, whatever a log holds: the bound of the memory.
 struct RunLimits {
     std::size_t regions = 4096, transitions = 64, lines = 64, events = 1024, errors = 256, unknown = 16, text = 4096;
+    std::size_t bytes = 32 << 20;  // of all that together
 };
 
 /// A word for an outcome, in lower case, as tables and documents have it: "upgraded at the second attempt".
