@@ -174,14 +174,17 @@ CardState initial_state(const CardDescription &card) {
     return state;
 }
 
-CardState load_state(const StateDirectory &directory, const CardDescription &card) {
+CardState load_saved_state(const StateDirectory &directory) {
     // Sixteen times the size of a description has room for the state of all that it can describe.
     constexpr size_t most = size_t{16} << 20;
+    return read_state(parse_toml(directory.open(state_file, O_RDONLY), directory.path() / state_file, most));
+}
+
+CardState load_state(const StateDirectory &directory, const CardDescription &card) {
     if (!directory.has(state_file)) {
         return initial_state(card);
     }
-    const toml::table table = parse_toml(directory.open(state_file, O_RDONLY), directory.path() / state_file, most);
-    return fitted_to(card, read_state(table));
+    return fitted_to(card, load_saved_state(directory));
 }
 
 void save_state(const StateDirectory &directory, const CardState &state) {

@@ -56,6 +56,9 @@ CardState initial_state(const CardDescription &card);
 /// "FILE:LINE: reason".
 CardState load_state(const StateDirectory &directory, const CardDescription &card);
 
+/// Reads the state of a card whose description is not at hand, as it was saved. Throws Error, also when there is none.
+CardState load_saved_state(const StateDirectory &directory);
+
 /// Writes the state file whole or not at all, under a StateLock. Not a cancellation point. Throws Error; the earlier
 /// file is untouched then.
 void save_state(const StateDirectory &directory, const CardState &state);

@@ -1,0 +1,138 @@
+/// The end of `cardsim boot`, for people and for programs.
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "life.h"
+#include "printable.h"
+#include "run_json.h"
+#include "text_table.h"
+
+namespace cardsim {
+namespace {
+
+using fpd_log::Outcome;
+using Json = nlohmann::ordered_json;
+
+constexpr int json_version = 1;
+
+std::string seconds_text(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.0f s", seconds);
+    return text;
+}
+
+std::string outcome_of(const RegionLife &region) {
+    if (region.outcome) return fpd_log::outcome_text(*region.outcome);
+    return "unknown";
+}
+
+std::string region_table(const Life &life, std::size_t width) {
+    std::vector<TableRow> rows = {{"REGION", "BEFORE", "AFTER", "OUTCOME", "REASON"}};
+    for (const RegionLife &region : life.regions) {
+        rows.push_back({printable(region.name), version_text(region.before.running), version_text(region.after.running),
+                        outcome_of(region), printable(region.reason)});
+    }
+    return aligned(rows, width);
+}
+
+std::string boot_table(const Life &life, std::size_t width) {
+    std::vector<TableRow> rows = {{"BOOT", "BEGAN", "CARD'S TIME", "ENDED"}};
+    for (const BootLife &boot : life.boots) {
+        const std::string log = boot.no_log ? "; " + *boot.no_log : std::string();
+        rows.push_back(
+            {std::to_string(boot.number), boot.began, seconds_text(boot.seconds), printable(boot.ended + log)});
+    }
+    return aligned(rows, width);
+}
+
+std::string joined(const std::vector<std::string> &texts) {
+    std::string line;
+    for (const std::string &text : texts) line += (line.empty() ? "" : ", ") + text;
+    return line;
+}
+
+/// Nothing for an empty list.
+std::string list_line(const std::string &what, const std::vector<std::string> &texts, std::size_t width) {
+    return texts.empty() ? std::string() : wrapped(what + printable(joined(texts)), width, 4);
+}
+
+/// "2 boots: 5 upgraded, 1 refused; not current: FabricFpga"
+std::string verdict(const Life &life) {
+    std::map<std::string, int> counts;
+    std::vector<std::string> order;
+    std::vector<std::string> due;
+    for (const RegionLife &region : life.regions) {
+        const std::string outcome = outcome_of(region);
+        if (counts[outcome]++ == 0) order.push_back(outcome);
+        if (region.is_due) due.push_back(region.name);
+    }
+    std::vector<std::string> parts;
+    for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
+    const std::size_t boots = life.boots.size();
+    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
+           (due.empty() ? "; everything packaged runs" : "; not current: " + joined(due));
+}
+
+Json versions_json(const RegionVersions &versions) {
+    return {{"running", version_text(versions.running)}, {"programmed", version_text(versions.programmed)}};
+}
+
+Json region_json(const RegionLife &region) {
+    return {{"name", region.name},
+            {"fpd", region.fpd},
+            {"region", region.index},
+            {"before", versions_json(region.before)},
+            {"after", versions_json(region.after)},
+            {"packaged", region.packaged.empty() ? Json() : Json(region.packaged)},
+            {"outcome", region.outcome ? Json(fpd_log::outcome_key(*region.outcome)) : Json()},
+            {"reason", region.reason},
+            {"boot", region.boot == 0 ? Json() : Json(region.boot)},
+            {"attempts", region.attempts},
+            {"due", region.is_due}};
+}
+
+Json boot_json(const BootLife &boot) {
+    Json runs = Json::array();
+    for (const fpd_log::Run &run : boot.runs) runs.push_back(fpd_report::run_json(run));
+    return {{"number", boot.number},
+            {"began", boot.began},
+            {"ended", boot.ended},
+            {"seconds", boot.seconds},
+            {"no_log", boot.no_log ? Json(*boot.no_log) : Json()},
+            {"runs", runs}};
+}
+
+}  // namespace
+
+std::string life_text(const Life &life, std::size_t width) {
+    std::string text = "\n" + region_table(life, width) + "\n" + boot_table(life, width);
+    const std::string notes = list_line("Described and never reached: ", life.faults_not_reached, width) +
+                              list_line("Images made up: ", life.made_up_images, width) +
+                              list_line("Made from the description: ", life.made_up_files, width);
+    if (!notes.empty()) text += "\n" + notes;
+    return text + "\n" + wrapped(printable(verdict(life)), width, 4);
+}
+
+std::string life_json(const Life &life) {
+    Json boots = Json::array();
+    for (const BootLife &boot : life.boots) boots.push_back(boot_json(boot));
+    Json regions = Json::array();
+    for (const RegionLife &region : life.regions) regions.push_back(region_json(region));
+    const Json document = {{"schema", "cardsim-life"},
+                           {"version", json_version},
+                           {"pid", life.pid},
+                           {"slot", life.slot},
+                           {"status", life.status},
+                           {"verdict", verdict(life)},
+                           {"due", is_anything_due(life)},
+                           {"boots", boots},
+                           {"regions", regions},
+                           {"faults_not_reached", life.faults_not_reached},
+                           {"made_up_images", life.made_up_images},
+                           {"made_up_files", life.made_up_files}};
+    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace cardsim
