@@ -77,14 +77,17 @@ std::string queue_of(const std::string &name, const Remains &remains) {
     return found == remains.queues.end() ? "none" : std::to_string(found->second);
 }
 
+RegionFate fate_of(const RegionState &region, const Remains &remains) {
+    const auto found = remains.fates.find(tools_name(region.name));
+    return found == remains.fates.end() ? RegionFate() : found->second;
+}
+
 Facts facts_of(const RegionState &region, const Remains &own, const Remains &others) {
     const std::string name = tools_name(region.name);
-    const auto found = own.fates.find(name);
-    const RegionFate fate = found == own.fates.end() ? RegionFate() : found->second;
+    const RegionFate fate = fate_of(region, own);
     return {{"running", version_text(region.running)},
             {"programmed", version_text(region.programmed)},
             {"outcome", fate.outcome ? fpd_log::outcome_text(*fate.outcome) : "no run"},
-            {"reason", fate.reason},
             {"attempts", std::to_string(fate.attempts)},
             {"queue", queue_of(name, own)},
             {"order", place_of(name, own, others)}};
@@ -103,6 +106,12 @@ void add_differences(std::vector<TableRow> &rows, const std::string &name, const
     }
 }
 
+/// Reasons of one and the same outcome may differ in the times that were measured.
+void add_reasons(std::vector<TableRow> &rows, const std::string &name, const RegionFate &one, const RegionFate &other) {
+    if (one.outcome == other.outcome) return;
+    rows.push_back({printable(name), "reason", printable(one.reason), printable(other.reason)});
+}
+
 void add_region(std::vector<TableRow> &rows, const RegionState &region, const Remains &one, const Remains &other) {
     const RegionState *match = find_region(other.state, region.fpd, region.index);
     if (match == nullptr) {
@@ -111,6 +120,7 @@ void add_region(std::vector<TableRow> &rows, const RegionState &region, const Re
         rows.push_back({printable(region.name), "name", printable(region.name), printable(match->name)});
     } else {
         add_differences(rows, region.name, facts_of(region, one, other), facts_of(*match, other, one));
+        add_reasons(rows, region.name, fate_of(region, one), fate_of(*match, other));
     }
 }
 

@@ -29,10 +29,10 @@ std::string outcome_of(const RegionLife &region) {
 }
 
 std::string region_table(const Life &life, std::size_t width) {
-    std::vector<TableRow> rows = {{"REGION", "BEFORE", "AFTER", "OUTCOME", "REASON"}};
+    std::vector<TableRow> rows = {{"REGION", "BEFORE", "AFTER", "OUTCOME"}};
     for (const RegionLife &region : life.regions) {
         rows.push_back({printable(region.name), version_text(region.before.running), version_text(region.after.running),
-                        outcome_of(region), printable(region.reason)});
+                        outcome_of(region) + ": " + printable(region.reason)});
     }
     return aligned(rows, width);
 }
@@ -53,9 +53,25 @@ std::string joined(const std::vector<std::string> &texts) {
     return line;
 }
 
-/// Nothing for an empty list.
-std::string list_line(const std::string &what, const std::vector<std::string> &texts, std::size_t width) {
-    return texts.empty() ? std::string() : wrapped(what + printable(joined(texts)), width, 4);
+/// The first few of many.
+std::string some_of(const std::vector<std::string> &texts) {
+    constexpr std::size_t few = 5;
+    if (texts.size() <= few) return joined(texts);
+    const auto end = texts.begin() + few;
+    return joined({texts.begin(), end}) + " and " + std::to_string(texts.size() - few) + " more";
+}
+
+std::string faults_line(const Life &life, std::size_t width) {
+    if (life.faults_not_reached.empty()) return {};
+    return wrapped("Described and never reached: " + printable(joined(life.faults_not_reached)), width, 4);
+}
+
+std::string made_up_line(const Life &life, std::size_t width) {
+    std::string text = "Made up: " + some_of(life.made_up_files);
+    if (!life.made_up_images.empty()) {
+        text += "; " + std::to_string(life.made_up_images.size()) + " images: " + some_of(life.made_up_images);
+    }
+    return wrapped(printable(text), width, 4);
 }
 
 /// "2 boots: 5 upgraded, 1 refused; not current: FabricFpga"
@@ -108,10 +124,7 @@ Json boot_json(const BootLife &boot) {
 
 std::string life_text(const Life &life, std::size_t width) {
     std::string text = "\n" + region_table(life, width) + "\n" + boot_table(life, width);
-    const std::string notes = list_line("Described and never reached: ", life.faults_not_reached, width) +
-                              list_line("Images made up: ", life.made_up_images, width) +
-                              list_line("Made from the description: ", life.made_up_files, width);
-    if (!notes.empty()) text += "\n" + notes;
+    text += "\n" + faults_line(life, width) + made_up_line(life, width);
     return text + "\n" + wrapped(printable(verdict(life)), width, 4);
 }
 

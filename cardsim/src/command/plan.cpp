@@ -148,8 +148,26 @@ RegionPlan region_plan(const RegionState &state, const fpd_log::Region *region,
     plan.outcome = Outcome::planned;
     if (region != nullptr) plan.queue = region->queue;
     plan.reason = "would be upgraded to " + plan.packaged;
-    if (region != nullptr && !region->dependency.empty()) plan.reason += " after " + region->dependency;
     return plan;
+}
+
+/// The FPD that the planned firmware of a region waits for; empty: none.
+std::string dependency_of(const RegionPlan &plan, const CardDescription &card) {
+    for (const FpdDescription &fpd : card.fpds) {
+        if (fpd.id != plan.fpd) continue;
+        for (const ImageDescription &image : fpd.regions[plan.index].images) {
+            if (version_text(image.version) == plan.packaged) return image.depends_on;
+        }
+    }
+    return {};
+}
+
+void tell_dependencies(std::vector<RegionPlan> &plans, const CardDescription &card,
+                       const std::map<std::string, Listed> &listed) {
+    for (RegionPlan &plan : plans) {
+        const std::string dependency = plan.place == 0 ? std::string() : dependency_of(plan, card);
+        if (listed.contains(dependency)) plan.reason += " after " + dependency;
+    }
 }
 
 /// The marker that a run of this plan compares with the one of the last run that reloaded the card.
@@ -258,7 +276,9 @@ Plan plan_boot(const CardPlace &place, const Power &power) {
     const StateDirectory state(copied.state);
     const std::vector<fpd_log::Run> runs = runs_of(state);
     const std::string text = text_of(output);
-    plan.regions = region_plans(load_state(state, place.description), runs, listed_upgrades(text));
+    const std::map<std::string, Listed> listed = listed_upgrades(text);
+    plan.regions = region_plans(load_state(state, place.description), runs, listed);
+    tell_dependencies(plan.regions, place.description, listed);
     plan.notes = notes_on(plan, place.description, text, state, runs);
     return plan;
 }

@@ -56,11 +56,21 @@ void remember_terminal(int file) {
     for (const char *capability : {"sgr0", "rmcup", "cnorm"}) remember_sequence(capability);
 }
 
-void die_restored(bool restored) {
+std::array<struct sigaction, deadly_signals.size()> actions_before;
+
+void restore_when_killed() {
     struct sigaction action = {};
-    action.sa_handler = restored ? restore_and_die : SIG_DFL;
+    action.sa_handler = restore_and_die;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    for (const int number : deadly_signals) sigaction(number, &action, nullptr);
+    for (std::size_t at = 0; at < deadly_signals.size(); ++at) {
+        sigaction(deadly_signals[at], &action, &actions_before[at]);
+    }
+}
+
+void die_as_before() {
+    for (std::size_t at = 0; at < deadly_signals.size(); ++at) {
+        sigaction(deadly_signals[at], &actions_before[at], nullptr);
+    }
 }
 
 // ---- what the terminal can do
@@ -114,7 +124,7 @@ struct TerminalScreen::Curses {
         screen = output == nullptr ? nullptr : newterm(nullptr, output, stdin);
         if (screen == nullptr) return;
         remember_terminal(terminal);
-        die_restored(true);
+        restore_when_killed();
         colored = wants_color();
         if (colored) define_colors();
         noecho();
@@ -125,7 +135,7 @@ struct TerminalScreen::Curses {
     ~Curses() {
         if (screen != nullptr) {
             endwin();
-            die_restored(false);
+            die_as_before();
             delscreen(screen);
         }
         if (output != nullptr) std::fclose(output);
