@@ -113,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                     MomentCase{"FPD Upgrade not needed", Outcome::current, RegionPhase::idle, "current"},
                     MomentCase{"FPD Info Received", Outcome::unfinished, RegionPhase::idle, ""}));
 
-TEST(Moment, CountsTheCardsTimeOfTheLastAttempt) {
+TEST(MomentOfARegion, HasTheCardsTimeOfTheLastAttempt) {
     fpd_log::Region region;
     region.retries = 1;
     region.state = "FPD Upgrade Started";

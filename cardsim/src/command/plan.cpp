@@ -226,17 +226,19 @@ std::vector<fpd_log::Run> runs_of(const StateDirectory &state) {
     return state.has(diagnostic_log) ? runs_in_log(state, 0) : std::vector<fpd_log::Run>();
 }
 
+std::string told(const RegionPlan &region) {
+    std::string text = region.reason;
+    if (region.place == 0) text = fpd_log::outcome_text(region.outcome) + (": " + text);
+    if (region.now.programmed != region.now.running) {
+        text += "; " + version_text(region.now.programmed) + " is programmed and not running";
+    }
+    return text;
+}
+
 TableRow row_of(const RegionPlan &region) {
-    const std::string queue = region.queue ? std::to_string(*region.queue) : "";
-    const std::string place = region.place == 0 ? "" : std::to_string(region.place);
-    return {printable(region.name),
-            version_text(region.now.running),
-            version_text(region.now.programmed),
+    return {printable(region.name), version_text(region.now.running),
             region.packaged.empty() ? "-" : printable(region.packaged),
-            queue,
-            place,
-            printable(std::string(region.place == 0 ? fpd_log::outcome_text(region.outcome) + std::string(": ") : "") +
-                      region.reason)};
+            region.queue ? std::to_string(*region.queue) : "", printable(told(region))};
 }
 
 std::vector<const RegionPlan *> in_order(const Plan &plan) {
@@ -284,7 +286,7 @@ Plan plan_boot(const CardPlace &place, const Power &power) {
 }
 
 std::string plan_text(const Plan &plan, std::size_t width) {
-    std::vector<TableRow> rows = {{"REGION", "RUNNING", "PROGRAMMED", "PACKAGED", "QUEUE", "PLACE", "PLAN"}};
+    std::vector<TableRow> rows = {{"REGION", "RUNNING", "PACKAGED", "QUEUE", "PLAN"}};
     for (const RegionPlan *region : in_order(plan)) rows.push_back(row_of(*region));
     std::string text = printable(plan.pid) + " in slot " + std::to_string(plan.slot) + ", the next boot\n\n";
     text += aligned(rows, width);

@@ -49,10 +49,14 @@ void remember_sequence(const char *capability) {
     for (; *text != '\0' && before.length < before.sequence.size(); ++text) before.sequence[before.length++] = *text;
 }
 
-void remember_terminal(int file) {
+void remember_modes(int file) {
     before = {};
     before.file = file;
     tcgetattr(file, &before.modes);
+}
+
+/// Of the terminal that the library has opened.
+void remember_sequences() {
     for (const char *capability : {"sgr0", "rmcup", "cnorm"}) remember_sequence(capability);
 }
 
@@ -120,10 +124,11 @@ struct TerminalScreen::Curses {
     bool colored = false;
 
     explicit Curses(int terminal) : output(fdopen(fcntl(terminal, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "w")) {
+        remember_modes(terminal);
         std::setlocale(LC_CTYPE, "");  // for names that are not ASCII
         screen = output == nullptr ? nullptr : newterm(nullptr, output, stdin);
         if (screen == nullptr) return;
-        remember_terminal(terminal);
+        remember_sequences();
         restore_when_killed();
         colored = wants_color();
         if (colored) define_colors();
