@@ -15,6 +15,7 @@ target_link_libraries(cardsim_sandbox PUBLIC cardsim_system PRIVATE bootup_fpd_b
 add_library(cardsim_parts STATIC
   src/command/card_place.cpp
   src/command/compare.cpp
+  src/command/documents.cpp
   src/command/life.cpp
   src/command/life_text.cpp
   src/command/live_view.cpp

@@ -108,6 +108,8 @@ std::optional<uint32_t> requested_type(int mode);
 /// Regions that are due at the end.
 bool is_anything_due(const Life &life);
 
+/// "2 boots: 5 upgraded, 1 refused; not current: FabricFpga"
+std::string verdict(const Life &life);
 /// The table for people, in `width` columns (0: as many as it takes), printable.
 std::string life_text(const Life &life, std::size_t width);
 /// The document for programs: cardsim/docs has its shape. Ends with a line break.

@@ -1,21 +1,14 @@
-/// The end of `cardsim boot`, for people and for programs.
+/// The end of `cardsim boot`, for people.
 #include <algorithm>
 #include <cstdio>
 #include <map>
-#include <nlohmann/json.hpp>
 
 #include "life.h"
 #include "printable.h"
-#include "run_json.h"
 #include "text_table.h"
 
 namespace cardsim {
 namespace {
-
-using fpd_log::Outcome;
-using Json = nlohmann::ordered_json;
-
-constexpr int json_version = 1;
 
 std::string seconds_text(double seconds) {
     char text[32];
@@ -74,7 +67,8 @@ std::string made_up_line(const Life &life, std::size_t width) {
     return wrapped(printable(text), width, 4);
 }
 
-/// "2 boots: 5 upgraded, 1 refused; not current: FabricFpga"
+}  // namespace
+
 std::string verdict(const Life &life) {
     std::map<std::string, int> counts;
     std::vector<std::string> order;
@@ -91,61 +85,10 @@ std::string verdict(const Life &life) {
            (due.empty() ? "; everything packaged runs" : "; not current: " + joined(due));
 }
 
-Json versions_json(const RegionVersions &versions) {
-    return {{"running", version_text(versions.running)}, {"programmed", version_text(versions.programmed)}};
-}
-
-Json region_json(const RegionLife &region) {
-    return {{"name", region.name},
-            {"fpd", region.fpd},
-            {"region", region.index},
-            {"before", versions_json(region.before)},
-            {"after", versions_json(region.after)},
-            {"packaged", region.packaged.empty() ? Json() : Json(region.packaged)},
-            {"outcome", region.outcome ? Json(fpd_log::outcome_key(*region.outcome)) : Json()},
-            {"reason", region.reason},
-            {"boot", region.boot == 0 ? Json() : Json(region.boot)},
-            {"attempts", region.attempts},
-            {"due", region.is_due}};
-}
-
-Json boot_json(const BootLife &boot) {
-    Json runs = Json::array();
-    for (const fpd_log::Run &run : boot.runs) runs.push_back(fpd_report::run_json(run));
-    return {{"number", boot.number},
-            {"began", boot.began},
-            {"ended", boot.ended},
-            {"seconds", boot.seconds},
-            {"no_log", boot.no_log ? Json(*boot.no_log) : Json()},
-            {"runs", runs}};
-}
-
-}  // namespace
-
 std::string life_text(const Life &life, std::size_t width) {
     std::string text = "\n" + region_table(life, width) + "\n" + boot_table(life, width);
     text += "\n" + faults_line(life, width) + made_up_line(life, width);
     return text + "\n" + wrapped(printable(verdict(life)), width, 4);
-}
-
-std::string life_json(const Life &life) {
-    Json boots = Json::array();
-    for (const BootLife &boot : life.boots) boots.push_back(boot_json(boot));
-    Json regions = Json::array();
-    for (const RegionLife &region : life.regions) regions.push_back(region_json(region));
-    const Json document = {{"schema", "cardsim-life"},
-                           {"version", json_version},
-                           {"pid", life.pid},
-                           {"slot", life.slot},
-                           {"status", life.status},
-                           {"verdict", verdict(life)},
-                           {"due", is_anything_due(life)},
-                           {"boots", boots},
-                           {"regions", regions},
-                           {"faults_not_reached", life.faults_not_reached},
-                           {"made_up_images", life.made_up_images},
-                           {"made_up_files", life.made_up_files}};
-    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace cardsim

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <nlohmann/json.hpp>
 
 #include "file_text.h"
 #include "printable.h"
@@ -22,9 +21,7 @@ namespace cardsim {
 namespace {
 
 using fpd_log::Outcome;
-using Json = nlohmann::ordered_json;
 
-constexpr int json_version = 1;
 constexpr const char *usual_startup = "bootup_fpd -c upgrade";
 constexpr const char *marker_file = "scratch/bootup_fpd_marker.txt";
 
@@ -147,7 +144,7 @@ RegionPlan region_plan(const RegionState &state, const fpd_log::Region *region,
     plan.packaged = found->second.version;
     plan.outcome = Outcome::planned;
     if (region != nullptr) plan.queue = region->queue;
-    plan.reason = "would be upgraded to " + plan.packaged;
+    plan.reason = "would be upgraded";
     return plan;
 }
 
@@ -241,28 +238,6 @@ TableRow row_of(const RegionPlan &region) {
             region.queue ? std::to_string(*region.queue) : "", printable(told(region))};
 }
 
-std::vector<const RegionPlan *> in_order(const Plan &plan) {
-    std::vector<const RegionPlan *> regions;
-    for (const RegionPlan &region : plan.regions) regions.push_back(&region);
-    std::stable_sort(regions.begin(), regions.end(), [](const RegionPlan *one, const RegionPlan *other) {
-        return one->place - 1 < other->place - 1;  // 0, not planned, is last
-    });
-    return regions;
-}
-
-Json region_json(const RegionPlan &region) {
-    return {{"name", region.name},
-            {"fpd", region.fpd},
-            {"region", region.index},
-            {"running", version_text(region.now.running)},
-            {"programmed", version_text(region.now.programmed)},
-            {"packaged", region.packaged.empty() ? Json() : Json(region.packaged)},
-            {"outcome", fpd_log::outcome_key(region.outcome)},
-            {"queue", region.queue ? Json(*region.queue) : Json()},
-            {"place", region.place == 0 ? Json() : Json(region.place)},
-            {"reason", region.reason}};
-}
-
 }  // namespace
 
 Plan plan_boot(const CardPlace &place, const Power &power) {
@@ -285,6 +260,15 @@ Plan plan_boot(const CardPlace &place, const Power &power) {
     return plan;
 }
 
+std::vector<const RegionPlan *> in_order(const Plan &plan) {
+    std::vector<const RegionPlan *> regions;
+    for (const RegionPlan &region : plan.regions) regions.push_back(&region);
+    std::stable_sort(regions.begin(), regions.end(), [](const RegionPlan *one, const RegionPlan *other) {
+        return one->place - 1 < other->place - 1;  // 0, not planned, is last
+    });
+    return regions;
+}
+
 std::string plan_text(const Plan &plan, std::size_t width) {
     std::vector<TableRow> rows = {{"REGION", "RUNNING", "PACKAGED", "QUEUE", "PLAN"}};
     for (const RegionPlan *region : in_order(plan)) rows.push_back(row_of(*region));
@@ -292,15 +276,6 @@ std::string plan_text(const Plan &plan, std::size_t width) {
     text += aligned(rows, width);
     for (const std::string &note : plan.notes) text += "\n" + wrapped(printable(note), width, 4);
     return text;
-}
-
-std::string plan_json(const Plan &plan) {
-    Json regions = Json::array();
-    for (const RegionPlan *region : in_order(plan)) regions.push_back(region_json(*region));
-    const Json document = {{"schema", "cardsim-plan"}, {"version", json_version}, {"pid", plan.pid},
-                           {"slot", plan.slot},        {"status", plan.status},   {"notes", plan.notes},
-                           {"regions", regions}};
-    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace cardsim

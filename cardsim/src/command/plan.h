@@ -36,6 +36,8 @@ struct Plan {
 /// boot_card; Error while the card is booting.
 Plan plan_boot(const CardPlace &place, const Power &power);
 
+/// Planned regions in the order of the plan, then the others in that of the description.
+std::vector<const RegionPlan *> in_order(const Plan &plan);
 /// Planned regions in the order of their queues, then the others with the reason; printable.
 std::string plan_text(const Plan &plan, std::size_t width);
 /// The document for programs; ends with a line break.
