@@ -13,3 +13,9 @@ target_compile_definitions(cardsim_command_test PRIVATE
   CARDSIM_VERSION="${PROJECT_VERSION}")
 add_dependencies(cardsim_command_test cardsim_command)
 gtest_discover_tests(cardsim_command_test NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
+
+# What the command shows.
+add_executable(cardsim_view_test tests/view_test.cpp)
+target_link_libraries(cardsim_view_test PRIVATE cardsim_parts bootup_fpd_build_flags GTest::gmock_main)
+bootup_fpd_test_program(cardsim_view_test inside)
+gtest_discover_tests(cardsim_view_test NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
