@@ -148,7 +148,7 @@ int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpgradeRequest *re
     report(request);
     for (;;) pause();
 #else
-    (void)report;
+    (void)report, (void)request;
 #endif
     return 0;
 }

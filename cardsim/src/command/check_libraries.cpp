@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,14 +13,16 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <set>
 
 #include "check_libraries_inside.h"
 #include "descriptor.h"
 #include "error.h"
 #include "file_text.h"
-#include "printable.h"
 
 namespace cardsim {
 namespace {
@@ -28,6 +31,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr unsigned most_calls_that_die = 100;  // in one stage; each makes the calls before it once more
+
+/// Before a process makes its first call it is loaded, which is nobody's call.
+constexpr milliseconds longest_start{30'000};
 
 /// Whether the process came to its end, and if not what ended it.
 enum class End { ordinary, killed_for_time, signal, status };
@@ -62,8 +68,10 @@ struct Child {
 /// with them. The loader takes them all, and then looks up what each needs of the others.
 [[noreturn]] void become_inside(const LibraryCheck &check, const Stage &stage, int reports, int output, bool eager) {
     setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::string preloaded;
     for (const std::string &file : check.libraries) preloaded += (preloaded.empty() ? "" : ":") + file;
+    if (const char *const callers = std::getenv("LD_PRELOAD")) preloaded += std::string(":") + callers;
     setenv("LD_PRELOAD", preloaded.c_str(), 1);
     if (eager) setenv("LD_BIND_NOW", "1", 1);
     dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
@@ -153,6 +161,8 @@ milliseconds take(const Message &message, Told &told, milliseconds usual) {
         case Kind::nothing:
             told.nothing = true;
             break;
+        case Kind::alive:
+            break;
     }
     return usual;
 }
@@ -171,7 +181,7 @@ bool wait_for_more(const Descriptor &reports, Clock::time_point until) {
 /// Hears the process out. False when a call took longer than it may.
 bool hear(const Descriptor &reports, milliseconds usual, Told &told) {
     std::string rest;
-    milliseconds limit = usual;
+    milliseconds limit = std::max(usual, longest_start);
     while (wait_for_more(reports, Clock::now() + limit)) {
         std::array<char, 4096> chunk{};
         const ssize_t count = read(reports.get(), chunk.data(), chunk.size());
@@ -215,9 +225,7 @@ Told run_stage(const LibraryCheck &check, const Stage &stage, bool eager = false
     return told;
 }
 
-std::string text_of(const ChildEnd &end, const LibraryCheck &check) {
-    char limit[32];
-    std::snprintf(limit, sizeof limit, "%g", check.limit);
+std::string text_of(const ChildEnd &end) {
     switch (end.end) {
         case End::killed_for_time:
             return "does not come back";
@@ -234,12 +242,12 @@ std::string text_of(const ChildEnd &end, const LibraryCheck &check) {
 }
 
 /// The row of a call that ended its process.
-Row row_of_dead(const Told &told, const LibraryCheck &check) {
+Row row_of_dead(const Told &told) {
     const Begun &begun = *told.open;
     if (told.damage.empty() && begun.may_abort && told.end.end == End::signal && told.end.number == SIGABRT) {
-        return {begun.call, begun.arguments, {Verdict::ok, "refused: " + text_of(told.end, check), ""}};
+        return {begun.call, begun.arguments, {Verdict::ok, "refused: " + text_of(told.end), ""}};
     }
-    const std::string result = told.damage.empty() ? text_of(told.end, check) : told.damage;
+    const std::string result = told.damage.empty() ? text_of(told.end) : told.damage;
     return {begun.call, begun.arguments, {begun.when_it_dies, result, ""}};
 }
 
@@ -277,10 +285,10 @@ std::set<unsigned> check_run(const LibraryCheck &check, Table &table) {
             table.rows.push_back({told.open->call, told.open->arguments, {Verdict::ok, "0", ""}});
             return stage.skip;
         }
-        if (told.open) table.rows.push_back(row_of_dead(told, check));
+        if (told.open) table.rows.push_back(row_of_dead(told));
         if (at_end || stage.skip.size() == most_calls_that_die) return stage.skip;
         if (!told.open) {
-            table.rows.push_back({"(run)", "", {Verdict::fault, text_of(told.end, check), "between two calls"}});
+            table.rows.push_back({"(run)", "", {Verdict::fault, text_of(told.end), "between two calls"}});
             return stage.skip;
         }
         seen = told.open->number;
@@ -293,10 +301,10 @@ void check_single_calls(const LibraryCheck &check, Part part, const std::set<uns
     for (unsigned number = 0;; ++number) {
         const Told told = run_stage(check, {.part = part, .number = number, .skip = skip});
         table.rows.insert(table.rows.end(), told.rows.begin(), told.rows.end());
-        if (told.open) table.rows.push_back(row_of_dead(told, check));
+        if (told.open) table.rows.push_back(row_of_dead(told));
         if (told.nothing) return;
         if (!told.open && told.end.end != End::ordinary) {
-            table.rows.push_back({"(preparation)", "", {Verdict::fault, text_of(told.end, check), ""}});
+            table.rows.push_back({"(preparation)", "", {Verdict::fault, text_of(told.end), ""}});
             return;
         }
         if (part == Part::upgrade) return;

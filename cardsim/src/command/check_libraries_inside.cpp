@@ -114,7 +114,7 @@ bool Reporter::call(Begun begun, const Judge &make_and_judge) {
         const std::string result = outcome.result.empty() ? damage : damage + ", " + outcome.result;
         outcome = {Verdict::fault, result, "whatever the tool has there is lost"};
     }
-    if (!quiet_) send({.kind = Kind::ended, .begun = {}, .outcome = outcome, .text = {}});
+    send({.kind = quiet_ ? Kind::alive : Kind::ended, .begun = {}, .outcome = outcome, .text = {}});
     return damage.empty();
 }
 

@@ -64,7 +64,8 @@ void tell_access(int signal_number, siginfo_t *info, void *context) {
     const Records::Place *const place = place_of(address);
     if (place == nullptr) {
         std::signal(signal_number, SIG_DFL);
-        return;  // to the same instruction, which now ends the process
+        std::raise(signal_number);  // ends the process as soon as this handler is left
+        return;
     }
     char line[256];
     const int length = std::snprintf(line, sizeof line, "D\t%s %s '%s' (%zu bytes)\t\n",

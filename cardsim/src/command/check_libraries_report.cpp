@@ -60,6 +60,7 @@ std::string line_of(const Message &message) {
         case Kind::damage:
         case Kind::region:
         case Kind::nothing:
+        case Kind::alive:
             return joined({kind, message.text});
     }
     return "\n";

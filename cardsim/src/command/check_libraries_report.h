@@ -41,6 +41,7 @@ enum class Kind : char {
     damage = 'D',   ///< `text`: what ended the process, which is about to end
     region = 'R',   ///< `text`: name of a region of the card
     nothing = 'N',  ///< there is nothing of that number to do
+    alive = 'A',    ///< a call came back that is not reported
 };
 
 struct Message {

@@ -4,10 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <thread>
 
 #include "check_libraries_calls.h"
+#include "descriptor.h"
+#include "error.h"
 
 namespace cardsim {
 namespace {
@@ -460,22 +463,46 @@ void run_talkative_command(Reporter &reporter) {
                                        });
 }
 
+/// A pipe whose ends commands reach by name.
+struct NamedPipe {
+    Descriptor reading;
+    Descriptor writing;
+
+    NamedPipe() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) throw system_error("a pipe", errno);
+        reading = Descriptor(ends[0]);
+        writing = Descriptor(ends[1]);
+    }
+    static std::string name(const Descriptor &end) {
+        return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(end.get());
+    }
+    void put() const { [[maybe_unused]] const ssize_t count = write(writing.get(), "x", 1); }
+    void take() const {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t count = read(reading.get(), &byte, 1);
+    }
+};
+
 /// While the flash is mounted, which takes minutes, the watchdog has to be punched: a command that waits for another
 /// one to be run, on another thread.
 void run_two_commands(Reporter &reporter) {
     call<decltype(exec_shell_command)>(
         reporter, "exec_shell_command", "one command while another runs", [](auto &run, Records &records) {
-            int ends[2];
-            if (pipe2(ends, O_CLOEXEC) != 0) return Outcome{Verdict::note, "not tried", "no pipe"};
-            const std::string files = "/proc/" + std::to_string(getpid()) + "/fd/";
+            const NamedPipe started;
+            const NamedPipe go;
             Records of_other;
-            std::thread other([&] { run_shell(run, of_other, "head -c 1 <" + files + std::to_string(ends[0])); });
-            const Shell shell = run_shell(run, records, "printf x >" + files + std::to_string(ends[1]));
+            std::thread other([&] {
+                const std::string tell = "printf x >" + NamedPipe::name(started.writing);
+                run_shell(run, of_other, tell + "; head -c 1 <" + NamedPipe::name(go.reading));
+                started.put();  // if it could not run
+            });
+            started.take();
+            const Shell shell = run_shell(run, records, "printf x >" + NamedPipe::name(go.writing));
+            if (shell.rc != 0) go.put();
             other.join();
-            close(ends[0]);
-            close(ends[1]);
             return shell.rc == 0 ? fine()
-                                 : failed(shell.rc, Verdict::note, "it could not write to a pipe of this process");
+                                 : failed(shell.rc, Verdict::note, "it cannot write to a pipe of this process");
         });
 }
 
