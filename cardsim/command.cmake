@@ -32,8 +32,24 @@ target_link_libraries(cardsim_parts
   PUBLIC cardsim_model cardsim_sandbox fpd_log_reader
   PRIVATE fpd_run_json bootup_fpd_build_flags ${CURSES_LIBRARIES})
 
-add_executable(cardsim_command src/command/cardsim_main.cpp)
+add_executable(cardsim_command
+  src/command/cardsim_main.cpp
+  src/command/check_libraries.cpp
+  src/command/check_libraries_card.cpp
+  src/command/check_libraries_inside.cpp
+  src/command/check_libraries_records.cpp
+  src/command/check_libraries_report.cpp
+  src/command/check_libraries_run.cpp
+  src/command/check_libraries_upgrade.cpp
+  src/command/check_libraries_wrong_calls.cpp)
 target_link_libraries(cardsim_command PRIVATE cardsim_parts bootup_fpd_build_flags CLI11::CLI11)
 target_compile_definitions(cardsim_command PRIVATE CARDSIM_VERSION="${PROJECT_VERSION}")
 set_target_properties(cardsim_command PROPERTIES OUTPUT_NAME cardsim)
+# The processes of check-libraries have of the tool what a library may name.
+target_link_libraries(cardsim_command PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
+target_link_options(cardsim_command PRIVATE
+  -Wl,--export-dynamic-symbol=fpd_upg_handler -Wl,--export-dynamic-symbol=bootup_fpd_time_div)
+set_source_files_properties(src/command/check_libraries_card.cpp PROPERTIES
+  COMPILE_DEFINITIONS "BOOTUP_FPD_BOARD_TYPES=\"${BOOTUP_FPD_BOARD_TYPES}\""
+  OBJECT_DEPENDS "${BOOTUP_FPD_BOARD_TYPES}")
 install(TARGETS cardsim_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT cardsim)

@@ -51,15 +51,14 @@ Writer writer_of(const Options &options, bool name_sources, Output *output) {
             return json_lines_writer(output);
         case Format::prometheus:
             return metrics_writer(output);
-#ifdef FPD_REPORT_DRAWS
         case Format::page:
             return page_writer(output);
         case Format::timeline:
             return timeline_writer(output);
-#endif
-        default:
-            return text_writer(output, {output_style(options), options.brief, options.lines}, name_sources);
+        case Format::text:
+            break;
     }
+    return text_writer(output, {output_style(options), options.brief, options.lines}, name_sources);
 }
 
 /// Counts what reaches the writer: with --last, an earlier run does not decide the status.

@@ -26,9 +26,7 @@ struct Extension {
 /// What a report's file name asks for where no option does.
 constexpr Extension extensions[] = {
     {".txt", Format::text},  {".json", Format::json},    {".jsonl", Format::json_lines}, {".prom", Format::prometheus},
-#ifdef FPD_REPORT_DRAWS
     {".html", Format::page}, {".svg", Format::timeline},
-#endif
 };
 
 std::optional<Format> format_of(const std::string &path) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "card_place.h"
+#include "check_libraries.h"
 #include "compare.h"
 #include "file_text.h"
 #include "plan.h"
@@ -39,6 +40,7 @@ struct Options {
     bool plain = false;
     std::filesystem::path compared[2];
     std::vector<std::string> command;
+    cardsim::LibraryCheck libraries;
 };
 
 void add_card(CLI::App &command, Options &options) {
@@ -177,6 +179,8 @@ int main(int argc, char **argv) {
     CLI::App *new_command = app.add_subcommand("new", "make the directory of a new card from a template");
     new_command->add_option("DIR", options.new_directory, "absent or empty")->required();
 
+    CLI::App *check_libraries = cardsim::add_check_libraries(app, options.libraries);
+
     CLI11_PARSE(app, argc, argv);
 
     try {
@@ -188,6 +192,7 @@ int main(int argc, char **argv) {
             return cardsim::exec_on_card(place, options.power, options.command);
         }
         if (show_command->parsed()) show(options);
+        if (check_libraries->parsed()) return cardsim::check_libraries(options.libraries);
         if (new_command->parsed()) cardsim::make_card(options.new_directory);
         return 0;
     } catch (const std::exception &reason) {
