@@ -254,7 +254,7 @@ TEST_F(Binaries, AnotherLibraryHasThemAll) {
 TEST_F(Binaries, ProgramsFindTheirLibrariesAndEachOtherUnderAnyPrefix) {
     const std::string prefix = root_ / "any prefix";
     EXPECT_THAT(install(BUILD_DIRECTORY, prefix),
-                UnorderedElementsAre("bin/cardsim", "lib/libcardsim.so", "sbin/bootup_fpd"));
+                UnorderedElementsAre("bin/cardsim", "bin/fpd-report", "lib/libcardsim.so", "sbin/bootup_fpd"));
     const Result loaded = on_card("LD_TRACE_LOADED_OBJECTS=1 \"" + prefix + "/sbin/bootup_fpd\"");
     EXPECT_THAT(loaded.out, HasSubstr("libcardsim.so => " + prefix + "/sbin/../lib/libcardsim.so"));
     EXPECT_EQ(on_card("command -v bootup_fpd", prefix + "/bin/cardsim").out, prefix + "/sbin/bootup_fpd\n");
