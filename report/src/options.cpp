@@ -25,8 +25,8 @@ struct Extension {
 
 /// What a report's file name asks for where no option does.
 constexpr Extension extensions[] = {
-    {".txt", Format::text},  {".json", Format::json},    {".jsonl", Format::json_lines}, {".prom", Format::prometheus},
-    {".html", Format::page}, {".svg", Format::timeline},
+    {".txt", Format::text},        {".json", Format::json}, {".jsonl", Format::json_lines},
+    {".prom", Format::prometheus}, {".html", Format::page}, {".svg", Format::timeline},
 };
 
 std::optional<Format> format_of(const std::string &path) {
