@@ -95,7 +95,7 @@ void begin_upgrading(OpenRun &open, Time time) {
     keep_event(open, time, EventKind::run_start, "");
 }
 
-void decide(RegionNotes &notes, Region &region, Verdict verdict) {
+void decide(RegionNotes &notes, Region &region, const Verdict &verdict) {
     notes.decided = true;
     region.outcome = verdict.outcome;
     region.reason = cut(verdict.reason, reason_limit);

@@ -53,7 +53,7 @@ Time offset_of(std::string_view zone) {
     if ((!hours_alone && zone.size() != 5) || (zone[0] != '+' && zone[0] != '-')) return 0;
     if (!std::all_of(zone.begin() + 1, zone.end(), is_digit)) return 0;
     const int minutes = number_of(zone.substr(1, 2)) * 60 + (hours_alone ? 0 : number_of(zone.substr(3, 2)));
-    return (zone[0] == '-' ? -1 : 1) * minutes * Time{60'000'000};
+    return Time{60'000'000} * minutes * (zone[0] == '-' ? -1 : 1);
 }
 
 /// Takes "2026-11-22 06:02:23" off the front of the text.

@@ -62,7 +62,7 @@ Writer writer_of(const Options &options, bool name_sources, Output *output) {
 }
 
 /// Counts what reaches the writer: with --last, an earlier run does not decide the status.
-Writer counting(Writer writer, Findings *findings) {
+Writer counting(const Writer &writer, Findings *findings) {
     const auto take = [take = writer.take, findings](const ReportedRun &reported) {
         ++findings->runs;
         if (!is_well(reported.run)) ++findings->not_well;

@@ -20,7 +20,7 @@ using fpd_log::FlashEvent;
 using fpd_log::Run;
 
 constexpr std::size_t reader_threads = 2;
-constexpr std::size_t flash_events_kept = 100'000, longest_flash_line = 64 * 1024;
+constexpr std::size_t flash_events_kept = 100'000, longest_flash_line = 65'536;
 constexpr fpd_log::Time second = 1'000'000;
 
 bool is_understood(const Run &run) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -132,7 +133,7 @@ std::string xml_text(std::string_view text) {
 
 /// Pixels: one decimal place, whatever the locale.
 std::string pixels(double value) {
-    const auto tenths = static_cast<long long>(value * 10 + 0.5);
+    const auto tenths = std::llround(value * 10);
     return std::to_string(tenths / 10) + (tenths % 10 == 0 ? "" : "." + std::to_string(tenths % 10));
 }
 

@@ -57,6 +57,7 @@ std::vector<std::string> table_lines(const std::vector<Row> &rows, std::size_t i
     std::vector<std::size_t> widths = column_widths(rows);
     narrow(&widths, indent, style);
     std::vector<std::string> lines;
+    lines.reserve(rows.size());
     for (const Row &row : rows) lines.push_back(row_line(row, widths, indent, style));
     return lines;
 }
