@@ -1,4 +1,4 @@
-/// Runs commands in turns and tells what each run cost: measure ROUNDS COMMAND...
+/// Runs commands in turns, every other round backwards, and tells what each run cost: measure ROUNDS COMMAND...
 ///
 /// A command is one argument, its words separated by blanks; words NAME=VALUE before the program are its environment
 /// besides what it inherits. For each run a line: the number of the command, its exit status, the processor time of the
@@ -84,7 +84,10 @@ int main(int argc, char **argv) {
     std::array<Words, most_commands> commands{};
     for (int i = 2; i < argc; ++i) commands[static_cast<std::size_t>(i - 2)] = words_of(argv[i]);
     stay_on_one_processor();
+    const int count = argc - 2;
     for (long round = std::strtol(argv[1], nullptr, 10); round > 0; --round)
-        for (int i = 0; i < argc - 2; ++i)
+        for (int turn = 0; turn < count; ++turn) {
+            const int i = round % 2 == 0 ? turn : count - 1 - turn;
             if (!run(i, commands[static_cast<std::size_t>(i)])) return 1;
+        }
 }

@@ -59,6 +59,7 @@ inline constexpr std::size_t fpd_version_text_size = 12;
 
 /// One FPD region. All fields belong to the main thread; a worker has copies of what it needs of them.
 struct Fpd {
+    Fpd *next;  // in the queue that holds the record; near the name, for whoever looks for one
     std::uint32_t obj_id;
     std::uint8_t region;         // index within the FPD
     std::uint8_t seq;            // number of its sequence queue
@@ -78,7 +79,6 @@ struct Fpd {
     char packaged_text[fpd_version_text_size];
     FpdWorkerCtx *worker;  // of its running upgrade, null: none; owned by the LocalCard
     Fpd *dependency;       // not owned; null: none
-    Fpd *next;             // in the queue that holds the record
 };
 static_assert(std::is_trivial_v<Fpd>, "taken with calloc");
 

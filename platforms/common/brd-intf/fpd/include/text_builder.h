@@ -26,23 +26,32 @@ class TextBuilder {
     [[gnu::format(printf, 2, 3)]] void add(const char *format, ...);
     /// A format that printf refuses is added as it stands.
     [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
-    void add_text(std::string_view text);
-    void add_number(int number);
+    void add_text(std::string_view text) {
+        if (text.size() >= room()) make_room(text.size());
+        append(text.substr(0, room() - 1));
+    }
+    void add_number(long number);
     /// Adds the last characters of a line, which replace those before them when the text had to be cut.
     void end_with(std::string_view ending);
     /// What was added so far, without the NUL after it; valid until more is added.
-    std::string_view view() const { return {text(), length_}; }
-    const char *text() const { return grown_ ? grown_.get() : small_; }
+    std::string_view view() const { return {text_, length_}; }
+    const char *text() const { return text_; }
 
   private:
-    char *end() { return (grown_ ? grown_.get() : small_) + length_; }
+    char *end() { return text_ + length_; }
     /// Bytes for more characters and their NUL.
     std::size_t room() const { return capacity_ - length_; }
     void make_room(std::size_t count);
-    void append(std::string_view text);
+    /// For what there is room for.
+    void append(std::string_view text) {
+        text.copy(end(), text.size());
+        length_ += text.size();
+        *end() = '\0';
+    }
 
     char small_[short_length + 1];  // holds the text until it is too long
     Allocated<char> grown_;         // holds it from then on
+    char *text_ = small_;           // whichever holds it
     std::size_t capacity_ = sizeof small_;
     std::size_t length_ = 0;  // characters, without the NUL
 };

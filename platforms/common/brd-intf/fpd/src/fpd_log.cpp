@@ -41,16 +41,11 @@ void add_field(TextBuilder &line, const char *field) {
     line.add_text("]");
 }
 
-struct Ids {
-    int process;
-    int thread;
-};
-
-/// Asked for once a thread: each line would cost two system calls more.
-const Ids &ids_of_this_thread() {
+/// "[PROCESS:THREAD]". Asked for once a thread: each line would cost two system calls more.
+const char *ids_of_this_thread() {
     // Of the executable's own: no call into the dynamic loader.
-    [[gnu::tls_model("initial-exec")]] thread_local Ids ids{};
-    if (ids.thread == 0) ids = {getpid(), static_cast<int>(syscall(SYS_gettid))};
+    [[gnu::tls_model("initial-exec")]] thread_local char ids[32];
+    if (!*ids) std::snprintf(ids, sizeof ids, "[%d:%d]", getpid(), static_cast<int>(syscall(SYS_gettid)));
     return ids;
 }
 
@@ -70,23 +65,23 @@ SecondText text_of(std::time_t second) {
     return text;
 }
 
-/// Into a buffer of timestamp_size bytes.
-void write_timestamp(const SecondText &text, suseconds_t microseconds, char *buffer) {
+void add_timestamp(TextBuilder &line, const SecondText &text, suseconds_t microseconds) {
+    const std::size_t before = line.view().size();
+    line.add_text(text.date_and_time);
     // The fraction is without leading zeros: readers of existing logs depend on it.
-    const int used =
-        std::snprintf(buffer, timestamp_size, "%s.%ld", text.date_and_time, static_cast<long>(microseconds));
+    line.add_text(".");
+    line.add_number(microseconds);
     // A time without its zone tells more than one with a part of its name.
-    if (static_cast<std::size_t>(used) + std::strlen(text.zone) < timestamp_size) std::strcpy(buffer + used, text.zone);
+    const std::string_view zone = text.zone;
+    if (line.view().size() - before + zone.size() < timestamp_size) line.add_text(zone);
 }
 
-void add_timestamp(TextBuilder &line) {
+void add_time_of_now(TextBuilder &line) {
     timeval now{};
     gettimeofday(&now, nullptr);
     [[gnu::tls_model("initial-exec")]] thread_local SecondText text{};
     if (text.second != now.tv_sec || !*text.date_and_time) text = text_of(now.tv_sec);
-    char timestamp[timestamp_size];
-    write_timestamp(text, now.tv_usec, timestamp);
-    line.add_text(timestamp);
+    add_timestamp(line, text, now.tv_usec);
 }
 
 [[gnu::format(printf, 6, 0)]] void log_line(const char *component, const char *level, const char *tag, const char *file,
@@ -94,13 +89,9 @@ void add_timestamp(TextBuilder &line) {
     const ErrnoKeeper keeper;
     TextBuilder line;
     line.add_text("[");
-    add_timestamp(line);
-    line.add_text("] [");
-    const Ids &ids = ids_of_this_thread();
-    line.add_number(ids.process);
-    line.add_text(":");
-    line.add_number(ids.thread);
-    line.add_text("]");
+    add_time_of_now(line);
+    line.add_text("] ");
+    line.add_text(ids_of_this_thread());
     add_field(line, component);
     add_field(line, level);
     add_field(line, tag);
@@ -127,7 +118,9 @@ void fpd_log_timestamp(char *buffer, std::size_t size) {
     if (size < timestamp_size) return;
     timeval now{};
     gettimeofday(&now, nullptr);
-    write_timestamp(text_of(now.tv_sec), now.tv_usec, buffer);
+    TextBuilder text;
+    add_timestamp(text, text_of(now.tv_sec), now.tv_usec);
+    std::snprintf(buffer, timestamp_size, "%s", text.text());
 }
 
 void fpd_log(const char *component, const char *level, const char *tag, const char *file, int line, const char *format,

@@ -31,13 +31,8 @@ void TextBuilder::add_list(const char *format, std::va_list arguments) {
         length_ += std::min(static_cast<std::size_t>(count), room() - 1);
 }
 
-void TextBuilder::add_text(std::string_view text) {
-    make_room(text.size());
-    append(text.substr(0, room() - 1));
-}
-
-void TextBuilder::add_number(int number) {
-    char digits[std::numeric_limits<int>::digits10 + 2];  // and one digit more, and the sign
+void TextBuilder::add_number(long number) {
+    char digits[std::numeric_limits<long>::digits10 + 2];  // and one digit more, and the sign
     const char *const end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
     add_text({digits, static_cast<std::size_t>(end - digits)});
 }
@@ -57,12 +52,6 @@ void TextBuilder::make_room(std::size_t count) {
     if (!grown_) std::memcpy(grown, small_, sizeof small_);
     static_cast<void>(grown_.release());
     grown_.reset(grown);
+    text_ = grown;
     capacity_ = needed;
-}
-
-/// For what there is room for.
-void TextBuilder::append(std::string_view text) {
-    text.copy(end(), text.size());
-    length_ += text.size();
-    *end() = '\0';
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <mqueue.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -155,6 +156,21 @@ WorkerMsg RunTest::receive() {
     return msg;
 }
 
+void Gate::hold_upgrades() const {
+    fake_platform().brd_fpd_upgrade = [gate = *this](auto...) {
+        gate.pass();
+        return 0;
+    };
+}
+
+void Gate::hang_upgrades() const {
+    fake_platform().brd_fpd_upgrade = [gate = *this](auto...) {
+        gate.shared->arrived.release();
+        for (;;) pause();
+        return 0;
+    };
+}
+
 StandardInputClosed::StandardInputClosed() : kept(dup(STDIN_FILENO)) {
     close(STDIN_FILENO);
 }
@@ -175,6 +191,10 @@ bool eventually(const std::function<bool()> &condition) {
 
 bool has_ended(FpdWorkerCtx &worker) {
     return std::atomic_ref(worker.ended).load(std::memory_order_acquire);
+}
+
+void await_end(FpdWorkerCtx &worker) {
+    EXPECT_TRUE(eventually([&] { return has_ended(worker); })) << worker.name;
 }
 
 std::vector<std::string> events() {

@@ -63,6 +63,11 @@ struct Gate {
     /// Lets one worker through.
     void open() const { shared->opened.release(); }
 
+    /// Has the platform library's upgrades pass the gate, and succeed.
+    void hold_upgrades() const;
+    /// Has them arrive at the gate and then hang for ever.
+    void hang_upgrades() const;
+
     struct Shared {
         std::counting_semaphore<> arrived{0};
         std::counting_semaphore<> opened{0};
@@ -88,6 +93,9 @@ bool has_ended(FpdWorkerCtx &worker);
 std::vector<std::string> events();
 /// Texts of the lines of the event log on the flash, without their time stamps.
 std::vector<std::string> event_log_texts(const char *path = flash_log_path);
+
+/// Expects that the worker's thread comes to its end.
+void await_end(FpdWorkerCtx &worker);
 
 /// Names of the records of a queue, in its order.
 std::vector<std::string> names(const Fpd *queue);

@@ -107,47 +107,38 @@ TEST_F(ContextInit, FailsWithoutMemory) {
     EXPECT_THAT(fake_platform().calls(), IsEmpty());
 }
 
-TEST_F(ContextInit, FailsWhenTheHardwareLayerDoesNotStart) {
-    fake_platform().brd_fru_hw_init = [](std::uint32_t) { return 5; };
-    expect_failure(-13, "InitLocalCardBrdIntfInitFail", "BRD init failed rc -38");
-    EXPECT_THAT(fake_platform().calls_of("brd_local_card_group_id_get"), IsEmpty());
-}
-
-TEST_F(ContextInit, FailsWhenTheCardsIdentityIsIncomplete) {
-    write_file(bootstrap_path, "HW_MAJOR_VERSION=1\n");
-    expect_failure(-13, "InitLocalCardBrdIntfInitFail", "BRD init failed rc -2");
-}
-
-TEST_F(ContextInit, FailsWithoutAGroup) {
-    fake_platform().brd_local_card_group_id_get = [](std::uint32_t *) { return 0x501; };
-    expect_failure(-13, "InitLocalCardGetBrdGrpIdFail", "Local Card BRD group get get failed 1281");
-}
-
-TEST_F(ContextInit, FailsWithoutABoardType) {
-    change_bootstrap("HW_MAJOR_VERSION=1\nHW_MINOR_VERSION=0\n");
-    expect_failure(-13, "InitLocalCardPlatBoardTypeFail", "Local Card Platform HW board type get failed -2");
-}
-
-TEST_F(ContextInit, FailsWhenTheHardwareVersionIsNoNumber) {
-    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=A\n");
-    expect_failure(-13, "InitLocalCardPlatHwVerFail", "Local Card Platform card HW version get failed -22");
-}
-
-TEST_F(ContextInit, FailsWhenTheHardwareVersionIsOutOfRange) {
-    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=256\nHW_MINOR_VERSION=65535\n");
-    expect_failure(-13, "InitLocalCardHWVerMakeFail",
-                   "Local Card Failed to make fpd_version for HW major 0x100 minor oxffff");
-}
-
-TEST_F(ContextInit, FailsWhenTheMinorVersionIsOutOfRange) {
-    change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=255\nHW_MINOR_VERSION=65536\n");
-    expect_failure(-13, "InitLocalCardHWVerMakeFail",
-                   "Local Card Failed to make fpd_version for HW major 0xff minor ox10000");
-}
-
-TEST_F(ContextInit, TellsOfAMissingLedInTheGroupsWords) {
-    fake_platform().leds.clear();
-    expect_failure(-13, "InitLocalCardGetLedBrdObjIdFail", "Local Card BRD group get get failed 0");
+TEST_F(ContextInit, FailsWithoutAnyPartOfTheCard) {
+    const struct {
+        void (*arrange)();
+        const char *tag;
+        const char *text;
+    } cases[] = {
+        {[] { fake_platform().brd_fru_hw_init = [](auto) { return 5; }; }, "InitLocalCardBrdIntfInitFail",
+         "BRD init failed rc -38"},
+        {[] { write_file(bootstrap_path, "HW_MAJOR_VERSION=1\n"); }, "InitLocalCardBrdIntfInitFail",
+         "BRD init failed rc -2"},
+        {[] { fake_platform().brd_local_card_group_id_get = [](auto) { return 0x501; }; },
+         "InitLocalCardGetBrdGrpIdFail", "Local Card BRD group get get failed 1281"},
+        {[] { change_bootstrap("HW_MAJOR_VERSION=1\nHW_MINOR_VERSION=0\n"); }, "InitLocalCardPlatBoardTypeFail",
+         "Local Card Platform HW board type get failed -2"},
+        {[] { change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=1\nHW_MINOR_VERSION=A\n"); },
+         "InitLocalCardPlatHwVerFail", "Local Card Platform card HW version get failed -22"},
+        {[] { change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=256\nHW_MINOR_VERSION=65535\n"); },
+         "InitLocalCardHWVerMakeFail", "Local Card Failed to make fpd_version for HW major 0x100 minor oxffff"},
+        {[] { change_bootstrap("PD_CARD_TYPE=12544\nHW_MAJOR_VERSION=255\nHW_MINOR_VERSION=65536\n"); },
+         "InitLocalCardHWVerMakeFail", "Local Card Failed to make fpd_version for HW major 0xff minor ox10000"},
+        {[] { fake_platform().leds.clear(); }, "InitLocalCardGetLedBrdObjIdFail",
+         "Local Card BRD group get get failed 0"},  // the group's words
+    };
+    for (const auto &[arrange, tag, text] : cases) {
+        clear_log();
+        fake_platform().reset();
+        write_file(bootstrap_path, default_bootstrap_text());
+        arrange();
+        expect_failure(-13, tag, text);
+        EXPECT_EQ(fake_platform().calls_of("brd_local_card_group_id_get").empty(),
+                  std::string_view(tag) == "InitLocalCardBrdIntfInitFail");
+    }
 }
 
 TEST_F(ContextInit, IsUndoneByDeinit) {
@@ -188,52 +179,42 @@ struct FpdName : CardTest {
 
 TEST_F(FpdName, IsThatOfTheRegion) {
     fake_platform().fpds = {make_fpd(1, {"Primary", "Golden", "Config"})};
-    EXPECT_EQ(get(2), 0);
+    expect_result(get(2), 0);
     EXPECT_STREQ(name, "Config");
-    EXPECT_STREQ(err_msg, "");
 }
 
-TEST_F(FpdName, HasNoRegionsToNameWhenTheLibraryTellsOfNone) {
-    fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t, std::uint8_t *) { return 0; };
-    EXPECT_EQ(get(0), -22);
-    EXPECT_STREQ(err_msg, "Invalid region 0 num_regions 0");
-}
-
-TEST_F(FpdName, FailsWithTheCodeOfTheRegionsCount) {
-    fake_platform().brd_fpd_num_regions_get = [](std::uint32_t, std::uint32_t, std::uint8_t *) { return 0x77; };
-    EXPECT_EQ(get(0), 0x77);
-    EXPECT_STREQ(err_msg, "BRD GET FPD num of region failed rc 119");
-    expect_log(init_module, "ERROR", "FpdNamgeGetNumRegionFail", "BRD GET FPD num of region failed rc 119");
-    EXPECT_STREQ(name, "untouched");
-}
-
-TEST_F(FpdName, FailsForARegionThatIsNone) {
-    EXPECT_EQ(get(1), -22);
-    EXPECT_STREQ(err_msg, "Invalid region 1 num_regions 1");
-    expect_log(init_module, "ERROR", "FpdNameInvalidRegion", "Invalid region 1 num_regions 1");
-    EXPECT_THAT(fake_platform().calls_of("brd_fpd_regions_get"), IsEmpty());
-}
-
-TEST_F(FpdName, FailsWithoutMemory) {
-    interpose::fail(Call::calloc, ENOMEM);
-    EXPECT_EQ(get(0), -12);
-    EXPECT_STREQ(err_msg, "Memory alloc failed");
-    expect_log(init_module, "ERROR", "FpdNameGetMallocFail", "Memory alloc failed");
-}
-
-TEST_F(FpdName, FailsWithTheCodeOfTheRegionsList) {
-    fake_platform().brd_fpd_regions_get = [](std::uint32_t, std::uint32_t, BrdFpdRegion *, std::uint8_t) { return -7; };
-    EXPECT_EQ(get(0), -7);
-    EXPECT_STREQ(err_msg, "BRD GET FPD Region failed rc -7");
-    expect_log(init_module, "ERROR", "FpdNameGetRegionsFail", "BRD GET FPD Region failed rc -7");
-    EXPECT_STREQ(name, "untouched");
+TEST_F(FpdName, FailsWithTheCodeOfWhatItAsksFor) {
+    const struct {
+        void (*arrange)();
+        std::uint8_t region;
+        int rc;
+        const char *tag;
+        const char *text;
+        std::size_t lists;  // of regions that are asked for
+    } cases[] = {
+        {[] { fake_platform().brd_fpd_num_regions_get = [](auto...) { return 0x77; }; }, 0, 0x77,
+         "FpdNamgeGetNumRegionFail", "BRD GET FPD num of region failed rc 119", 0},
+        {[] { fake_platform().brd_fpd_num_regions_get = [](auto...) { return 0; }; }, 0, -22, "FpdNameInvalidRegion",
+         "Invalid region 0 num_regions 0", 0},  // none told of
+        {[] {}, 1, -22, "FpdNameInvalidRegion", "Invalid region 1 num_regions 1", 0},
+        {[] { interpose::fail(Call::calloc, ENOMEM); }, 0, -12, "FpdNameGetMallocFail", "Memory alloc failed", 0},
+        {[] { fake_platform().brd_fpd_regions_get = [](auto...) { return -7; }; }, 0, -7, "FpdNameGetRegionsFail",
+         "BRD GET FPD Region failed rc -7", 1},
+    };
+    for (const auto &[arrange, region, rc, tag, text, lists] : cases) {
+        clear_log();
+        fake_platform().reset();
+        arrange();
+        expect_logged(get(region), rc, init_module, tag, text);
+        EXPECT_STREQ(name, "untouched");
+        EXPECT_THAT(fake_platform().calls_of("brd_fpd_regions_get"), SizeIs(lists));
+    }
 }
 
 TEST_F(FpdName, AsksForAllRegionsInZeroedRecordsOf104Bytes) {
     fake_platform().fpds = {make_fpd(1, {"Primary", "Golden"})};
     std::string asked;
-    fake_platform().brd_fpd_regions_get = [&asked](std::uint32_t, std::uint32_t, BrdFpdRegion *regions,
-                                                   std::uint8_t count) {
+    fake_platform().brd_fpd_regions_get = [&asked](auto, auto, BrdFpdRegion *regions, std::uint8_t count) {
         char *const bytes = reinterpret_cast<char *>(regions);
         asked.assign(bytes, std::size_t{count} * 104);
         std::memcpy(bytes + 104 + 1, "AtByteOne", sizeof "AtByteOne");
@@ -293,48 +274,35 @@ TEST_F(FpdInfo, MakesBothVersionsAndTheirTexts) {
     EXPECT_STREQ(err_msg, "");
 }
 
-TEST_F(FpdInfo, FailsAsThePlatformDoes) {
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *text,
-                                          std::size_t size) {
-        std::snprintf(text, size, "bus timeout");
-        return 4;
-    };
-    EXPECT_EQ(get(), -13);
-    EXPECT_STREQ(err_msg, "bus timeout");
-    expect_log(init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error bus timeout");
-    EXPECT_STREQ(fpd.info.name, "IoFpga");
+TEST_F(FpdInfo, FailsAsThePlatformDoesAndShowsNoEarlierTextWhenItGivesNone) {
+    for (const char *const why : {"bus timeout", ""}) {
+        clear_log();
+        fake_platform().brd_fpd_info_get = [why](auto, auto, auto, BrdFpdInfo *, char *text, std::size_t size) {
+            if (*why) std::snprintf(text, size, "%s", why);
+            return 4;
+        };
+        std::strcpy(err_msg, "left by an earlier call");
+        expect_result(get(), -13, why);
+        expect_log(init_module, "ERROR", "FpdInfoGetBrdFail", std::string("Failed to get FPD info, error ") + why);
+        EXPECT_STREQ(fpd.info.name, "IoFpga");
+    }
 }
 
-TEST_F(FpdInfo, ShowsNoEarlierTextWhenThePlatformGivesNone) {
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *,
-                                          std::size_t) { return 4; };
-    EXPECT_EQ(get(), -13);
-    EXPECT_STREQ(err_msg, "");
-    expect_log(init_module, "ERROR", "FpdInfoGetBrdFail", "Failed to get FPD info, error ");
-}
-
-TEST_F(FpdInfo, FailsForAProgrammedVersionOutOfRange) {
+TEST_F(FpdInfo, FailsForAVersionOutOfRangeAndKeepsTheProgrammedOneBeforeIt) {
     answer().programmed_major = 256;
     answer().programmed_minor = 2;
     answer().programmed_debug = 3;
-    EXPECT_EQ(get(), -13);
-    const char *const text = "Failed to make FPD Programmed version for name IoFpga major 0x100 minor 0x2 debug 0x3";
-    EXPECT_STREQ(err_msg, text);
-    expect_log(init_module, "ERROR", "InfoGetMakeFpdVerFail", text);
+    expect_logged(get(), -13, init_module, "InfoGetMakeFpdVerFail",
+                  "Failed to make FPD Programmed version for name IoFpga major 0x100 minor 0x2 debug 0x3");
     EXPECT_STREQ(fpd.programmed_text, "");
-    EXPECT_STREQ(fpd.running_text, "");
-}
-
-TEST_F(FpdInfo, FailsForARunningVersionOutOfRangeBehindTheProgrammedOne) {
     answer().programmed_major = 9;
     answer().running_major = 1;
     answer().running_minor = 0xffff;
     answer().running_debug = 0x1ff;
-    EXPECT_EQ(get(), -13);
-    const char *const text = "Failed to make FPD Running version for name IoFpga major 0x1 minor 0xffff debug 0x1ff";
-    EXPECT_STREQ(err_msg, text);
-    expect_log(init_module, "ERROR", "InfoGetMakeFpdRunVerFail", text);
-    EXPECT_STREQ(fpd.programmed_text, "9.0.0");
+    clear_log();
+    expect_logged(get(), -13, init_module, "InfoGetMakeFpdRunVerFail",
+                  "Failed to make FPD Running version for name IoFpga major 0x1 minor 0xffff debug 0x1ff");
+    EXPECT_STREQ(fpd.programmed_text, "9.2.3");
     EXPECT_STREQ(fpd.running_text, "");
 }
 
@@ -349,8 +317,7 @@ TEST_F(FpdInfo, IsAskedForInABlockThatHoldsTheNameAndZeroesElse) {
     fpd.info.initial_seq = 200;  // of an earlier reading
     std::memset(fpd.info.reserved83, 0x5a, sizeof fpd.info.reserved83);
     std::string asked;
-    fake_platform().brd_fpd_info_get = [&asked](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
-                                                std::size_t) {
+    fake_platform().brd_fpd_info_get = [&asked](auto, auto, auto, BrdFpdInfo *info, auto...) {
         asked = bytes_of(*info);
         return 0;
     };
@@ -377,42 +344,34 @@ struct LoadFpds : RunTest {
     }
 };
 
-TEST_F(LoadFpds, LoadsNothingOfAGroupWithoutFpds) {
-    fake_platform().fpds.clear();
-    EXPECT_EQ(load(), 0);
-    EXPECT_STREQ(err_msg, "No FPDs Defined");
-    expect_log(init_module, "INFO", "LoadFpdsNoFpds", "No FPDs Defined");
-    EXPECT_EQ(card.queues.fpd_queue, nullptr);
-    EXPECT_THAT(fake_platform().calls_of("brd_group_fpd_obj_id_list_get"), IsEmpty());
-}
-
-TEST_F(LoadFpds, FailsWithoutTheirNumber) {
-    fake_platform().brd_group_fpd_num_fpds_get = [](std::uint32_t, std::uint32_t *) { return 6; };
-    EXPECT_EQ(load(), -13);
-    EXPECT_STREQ(err_msg, "Failed to get No. of FPDs for group id 3");
-    expect_log(init_module, "ERROR", "LoadFpdsNumFpdsGetFail", "Failed to get No. of FPDs for group id 3");
-}
-
-TEST_F(LoadFpds, LoadsNothingWhereTheirNumberIsLeftOut) {
-    fake_platform().brd_group_fpd_num_fpds_get = [](std::uint32_t, std::uint32_t *) { return 0; };
-    EXPECT_EQ(load(), 0);
-    expect_log(init_module, "INFO", "LoadFpdsNoFpds", "No FPDs Defined");
-    EXPECT_THAT(fake_platform().calls_of("brd_group_fpd_obj_id_list_get"), IsEmpty());
-}
-
-TEST_F(LoadFpds, FailsWithoutMemoryForTheirIds) {
-    interpose::fail(Call::calloc, ENOMEM);
-    EXPECT_EQ(load(), -12);
-    EXPECT_STREQ(err_msg, "Memory alloc failed");
-    expect_log(init_module, "ERROR", "LoadFpdsMemoryNotAvail", "Memory alloc failed");
-}
-
-TEST_F(LoadFpds, FailsWithoutTheirIds) {
-    fake_platform().brd_group_fpd_obj_id_list_get = [](std::uint32_t, std::uint32_t *) { return 6; };
-    EXPECT_EQ(load(), -13);
-    EXPECT_STREQ(err_msg, "Failed to get FPD object ids");
-    expect_log(init_module, "ERROR", "LoadFpdsBrdObjGetFail", "Failed to get FPD object ids");
-    EXPECT_EQ(card.queues.fpd_queue, nullptr);
+TEST_F(LoadFpds, LoadsNothingWithoutFpdsOrTheirIds) {
+    const struct {
+        void (*arrange)();
+        int rc;
+        const char *level;
+        const char *tag;
+        const char *text;
+        std::size_t lists;  // of ids that are asked for
+    } cases[] = {
+        {[] { fake_platform().fpds.clear(); }, 0, "INFO", "LoadFpdsNoFpds", "No FPDs Defined", 0},
+        {[] { fake_platform().brd_group_fpd_num_fpds_get = [](auto...) { return 0; }; }, 0, "INFO", "LoadFpdsNoFpds",
+         "No FPDs Defined", 0},  // their number is left out
+        {[] { fake_platform().brd_group_fpd_num_fpds_get = [](auto...) { return 6; }; }, -13, "ERROR",
+         "LoadFpdsNumFpdsGetFail", "Failed to get No. of FPDs for group id 3", 0},
+        {[] { interpose::fail(Call::calloc, ENOMEM); }, -12, "ERROR", "LoadFpdsMemoryNotAvail", "Memory alloc failed",
+         0},
+        {[] { fake_platform().brd_group_fpd_obj_id_list_get = [](auto...) { return 6; }; }, -13, "ERROR",
+         "LoadFpdsBrdObjGetFail", "Failed to get FPD object ids", 1},
+    };
+    for (const auto &[arrange, rc, level, tag, text, lists] : cases) {
+        clear_log();
+        fake_platform().reset();
+        arrange();
+        expect_result(load(), rc, text);
+        expect_log(init_module, level, tag, text);
+        EXPECT_EQ(card.queues.fpd_queue, nullptr);
+        EXPECT_THAT(fake_platform().calls_of("brd_group_fpd_obj_id_list_get"), SizeIs(lists));
+    }
 }
 
 TEST_F(LoadFpds, MakesOneRecordOfEachRegionNamedByIt) {
@@ -506,69 +465,81 @@ TEST_F(LoadFpds, AsksForTheCapabilitiesOnThisCard) {
     expect_log(init_module, "DEBUG", "InitFpdCapabilities", "FPD IoFpga capabilities 0x808");
 }
 
-TEST_F(LoadFpds, SkipsAnFpdThatIsNeverUpgradedAutomatically) {
-    region().capabilities = 0x1809;
-    expect_state(FpdState::capability_received, UpgradeStage::regular, RunLevel::backend);
-    expect_log(init_module, "INFO", "InitFpdSkipAutoFpdUpgNotSupported", "FPD IoFpga Auto upgrade is not supported");
-    EXPECT_THAT(fake_platform().calls_of("brd_fpd_info_get"), IsEmpty());
-}
+/// Which FPDs are evaluated, and why not the others.
+struct CapabilityCase {
+    const char *behaviour;
+    unsigned capabilities;
+    std::vector<UpgradeStage> stages;
+    RunLevel run_level = RunLevel::boot;
+    const char *skip_tag = nullptr;  // null: the FPD is evaluated
+    const char *skip_text = nullptr;
+};
 
-TEST_F(LoadFpds, SaysOnlyTheFirstReasonToSkip) {
-    region().capabilities = 0x1;
-    expect_state(FpdState::capability_received, UpgradeStage::can_unlock_golden);
-    EXPECT_THAT(log_lines("InitFpdSkipAutoFpdUpgNotSupported"), SizeIs(1));
-    expect_no_log("InitFpdSkipAutoFpdUpgNotBootUp");
-    expect_no_log("InitFpdSkipNotACanUnlockGolden");
-}
+constexpr UpgradeStage needs_golden = UpgradeStage::requires_golden_unlocked_primary;
+const std::vector<UpgradeStage> ungilded = {UpgradeStage::manufacturing, UpgradeStage::regular,
+                                            UpgradeStage::dummy_minor, UpgradeStage::dummy_major};
 
-TEST_F(LoadFpds, SkipsAtBootAnFpdThatIsNotForBoot) {
-    region().capabilities = 0;
-    expect_state(FpdState::capability_received);
-    expect_log(init_module, "INFO", "InitFpdSkipAutoFpdUpgNotBootUp",
-               "FPD IoFpga Bootup Auto upgrade is not supported");
-}
+const CapabilityCase capability_cases[] = {
+    {"SkipsAnFpdThatIsNeverUpgradedAutomatically",
+     0x1809,
+     {UpgradeStage::regular},
+     RunLevel::backend,
+     "InitFpdSkipAutoFpdUpgNotSupported",
+     "FPD IoFpga Auto upgrade is not supported"},
+    {"SaysOnlyTheFirstReasonToSkip",
+     0x1,
+     {UpgradeStage::can_unlock_golden},
+     RunLevel::boot,
+     "InitFpdSkipAutoFpdUpgNotSupported",
+     "FPD IoFpga Auto upgrade is not supported"},
+    {"SkipsAtBootAnFpdThatIsNotForBoot",
+     0,
+     {UpgradeStage::regular},
+     RunLevel::boot,
+     "InitFpdSkipAutoFpdUpgNotBootUp",
+     "FPD IoFpga Bootup Auto upgrade is not supported"},
+    {"EvaluatesByHandAnFpdThatIsNotForBoot", 0, {UpgradeStage::regular}, RunLevel::backend},
+    {"SkipsInItsStageAnFpdThatNeedsNoGoldenUnlockedPrimary",
+     0x808,
+     {needs_golden},
+     RunLevel::boot,
+     "InitFpdSkipNotAUpgdReqGoldenUnlockPrimary",
+     "FPD upgrade stage 'Required a Golden Unlocked Primary firmware' is looking for FPDs that are required Golden "
+     "unlock primary and FPD IoFpga is not marked for this stage"},
+    {"SkipsInItsStageAnFpdThatCannotUnlockGolden",
+     0x1008,
+     {UpgradeStage::can_unlock_golden},
+     RunLevel::boot,
+     "InitFpdSkipNotACanUnlockGolden",
+     "FPD upgrade stage 'firmware can unlock Golden' is looking for FPDs that can unlock Golden and FPD IoFpga is not "
+     "marked for this"},
+    {"EvaluatesAnFpdThatNeedsGoldenUnlocked", 0x1008, {needs_golden}},
+    {"EvaluatesAnFpdThatUnlocksGolden", 0x808, {UpgradeStage::can_unlock_golden}},
+    {"AsksNoGoldenBitOfOtherStages", 0x8, ungilded},
+};
 
-TEST_F(LoadFpds, EvaluatesByHandAnFpdThatIsNotForBoot) {
-    region().capabilities = 0;
-    expect_state(FpdState::description_received, UpgradeStage::regular, RunLevel::backend);
-    expect_no_log("InitFpdSkipAutoFpdUpgNotBootUp");
-}
+struct EachCapability : LoadFpds, testing::WithParamInterface<CapabilityCase> {};
 
-TEST_F(LoadFpds, SkipsInItsStageAnFpdThatNeedsNoGoldenUnlockedPrimary) {
-    region().capabilities = 0x808;
-    expect_state(FpdState::capability_received, UpgradeStage::requires_golden_unlocked_primary);
-    expect_log(init_module, "INFO", "InitFpdSkipNotAUpgdReqGoldenUnlockPrimary",
-               "FPD upgrade stage 'Required a Golden Unlocked Primary firmware' is looking for FPDs that are required "
-               "Golden unlock primary and FPD IoFpga is not marked for this stage");
-}
-
-TEST_F(LoadFpds, SkipsInItsStageAnFpdThatCannotUnlockGolden) {
-    region().capabilities = 0x1008;
-    expect_state(FpdState::capability_received, UpgradeStage::can_unlock_golden);
-    expect_log(init_module, "INFO", "InitFpdSkipNotACanUnlockGolden",
-               "FPD upgrade stage 'firmware can unlock Golden' is looking for FPDs that can unlock Golden and FPD "
-               "IoFpga is not marked for this");
-}
-
-TEST_F(LoadFpds, EvaluatesTheFpdsOfTheGoldenStages) {
-    region().capabilities = 0x1008;
-    expect_state(FpdState::description_received, UpgradeStage::requires_golden_unlocked_primary);
-    free_queues(card);
-    region().capabilities = 0x808;
-    expect_state(FpdState::description_received, UpgradeStage::can_unlock_golden);
-}
-
-TEST_F(LoadFpds, AsksNoGoldenBitOfOtherStages) {
-    for (const UpgradeStage stage :
-         {UpgradeStage::manufacturing, UpgradeStage::regular, UpgradeStage::dummy_minor, UpgradeStage::dummy_major}) {
-        expect_state(FpdState::description_received, stage);
+TEST_P(EachCapability, DecidesWhetherAnFpdIsEvaluated) {
+    const CapabilityCase &one = GetParam();
+    region().capabilities = one.capabilities;
+    for (const UpgradeStage stage : one.stages) {
+        expect_state(one.skip_tag ? FpdState::capability_received : FpdState::description_received, stage,
+                     one.run_level);
+        for (const char *tag : {"InitFpdSkipAutoFpdUpgNotSupported", "InitFpdSkipAutoFpdUpgNotBootUp",
+                                "InitFpdSkipNotAUpgdReqGoldenUnlockPrimary", "InitFpdSkipNotACanUnlockGolden"})
+            if (!one.skip_tag || std::string_view(tag) != one.skip_tag) expect_no_log(tag);
+        if (one.skip_tag) expect_log(init_module, "INFO", one.skip_tag, one.skip_text);
+        EXPECT_EQ(fake_platform().calls_of("brd_fpd_info_get").empty(), one.skip_tag != nullptr);
         free_queues(card);
     }
 }
 
+INSTANTIATE_TEST_SUITE_P(Evaluation, EachCapability, testing::ValuesIn(capability_cases),
+                         [](const auto &instance) { return std::string(instance.param.behaviour); });
+
 TEST_F(LoadFpds, LeavesAnFpdWithoutInformationInItsState) {
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *text,
-                                          std::size_t size) {
+    fake_platform().brd_fpd_info_get = [](auto, auto, auto, BrdFpdInfo *info, char *text, std::size_t size) {
         std::memset(info, 0, sizeof *info);  // what a failed call left of it
         std::snprintf(text, size, "bus timeout");
         return 4;
@@ -582,7 +553,7 @@ TEST_F(LoadFpds, LeavesAnFpdWithoutInformationInItsState) {
 
 TEST_F(LoadFpds, TakesTheNameOfTheInformationBlock) {
     std::strcpy(region().info.name, "IoFpgaRevB");
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return 0; };
+    fake_platform().check_and_get_upgrade_image = [](auto...) { return 0; };
     expect_state(FpdState::description_received);
     EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("IoFpgaRevB"));
 }
@@ -607,16 +578,6 @@ TEST_F(LoadFpds, KeepsTheNameOfAnFpdWhoseInformationIsRefusedForItsVersionsToo) 
                "debug 0x0");
     EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("One", "Two"));
     EXPECT_EQ(first().next->state, FpdState::info_get_failed);
-}
-
-TEST_F(LoadFpds, EndsAnErrorTextThatTheLibraryDoesNotEnd) {
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
-        std::memset(text, 'e', size);
-        return 1;
-    };
-    expect_state(FpdState::description_failed);
-    expect_log(init_module, "ERROR", "InitFpdDescFail",
-               "Does not have a Firmware packaged for FPD IoFpga err_msg " + std::string(255, 'e'));
 }
 
 TEST_F(LoadFpds, LeavesAnFpdWithAVersionOutOfRangeInTheSameState) {
@@ -693,27 +654,8 @@ TEST_F(LoadFpds, LeavesAnFpdWithoutAPackagedImageInItsState) {
     EXPECT_THAT(fake_platform().calls_of("brd_intf_fpd_image_md5_validate"), IsEmpty());
 }
 
-TEST_F(LoadFpds, ShowsNoEarlierTextWhenTheDescriptionLibraryGivesNone) {
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return -1; };
-    expect_state(FpdState::description_failed);
-    expect_log(init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg ");
-}
-
-TEST_F(LoadFpds, DoesNotTakeWhatTheInformationCameWithForTheReasonOfAMissingDescription) {
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *, char *text,
-                                          std::size_t size) {
-        std::snprintf(text, size, "all is well");
-        return 0;
-    };
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) { return -1; };
-    expect_state(FpdState::description_failed);
-    expect_log(init_module, "ERROR", "InitFpdDescFail", "Does not have a Firmware packaged for FPD IoFpga err_msg ");
-}
-
 TEST_F(LoadFpds, HeedsOnlyTheLowBitsOfTheDescriptionsResult) {
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *, std::size_t) {
-        return 0x7ff00;
-    };
+    fake_platform().check_and_get_upgrade_image = [](auto...) { return 0x7ff00; };
     expect_state(FpdState::description_received);
 }
 
@@ -736,18 +678,6 @@ TEST_F(LoadFpds, LeavesAnFpdWithAWrongSumInItsStateSoThatItIsNeverPlanned) {
     ASSERT_EQ(build_upgrade_queue(UpgradeStage::regular, card, err_msg, sizeof err_msg), 0);
     EXPECT_EQ(card.planned_count, 0U);
     EXPECT_EQ(first().state, FpdState::description_failed);
-}
-
-TEST_F(LoadFpds, DoesNotTakeWhatTheDescriptionLibrarySaidForTheReasonOfAWrongSum) {
-    fake_platform().check_and_get_upgrade_image = [](FpdDescRequest *, FpdDesc *, char *text, std::size_t size) {
-        std::snprintf(text, size, "all is well");
-        return 0;
-    };
-    fake_platform().image_md5_validate = [](const char *, const char *, const char *, char *, std::size_t) {
-        return 1;
-    };
-    expect_state(FpdState::description_failed);
-    expect_log(init_module, "ERROR", "InitFpdMd5SumFailed", "md5 checksum validation failed, ");
 }
 
 TEST_F(LoadFpds, TellsTheVerdict) {
@@ -797,36 +727,24 @@ TEST_F(LoadFpds, GoesOnBehindAnFpdThatFails) {
 
 struct InfoRefresh : RunTest {};
 
-TEST_F(InfoRefresh, KeepsTheNameOfAnFpdThatTurnsIntoAPlannedOne) {
+TEST_F(InfoRefresh, KeepsTheNameOfAnFpdThatTurnsIntoAPlannedOneAndTakesOneThatNobodyHas) {
     Fpd &fpd = plan("IoFpga");
     plan("Bios", 3);
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
-                                          std::size_t) {
-        *info = make_region("Bios").info;
+    std::string name = "Bios";
+    fake_platform().brd_fpd_info_get = [&name](auto, auto, auto, BrdFpdInfo *info, auto...) {
+        *info = make_region(name).info;
         return 0;
     };
-    EXPECT_EQ(fpd_info_refresh(card, fpd, err_msg, sizeof err_msg), -17);
-    EXPECT_STREQ(err_msg, "Duplicate FPD Bios found");
+    expect_result(fpd_info_refresh(card, fpd, err_msg, sizeof err_msg), -17, "Duplicate FPD Bios found");
     EXPECT_STREQ(fpd.info.name, "IoFpga");
-}
-
-TEST_F(InfoRefresh, TakesANewNameThatNobodyHas) {
-    Fpd &fpd = plan("IoFpga");
-    plan("Bios");
-    fake_platform().brd_fpd_info_get = [](std::uint32_t, std::uint32_t, std::uint8_t, BrdFpdInfo *info, char *,
-                                          std::size_t) {
-        *info = make_region("NewName").info;
-        return 0;
-    };
+    name = "NewName";
     EXPECT_EQ(fpd_info_refresh(card, fpd, err_msg, sizeof err_msg), 0);
     EXPECT_STREQ(fpd.info.name, "NewName");
 }
 
 TEST_F(LoadFpds, LoadsNothingOfAnFpdWhoseRegionsAreNotCounted) {
     fake_platform().brd_fpd_num_regions_get = [](auto...) { return 0; };
-    std::strcpy(err_msg, "left by an earlier call");
-    EXPECT_EQ(load(), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(load(), 0);
     EXPECT_EQ(card.queues.fpd_queue, nullptr);
     EXPECT_THAT(fake_platform().calls_of("brd_fpd_regions_get"), IsEmpty());
 }

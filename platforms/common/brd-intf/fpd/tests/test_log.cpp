@@ -336,6 +336,14 @@ TEST_F(LogTimestamp, LeavesAShortBufferAlone) {
     }
 }
 
+TEST(TextUnderConstruction, TakesEveryNumber) {
+    for (const long number : {0L, -1L, std::numeric_limits<long>::max(), std::numeric_limits<long>::min()}) {
+        TextBuilder text;
+        text.add_number(number);
+        EXPECT_EQ(text.view(), std::to_string(number));
+    }
+}
+
 TEST(TextUnderConstruction, IsEndedBehindItsLastCharacters) {
     for (const std::size_t length : {0U, 3000U}) {
         TextBuilder text;

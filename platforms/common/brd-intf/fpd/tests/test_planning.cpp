@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "brd_intf_auto_fpd_upgrade_marker.h"
 #include "interpose.h"
@@ -17,156 +18,285 @@ using testing::SizeIs;
 
 // Construction of the plan --------------------------------------------------------------------------------------------
 
+enum class Needs { upgrade, nothing_of_another_version, nothing };
+
+/// A record of fpd_queue that is evaluated, or in another state that planning finds it in.
+struct Record {
+    std::string name;
+    int seq = 0;
+    std::string dependency{};
+    Needs needs = Needs::upgrade;
+    FpdState state = FpdState::description_received;
+};
+
 struct BuildQueue : RunTest {
     int build(UpgradeStage stage = UpgradeStage::regular) {
         return build_upgrade_queue(stage, card, err_msg, sizeof err_msg);
     }
 
-    /// An evaluated record that is to be upgraded.
-    Fpd &evaluated(const std::string &name, std::uint8_t seq = 0, const std::string &dependency = "") {
-        Fpd &fpd = discover(name, FpdState::description_received);
-        fpd.info.initial_seq = seq;
-        std::snprintf(fpd.desc.dependency, sizeof fpd.desc.dependency, "%s", dependency.c_str());
-        return fpd;
-    }
-    /// An evaluated record that need not be upgraded; another version is packaged, or the same.
-    Fpd &not_needed(const std::string &name, bool other_version, std::uint8_t seq = 0) {
-        Fpd &fpd = evaluated(name, seq);
-        fpd.desc.need_upgrade = 0;
-        if (!other_version) fpd.desc.packaged_version = fpd.desc_req.programmed_version;
+    Fpd &add(const Record &record) {
+        Fpd &fpd = discover(record.name, record.state);
+        fpd.info.initial_seq = static_cast<std::uint8_t>(record.seq);
+        std::snprintf(fpd.desc.dependency, sizeof fpd.desc.dependency, "%s", record.dependency.c_str());
+        if (record.needs != Needs::upgrade) fpd.desc.need_upgrade = 0;
+        if (record.needs == Needs::nothing) fpd.desc.packaged_version = fpd.desc_req.programmed_version;
         return fpd;
     }
 
-    const Fpd *seq_queue(unsigned seq) const { return card.queues.seq_queues[seq]; }
-    std::vector<std::string> unplanned() const { return names(card.queues.fpd_queue); }
+    /// What is planned, with its queue's number, and what is not, with its state: "0 Cpu, 1 Io after Cpu, X 'Bad'".
+    std::string the_plan() const {
+        std::string text;
+        const auto append = [&text](const std::string &one, const Fpd &fpd) {
+            text += (text.empty() ? "" : ", ") + one;
+            if (fpd.dependency) text += std::string(" after ") + fpd.dependency->info.name;
+        };
+        unsigned planned = 0;
+        for (unsigned seq = 0; seq < seq_queue_count; ++seq)
+            for (const Fpd *fpd = card.queues.seq_queues[seq]; fpd; fpd = fpd->next, ++planned) {
+                EXPECT_EQ(fpd->state, FpdState::queued_for_upgrade) << fpd->info.name;
+                EXPECT_EQ(fpd->seq, seq) << fpd->info.name;
+                append(std::to_string(seq) + " " + fpd->info.name, *fpd);
+            }
+        EXPECT_EQ(card.planned_count, planned);
+        for (const Fpd *fpd = card.queues.fpd_queue; fpd; fpd = fpd->next)
+            append(std::string(fpd->info.name) + " " + state_name(fpd->state), *fpd);
+        return text;
+    }
 };
 
-TEST_F(BuildQueue, PlansWhatNeedsAnUpgrade) {
-    Fpd &fpd = evaluated("IoFpga", 3);
-    EXPECT_EQ(build(), 0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_EQ(seq_queue(3), &fpd);
-    EXPECT_EQ(fpd.seq, 3);
-    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(card.planned_count, 1U);
-    EXPECT_THAT(unplanned(), IsEmpty());
-    expect_log(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD IoFpga for Upgrade");
-    expect_log(init_module, "DEBUG", "BuildQFpdUpgradeable", "FPD IoFpga is upgradeable");
-    expect_log(init_module, "INFO", "BuildFpdAddedSeqQueue", "FPD IoFpga would be upgrade in the sequence queue # 3");
+struct Line {
+    const char *level;
+    const char *tag;
+    std::string text;
+};
+
+/// Expects of each tag these lines and no other, and no error besides.
+void expect_lines(const std::vector<Line> &lines) {
+    std::map<std::string, std::vector<testing::Matcher<const LogLine &>>> expected;
+    for (const Line &line : lines) expected[line.tag].push_back(log_line(init_module, line.level, line.tag, line.text));
+    for (const auto &[tag, matchers] : expected) EXPECT_THAT(log_lines(tag), testing::ElementsAreArray(matchers));
+    for (const LogLine &line : log_lines(init_module))
+        EXPECT_TRUE(line.level != "ERROR" || expected.contains(line.tag)) << testing::PrintToString(line);
 }
 
-TEST_F(BuildQueue, PlansNothingOfAnEmptyQueue) {
-    EXPECT_EQ(build(), 0);
-    EXPECT_STREQ(err_msg, "");
-    EXPECT_EQ(card.planned_count, 0U);
+Line circular(const std::string &name, const std::string &dependency) {
+    return {"ERROR", "BuildQFpdCircularDepend", "FPD " + name + " has found a circular dependency FPD " + dependency};
 }
 
-TEST_F(BuildQueue, PutsThePlannedIntoTheMarkerInTheirOrder) {
-    evaluated("Late", 9);
-    evaluated("Early", 1);
+Line bad_dependency(const std::string &name, const std::string &dependency, const char *state) {
+    return {"ERROR", "BuildQDependFpdBad",
+            "FPD " + name + " can't be upgraded due to dependency FPD " + dependency + " state " + state};
+}
+
+Line missing_dependency(const std::string &name, const std::string &dependency) {
+    return {
+        "ERROR", "BuildQFpdDependNotFound",
+        "FPD " + name + " has a Dependency FPD " + dependency + " and couldn't find the dependency in the fpd queue"};
+}
+
+Line out_of_range(const std::string &name, int seq) {
+    return {"ERROR", "BuildQFpdSeqOutOfRange",
+            "FPD " + name + " sequence queue # " + std::to_string(seq) + " is out of range"};
+}
+
+Line constructing(const std::string &name) {
+    return {"DEBUG", "BuildFpdUpgQueue", "Constructing FPD " + name + " for Upgrade"};
+}
+
+struct PlanCase {
+    const char *behaviour;
+    std::vector<Record> records;
+    const char *plan;
+    std::vector<Line> lines{};
+};
+
+const PlanCase plan_cases[] = {
+    {"PlansWhatNeedsAnUpgrade",
+     {{"IoFpga", 3}},
+     "3 IoFpga",
+     {constructing("IoFpga"),
+      {"DEBUG", "BuildQFpdUpgradeable", "FPD IoFpga is upgradeable"},
+      {"INFO", "BuildFpdAddedSeqQueue", "FPD IoFpga would be upgrade in the sequence queue # 3"}}},
+    {"PlansNothingOfAnEmptyQueue", {}, ""},
+    {"KeepsTheOrderWithinASequenceQueue", {{"C", 1}, {"A", 1}, {"B", 1}}, "1 C, 1 A, 1 B"},
+    {"RefusesADependencyThatIsNotThere",
+     {{"IoFpga", 0, "Cpu"}},
+     "IoFpga 'FPD Dependency Failed'",
+     {missing_dependency("IoFpga", "Cpu")}},
+    {"TellsTheCaseOfNames",
+     {{"CPU"}, {"IoFpga", 0, "Cpu"}},
+     "0 CPU, IoFpga 'FPD Dependency Failed'",
+     {missing_dependency("IoFpga", "Cpu")}},
+    {"RefusesADependencyOnItself",
+     {{"IoFpga", 0, "IoFpga"}},
+     "IoFpga 'FPD Dependency Failed' after IoFpga",
+     {circular("IoFpga", "IoFpga")}},
+    {"MeetsAnFpdAgainAfterItsDependency",
+     {{"A", 0, "B"}, {"B"}},
+     "0 B, 1 A after B",
+     {{"INFO", "BuildQRevisitAfterDependFpd", "FPD A would be revisted after dependency FPD B resolved"},
+      constructing("A"),
+      constructing("B"),
+      constructing("A")}},
+    {"DoesNotWaitForADependencyThatWasMetBefore",
+     {{"B"}, {"A", 0, "B"}},
+     "0 B, 1 A after B",
+     {constructing("B"), constructing("A")}},
+    {"RaisesASequenceNumberOnlyAboveThatOfTheDependency",
+     {{"B", 4}, {"Lower", 3, "B"}, {"Equal", 4, "B"}, {"Higher", 7, "B"}},
+     "4 B, 5 Lower after B, 5 Equal after B, 7 Higher after B"},
+    {"ResolvesAChainInAnyOrder",
+     {{"C", 0, "B"}, {"B", 0, "A"}, {"Other"}, {"A"}},
+     "0 Other, 0 A, 1 B after A, 2 C after B"},
+    {"PlansADependencyThatIsOnlyAvailableInTheSecondPass",
+     {{"B", 2, "", Needs::nothing_of_another_version}, {"A", 0, "B"}, {"Other", 2}},
+     "2 Other, 2 B, 3 A after B",
+     {{"INFO", "BuildQDepFpdUpgRequired", "FPD A required corresponding dependent FPD B to be upgraded"},
+      {"DEBUG", "BuildQFpdDepUpgradeable", "FPD B is dependency upgradeable"},
+      {"INFO", "BuildFpdDepAddedSeqQueue", "FPD B would be upgrade in the sequence queue # 2"}}},
+    {"PlansADependencyOfTwoOnce",
+     {{"B", 0, "", Needs::nothing_of_another_version}, {"A1", 0, "B"}, {"A2", 0, "B"}},
+     "0 B, 1 A1 after B, 1 A2 after B",
+     {{"INFO", "BuildQDepFpdUpgRequired", "FPD A1 required corresponding dependent FPD B to be upgraded"}}},
+    {"PlansEveryFpdThatOnlyOthersNeed",
+     {{"First", 0, "Available1"},
+      {"Second", 0, "Available2"},
+      {"Available1", 0, "", Needs::nothing_of_another_version},
+      {"Other", 0, "", Needs::nothing_of_another_version},
+      {"Available2", 0, "", Needs::nothing_of_another_version}},
+     "0 Available1, 0 Available2, 1 First after Available1, 1 Second after Available2, Other 'FPD Upgrade Available'"},
+    {"DoesNotPlanADependencyThatIsUpToDate",
+     {{"B", 5, "", Needs::nothing}, {"A", 0, "B"}},
+     "6 A after B, B 'FPD Upgrade not needed'"},
+    {"AsksNoDependencyOfWhatNeedsNoUpgrade",
+     {{"IoFpga", 0, "Missing", Needs::nothing_of_another_version}},
+     "IoFpga 'FPD Upgrade Available'"},
+    {"TakesNoBadOrMissingDependencyForACircle",
+     {{"Missing", 0, "Nobody"}, {"Bad", 0, "Failed"}, {"Failed", 0, "", Needs::upgrade, FpdState::upgrade_failed}},
+     "Missing 'FPD Dependency Failed', Bad 'FPD Dependency Failed' after Failed, Failed 'FPD Upgrade Failed'",
+     {missing_dependency("Missing", "Nobody"), bad_dependency("Bad", "Failed", "'FPD Upgrade Failed'")}},
+
+    {"RefusesACycleOfTwo",
+     {{"A", 0, "B"}, {"B", 0, "A"}},
+     "A 'FPD Dependency Failed' after B, B 'FPD Dependency Failed' after A",
+     {circular("A", "B"), circular("B", "A")}},
+    {"RefusesACycleOfThreeAmongOthersThatArePlanned",
+     {{"Before"},
+      {"A", 0, "B"},
+      {"NotReady", 0, "", Needs::upgrade, FpdState::capability_received},
+      {"B", 0, "C"},
+      {"Chained", 0, "Before"},
+      {"C", 0, "A"},
+      {"Following", 0, "Last"},
+      {"Last"}},
+     "0 Before, 0 Last, 1 Chained after Before, 1 Following after Last, NotReady 'FPD Capability Received', "
+     "A 'FPD Dependency Failed' after B, B 'FPD Dependency Failed' after C, C 'FPD Dependency Failed' after A",
+     {circular("A", "B"), circular("B", "C"), circular("C", "A")}},
+    {"RefusesACycleTogetherWithWhatLeadsIntoIt",
+     {{"Outer", 0, "Inner"}, {"Inner", 0, "A"}, {"A", 0, "B"}, {"B", 0, "A"}, {"Other"}},
+     "0 Other, Outer 'FPD Dependency Failed' after Inner, Inner 'FPD Dependency Failed' after A, "
+     "A 'FPD Dependency Failed' after B, B 'FPD Dependency Failed' after A",
+     {circular("Outer", "Inner"), circular("Inner", "A"), circular("A", "B"), circular("B", "A")}},
+    {"TellsACycleIntoASelfReferenceAsABadDependency",
+     {{"A", 0, "B"}, {"B", 0, "B"}},
+     "B 'FPD Dependency Failed' after B, A 'FPD Dependency Failed' after B",
+     {circular("B", "B"), bad_dependency("A", "B", "'FPD Dependency Failed'")}},
+    {"RefusesTwoCycles",
+     {{"A", 0, "B"}, {"B", 0, "A"}, {"C", 0, "D"}, {"D", 0, "C"}},
+     "A 'FPD Dependency Failed' after B, B 'FPD Dependency Failed' after A, "
+     "C 'FPD Dependency Failed' after D, D 'FPD Dependency Failed' after C",
+     {circular("A", "B"), circular("B", "A"), circular("C", "D"), circular("D", "C")}},
+
+    {"PlansIntoSequenceQueue15AsTheLast", {{"IoFpga", 15}}, "15 IoFpga"},
+    {"RefusesSequenceNumber16", {{"IoFpga", 16}}, "IoFpga 'FPD Can't be Upgraded'", {out_of_range("IoFpga", 16)}},
+    {"RefusesSequenceNumber255", {{"IoFpga", 255}}, "IoFpga 'FPD Can't be Upgraded'", {out_of_range("IoFpga", 255)}},
+    {"RefusesASequenceNumberThatADependencyRaisesTo16",
+     {{"Last", 15}, {"IoFpga", 0, "Last"}},
+     "15 Last, IoFpga 'FPD Can't be Upgraded' after Last",
+     {out_of_range("IoFpga", 16)}},
+    {"TakesNoSequenceNumberRaisedAbove255For0",
+     {{"Same", 255, "", Needs::nothing}, {"IoFpga", 0, "Same"}},
+     "Same 'FPD Upgrade not needed', IoFpga 'FPD Can't be Upgraded' after Same",
+     {out_of_range("IoFpga", 256)}},
+    {"FailsTheDependentsOfASequenceNumberOutOfRange",
+     {{"TooHigh", 16}, {"IoFpga", 0, "TooHigh"}},
+     "TooHigh 'FPD Can't be Upgraded', IoFpga 'FPD Dependency Failed' after TooHigh",
+     {out_of_range("TooHigh", 16), bad_dependency("IoFpga", "TooHigh", "'FPD Can't be Upgraded'")}},
+    {"RefusesASequenceNumberOutOfRangeInTheSecondPassToo",
+     {{"Available", 16, "", Needs::nothing_of_another_version}, {"IoFpga", 0, "Available"}},
+     "Available 'FPD Can't be Upgraded', IoFpga 'FPD Can't be Upgraded' after Available",
+     {out_of_range("IoFpga", 17), out_of_range("Available", 16)}},
+};
+
+struct EachPlan : BuildQueue, testing::WithParamInterface<PlanCase> {};
+
+TEST_P(EachPlan, IsAsItsDependenciesAndNumbersDemand) {
+    for (const Record &record : GetParam().records) add(record);
+    expect_result(build(), 0);
+    EXPECT_EQ(the_plan(), GetParam().plan);
+    expect_lines(GetParam().lines);
+    EXPECT_EQ(upg_marker().text == nullptr, card.planned_count == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Construction, EachPlan, testing::ValuesIn(plan_cases),
+                         [](const auto &instance) { return std::string(instance.param.behaviour); });
+
+TEST_F(BuildQueue, PutsThePlannedIntoTheMarkerInTheirOrderAndWhatOnlyOthersNeedAfterThem) {
+    add({"Needed", 0, "", Needs::nothing_of_another_version});
+    add({"Late", 9});
+    add({"Early", 1, "Needed"});
     ASSERT_EQ(build(), 0);
     EXPECT_STREQ(upg_marker().text,
-                 "FPD: Late             | Version: 2.0.0       \nFPD: Early            | Version: 2.0.0       \n");
+                 "FPD: Late             | Version: 2.0.0       \nFPD: Early            | Version: 2.0.0       \n"
+                 "FPD: Needed           | Version: 2.0.0       \n");
 }
 
-TEST_F(BuildQueue, KeepsTheOrderWithinASequenceQueue) {
-    evaluated("C", 1);
-    evaluated("A", 1);
-    evaluated("B", 1);
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(names(seq_queue(1)), ElementsAre("C", "A", "B"));
-}
-
-TEST_F(BuildQueue, LeavesWhatHasNoCapabilitiesAlone) {
-    for (const FpdState state : {FpdState::created, FpdState::initialized, FpdState::capability_get_failed}) {
+TEST_F(BuildQueue, LeavesWhatHasNoCapabilitiesOrDescriptionAlone) {
+    for (const FpdState state :
+         {FpdState::created, FpdState::initialized, FpdState::capability_get_failed, FpdState::capability_received,
+          FpdState::info_get_failed, FpdState::info_received, FpdState::description_failed}) {
         clear_log();
-        Fpd &fpd = discover("Fpd" + std::to_string(static_cast<int>(state)), state);
+        add({.name = "IoFpga", .state = state});
         ASSERT_EQ(build(), 0);
-        EXPECT_EQ(fpd.state, state);
-        expect_log(
-            init_module, "INFO", "BuildQFpdCapabilityNotAllowed",
-            std::string("FPD ") + fpd.info.name + " is not allowed to be auto upgraded in current upgrade level");
+        EXPECT_EQ(the_plan(), std::string("IoFpga ") + state_name(state));
+        if (state < FpdState::capability_received)
+            expect_log(init_module, "INFO", "BuildQFpdCapabilityNotAllowed",
+                       "FPD IoFpga is not allowed to be auto upgraded in current upgrade level");
+        else
+            expect_log(init_module, "INFO", "BuildQFpdNotReady",
+                       std::string("FPD IoFpga doesn't have a valid info or Description, state ") + state_name(state));
         free_queues(card);
     }
 }
 
-TEST_F(BuildQueue, LeavesWhatIsNotDescribedAlone) {
-    for (const FpdState state : {FpdState::capability_received, FpdState::info_get_failed, FpdState::info_received,
-                                 FpdState::description_failed}) {
-        clear_log();
-        Fpd &fpd = discover("IoFpga", state);
-        ASSERT_EQ(build(), 0);
-        EXPECT_EQ(fpd.state, state);
-        expect_log(init_module, "INFO", "BuildQFpdNotReady",
-                   std::string("FPD IoFpga doesn't have a valid info or Description, state ") + state_name(state));
-        free_queues(card);
-    }
-}
-
-TEST_F(BuildQueue, RefusesWhatIsTooOld) {
-    Fpd &fpd = evaluated("IoFpga");
+TEST_F(BuildQueue, RefusesWhatIsTooOldAndHeedsNoOtherStatus) {
+    Fpd &fpd = add({"IoFpga"});
     fpd.desc.status = 6;
     fpd.desc.minimum_version = version(1, 9, 3);
     std::strcpy(fpd.running_text, "1.8.0");
+    add({"Other"}).desc.status = 5;
     ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-    EXPECT_THAT(unplanned(), ElementsAre("IoFpga"));
+    EXPECT_EQ(the_plan(), "0 Other, IoFpga 'FPD Can't be Upgraded'");
     expect_log(init_module, "ERROR", "BuildQRevNotSupportUpgrade",
                "FPD IoFpga current version 1.8.0 doesn't support upgrade and supported version is 1.9.3 and above");
 }
 
-TEST_F(BuildQueue, HeedsNoOtherStatus) {
-    Fpd &fpd = evaluated("IoFpga");
-    fpd.desc.status = 5;
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
-}
-
 TEST_F(BuildQueue, OnlyTellsOfAnotherVersionThatIsNotNeeded) {
-    Fpd &fpd = not_needed("IoFpga", true, 4);
+    Fpd &fpd = add({"IoFpga", 4, "", Needs::nothing_of_another_version});
     fpd.desc_req.programmed_version = version(1, 2, 3);
     fpd.desc.packaged_version = version(1, 2, 4);
     ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::upgrade_available);
+    EXPECT_EQ(the_plan(), "IoFpga 'FPD Upgrade Available'");
     EXPECT_EQ(fpd.seq, 4);
-    EXPECT_EQ(card.planned_count, 0U);
     expect_log(init_module, "INFO", "BuildQFpdUpgAvailable",
                "FPD IoFpga has minor down revision available swver 0x1000203 fwver 0x1000204");
 }
 
 TEST_F(BuildQueue, LeavesTheSameVersionAlone) {
-    Fpd &fpd = not_needed("IoFpga", false);
-    fpd.desc.packaged_version.kind = FPD_VERSION_NO_DEBUG;  // the kind takes no part
+    add({"IoFpga", 0, "", Needs::nothing}).desc.packaged_version.kind = FPD_VERSION_NO_DEBUG;  // takes no part
     ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::upgrade_not_needed);
+    EXPECT_EQ(the_plan(), "IoFpga 'FPD Upgrade not needed'");
     expect_log(init_module, "INFO", "BuildQFpdUpgNotNeeded", "FPD IoFpga doesn't require an Upgrade");
-}
-
-// Dependencies --------------------------------------------------------------------------------------------------------
-
-TEST_F(BuildQueue, RefusesADependencyThatIsNotThere) {
-    Fpd &fpd = evaluated("IoFpga", 0, "Cpu");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::dependency_failed);
-    EXPECT_EQ(fpd.dependency, nullptr);
-    expect_log(init_module, "ERROR", "BuildQFpdDependNotFound",
-               "FPD IoFpga has a Dependency FPD Cpu and couldn't find the dependency in the fpd queue");
-}
-
-TEST_F(BuildQueue, TellsTheCaseOfNames) {
-    evaluated("CPU");
-    Fpd &fpd = evaluated("IoFpga", 0, "Cpu");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::dependency_failed);
-}
-
-TEST_F(BuildQueue, RefusesADependencyOnItself) {
-    Fpd &fpd = evaluated("IoFpga", 0, "IoFpga");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::dependency_failed);
-    EXPECT_EQ(card.planned_count, 0U);
-    expect_log(init_module, "ERROR", "BuildQFpdCircularDepend",
-               "FPD IoFpga has found a circular dependency FPD IoFpga");
 }
 
 TEST_F(BuildQueue, RefusesADependencyInABadState) {
@@ -175,10 +305,9 @@ TEST_F(BuildQueue, RefusesADependencyInABadState) {
           FpdState::info_get_failed, FpdState::info_received, FpdState::description_failed, FpdState::cant_be_upgraded,
           FpdState::dependency_failed, FpdState::upgrade_failed}) {
         clear_log();
-        Fpd &dependency = discover("Cpu", state);
-        dependency.desc.need_upgrade = 0;
+        Fpd &dependency = add({"Cpu", 0, "", Needs::nothing_of_another_version, state});
         dependency.desc.status = state == FpdState::cant_be_upgraded ? 6 : 0;
-        Fpd &fpd = evaluated("IoFpga", 0, "Cpu");
+        const Fpd &fpd = add({"IoFpga", 0, "Cpu"});
         // What is planned already is not planned anew.
         if (state >= FpdState::dependency_failed) {
             rm_fpd_queue(&card.queues.fpd_queue, &dependency, err_msg, sizeof err_msg);
@@ -187,333 +316,70 @@ TEST_F(BuildQueue, RefusesADependencyInABadState) {
         ASSERT_EQ(build(), 0);
         EXPECT_EQ(fpd.state, FpdState::dependency_failed);
         EXPECT_EQ(fpd.dependency, &dependency);
-        expect_log(init_module, "ERROR", "BuildQDependFpdBad",
-                   std::string("FPD IoFpga can't be upgraded due to dependency FPD Cpu state ") + state_name(state));
+        const Line line = bad_dependency("IoFpga", "Cpu", state_name(state));
+        expect_log(init_module, line.level, line.tag, line.text);
         free_queues(card);
     }
 }
 
-TEST_F(BuildQueue, MeetsAnFpdAgainBehindItsDependency) {
-    Fpd &a = evaluated("A", 0, "B");
-    Fpd &b = evaluated("B", 0);
-    ASSERT_EQ(build(), 0);
-    expect_log(init_module, "INFO", "BuildQRevisitAfterDependFpd",
-               "FPD A would be revisted after dependency FPD B resolved");
-    EXPECT_EQ(a.dependency, &b);
-    EXPECT_EQ(seq_queue(0), &b);
-    EXPECT_EQ(seq_queue(1), &a);
-    EXPECT_EQ(a.seq, 1);
-    EXPECT_THAT(log_lines("BuildFpdUpgQueue"),
-                ElementsAre(log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD A for Upgrade"),
-                            log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD B for Upgrade"),
-                            log_line(init_module, "DEBUG", "BuildFpdUpgQueue", "Constructing FPD A for Upgrade")));
-}
-
-TEST_F(BuildQueue, DoesNotWaitForADependencyThatWasMetBefore) {
-    evaluated("B", 0);
-    evaluated("A", 0, "B");
-    ASSERT_EQ(build(), 0);
-    expect_no_log("BuildQRevisitAfterDependFpd");
-    EXPECT_THAT(names(seq_queue(1)), ElementsAre("A"));
-}
-
-TEST_F(BuildQueue, RaisesASequenceNumberOnlyAboveThatOfTheDependency) {
-    evaluated("B", 4);
-    Fpd &lower = evaluated("Lower", 3, "B");
-    Fpd &equal = evaluated("Equal", 4, "B");
-    Fpd &higher = evaluated("Higher", 7, "B");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(lower.seq, 5);
-    EXPECT_EQ(equal.seq, 5);
-    EXPECT_EQ(higher.seq, 7);
-    EXPECT_THAT(names(seq_queue(5)), ElementsAre("Lower", "Equal"));
-    EXPECT_THAT(names(seq_queue(7)), ElementsAre("Higher"));
-}
-
-TEST_F(BuildQueue, ResolvesAChainInAnyOrder) {
-    evaluated("C", 0, "B");
-    evaluated("B", 0, "A");
-    evaluated("Other", 0);
-    evaluated("A", 0);
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(names(seq_queue(0)), ElementsAre("Other", "A"));
-    EXPECT_THAT(names(seq_queue(1)), ElementsAre("B"));
-    EXPECT_THAT(names(seq_queue(2)), ElementsAre("C"));
-    EXPECT_EQ(card.planned_count, 4U);
-}
-
 TEST_F(BuildQueue, ResolvesAChainMetBackToFront) {
-    for (int i = 15; i > 0; --i) evaluated("F" + std::to_string(i), 0, "F" + std::to_string(i - 1));
-    evaluated("F0");
+    std::string chain = "0 F0";
+    for (int i = 15; i > 0; --i) add({"F" + std::to_string(i), 0, "F" + std::to_string(i - 1)});
+    for (int i = 1; i < 16; ++i)
+        chain += ", " + std::to_string(i) + " F" + std::to_string(i) + " after F" + std::to_string(i - 1);
+    add({"F0"});
     ASSERT_EQ(build(), 0);
-    for (unsigned i = 0; i < 16; ++i) EXPECT_THAT(names(seq_queue(i)), ElementsAre("F" + std::to_string(i)));
-    expect_no_log("BuildQFpdCircularDepend");
+    EXPECT_EQ(the_plan(), chain);
+    expect_lines({});
 }
 
-TEST_F(BuildQueue, PlansADependencyThatIsOnlyAvailableInTheSecondPass) {
-    Fpd &b = not_needed("B", true, 2);
-    Fpd &a = evaluated("A", 0, "B");
-    Fpd &other = evaluated("Other", 2);
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(names(seq_queue(2)), ElementsAre("Other", "B"));
-    EXPECT_THAT(names(seq_queue(3)), ElementsAre("A"));
-    EXPECT_EQ(b.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(a.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(other.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(card.planned_count, 3U);
-    expect_log(init_module, "INFO", "BuildQDepFpdUpgRequired",
-               "FPD A required corresponding dependent FPD B to be upgraded");
-    expect_log(init_module, "DEBUG", "BuildQFpdDepUpgradeable", "FPD B is dependency upgradeable");
-    expect_log(init_module, "INFO", "BuildFpdDepAddedSeqQueue", "FPD B would be upgrade in the sequence queue # 2");
-    EXPECT_THAT(upg_marker().text, testing::EndsWith("FPD: B                | Version: 2.0.0       \n"));
-}
-
-TEST_F(BuildQueue, PlansADependencyOfTwoOnce) {
-    not_needed("B", true);
-    evaluated("A1", 0, "B");
-    evaluated("A2", 0, "B");
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(names(seq_queue(0)), ElementsAre("B"));
-    EXPECT_THAT(names(seq_queue(1)), ElementsAre("A1", "A2"));
-    EXPECT_THAT(log_lines("BuildQDepFpdUpgRequired"), SizeIs(1));
-    EXPECT_EQ(card.planned_count, 3U);
-}
-
-TEST_F(BuildQueue, DoesNotPlanADependencyThatIsUpToDate) {
-    Fpd &b = not_needed("B", false, 5);
-    Fpd &a = evaluated("A", 0, "B");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(b.state, FpdState::upgrade_not_needed);
-    EXPECT_THAT(unplanned(), ElementsAre("B"));
-    EXPECT_EQ(a.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(a.seq, 6);
-    EXPECT_EQ(card.planned_count, 1U);
-}
-
-TEST_F(BuildQueue, AsksNoDependencyOfWhatNeedsNoUpgrade) {
-    Fpd &fpd = not_needed("IoFpga", true);
-    std::strcpy(fpd.desc.dependency, "Missing");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::upgrade_available);
-}
-
-// Cycles --------------------------------------------------------------------------------------------------------------
-
-struct Cycles : BuildQueue {
-    /// Expects that this FPD, and its own dependency's name, was refused as circular.
-    void expect_refused(const Fpd &fpd) {
-        EXPECT_EQ(fpd.state, FpdState::dependency_failed) << fpd.info.name;
-        EXPECT_THAT(log_lines("BuildQFpdCircularDepend"),
-                    testing::Contains(log_line(init_module, "ERROR", "BuildQFpdCircularDepend",
-                                               std::string("FPD ") + fpd.info.name +
-                                                   " has found a circular dependency FPD " + fpd.desc.dependency)))
-            << fpd.info.name;
-    }
-};
-
-TEST_F(Cycles, OfTwoAreRefused) {
-    Fpd &a = evaluated("A", 0, "B");
-    Fpd &b = evaluated("B", 0, "A");
-    ASSERT_EQ(build(), 0);
-    expect_refused(a);
-    expect_refused(b);
-    EXPECT_THAT(log_lines("BuildQFpdCircularDepend"), SizeIs(2));
-    EXPECT_EQ(card.planned_count, 0U);
-}
-
-TEST_F(Cycles, OfThreeAreRefusedAmongOthersThatArePlanned) {
-    evaluated("Before");
-    Fpd &a = evaluated("A", 0, "B");
-    discover("NotReady", FpdState::capability_received);
-    Fpd &b = evaluated("B", 0, "C");
-    evaluated("Chained", 0, "Before");
-    Fpd &c = evaluated("C", 0, "A");
-    evaluated("Behind", 0, "Last");
-    evaluated("Last");
-    ASSERT_EQ(build(), 0);
-    for (const Fpd *fpd : {&a, &b, &c}) expect_refused(*fpd);
-    EXPECT_THAT(log_lines("BuildQFpdCircularDepend"), SizeIs(3));
-    EXPECT_THAT(names(seq_queue(0)), ElementsAre("Before", "Last"));
-    EXPECT_THAT(names(seq_queue(1)), ElementsAre("Chained", "Behind"));
-    EXPECT_EQ(card.planned_count, 4U);
-}
-
-TEST_F(Cycles, AreRefusedTogetherWithWhatLeadsIntoThem) {
-    Fpd &outer = evaluated("Outer", 0, "Inner");
-    Fpd &inner = evaluated("Inner", 0, "A");
-    Fpd &a = evaluated("A", 0, "B");
-    Fpd &b = evaluated("B", 0, "A");
-    evaluated("Other");
-    ASSERT_EQ(build(), 0);
-    for (const Fpd *fpd : {&outer, &inner, &a, &b}) expect_refused(*fpd);
-    EXPECT_THAT(names(seq_queue(0)), ElementsAre("Other"));
-    EXPECT_THAT(unplanned(), testing::UnorderedElementsAre("Outer", "Inner", "A", "B"));
-}
-
-TEST_F(Cycles, IntoASelfReferenceAreToldAsABadDependency) {
-    Fpd &a = evaluated("A", 0, "B");
-    Fpd &b = evaluated("B", 0, "B");
-    ASSERT_EQ(build(), 0);
-    expect_refused(b);
-    EXPECT_EQ(a.state, FpdState::dependency_failed);
-    expect_log(init_module, "ERROR", "BuildQDependFpdBad",
-               "FPD A can't be upgraded due to dependency FPD B state 'FPD Dependency Failed'");
-}
-
-TEST_F(Cycles, TwoOfThemAreBothRefused) {
-    for (const char *const name : {"A", "B"}) evaluated(name, 0, name[0] == 'A' ? "B" : "A");
-    for (const char *const name : {"C", "D"}) evaluated(name, 0, name[0] == 'C' ? "D" : "C");
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(log_lines("BuildQFpdCircularDepend"), SizeIs(4));
-    EXPECT_EQ(card.planned_count, 0U);
-}
-
-TEST_F(Cycles, AreMetAtMostTwice) {
-    for (int i = 0; i < 50; ++i) evaluated("F" + std::to_string(i), 0, "F" + std::to_string((i + 1) % 50));
+TEST_F(BuildQueue, MeetsACycleAtMostTwice) {
+    for (int i = 0; i < 50; ++i) add({"F" + std::to_string(i), 0, "F" + std::to_string((i + 1) % 50)});
     ASSERT_EQ(build(), 0);
     EXPECT_THAT(log_lines("BuildQFpdCircularDepend"), SizeIs(50));
     EXPECT_LE(log_lines("BuildFpdUpgQueue").size(), 100U);
 }
 
-// Sequence numbers out of range ---------------------------------------------------------------------------------------
-
-struct SequenceNumbers : BuildQueue {
-    void expect_refused(const Fpd &fpd, int seq) {
-        EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-        expect_log(
-            init_module, "ERROR", "BuildQFpdSeqOutOfRange",
-            std::string("FPD ") + fpd.info.name + " sequence queue # " + std::to_string(seq) + " is out of range");
-        EXPECT_EQ(get_fpd_by_name_queue(card.queues.fpd_queue, fpd.info.name, nullptr, 0), &fpd);
-    }
-};
-
-TEST_F(SequenceNumbers, Of15AreTheLast) {
-    evaluated("IoFpga", 15);
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(names(seq_queue(15)), ElementsAre("IoFpga"));
-}
-
-TEST_F(SequenceNumbers, Of16AreRefused) {
-    const Fpd &fpd = evaluated("IoFpga", 16);
-    ASSERT_EQ(build(), 0);
-    expect_refused(fpd, 16);
-    EXPECT_EQ(card.planned_count, 0U);
-    EXPECT_EQ(upg_marker().text, nullptr);
-}
-
-TEST_F(SequenceNumbers, Of255AreRefused) {
-    const Fpd &fpd = evaluated("IoFpga", 255);
-    ASSERT_EQ(build(), 0);
-    expect_refused(fpd, 255);
-}
-
-TEST_F(SequenceNumbers, RaisedTo16ByADependencyAreRefused) {
-    evaluated("Last", 15);
-    const Fpd &fpd = evaluated("IoFpga", 0, "Last");
-    ASSERT_EQ(build(), 0);
-    expect_refused(fpd, 16);
-    EXPECT_EQ(card.planned_count, 1U);
-    EXPECT_THAT(names(seq_queue(15)), ElementsAre("Last"));
-}
-
-TEST_F(SequenceNumbers, RaisedAbove255DoNotBecome0) {
-    not_needed("Same", false, 255);
-    const Fpd &fpd = evaluated("IoFpga", 0, "Same");
-    ASSERT_EQ(build(), 0);
-    expect_refused(fpd, 256);
-    EXPECT_EQ(seq_queue(0), nullptr);
-}
-
-TEST_F(SequenceNumbers, OutOfRangeFailTheDependents) {
-    evaluated("TooHigh", 16);
-    const Fpd &fpd = evaluated("IoFpga", 0, "TooHigh");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::dependency_failed);
-    expect_log(init_module, "ERROR", "BuildQDependFpdBad",
-               "FPD IoFpga can't be upgraded due to dependency FPD TooHigh state 'FPD Can't be Upgraded'");
-}
-
-TEST_F(SequenceNumbers, OutOfRangeAreRefusedInTheSecondPassToo) {
-    const Fpd &available = not_needed("Available", true, 16);
-    const Fpd &fpd = evaluated("IoFpga", 0, "Available");
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(available.state, FpdState::cant_be_upgraded);
-    EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-    EXPECT_THAT(log_lines("BuildQFpdSeqOutOfRange"),
-                ElementsAre(log_line(init_module, "ERROR", "BuildQFpdSeqOutOfRange",
-                                     "FPD IoFpga sequence queue # 17 is out of range"),
-                            log_line(init_module, "ERROR", "BuildQFpdSeqOutOfRange",
-                                     "FPD Available sequence queue # 16 is out of range")));
-    EXPECT_EQ(card.planned_count, 0U);
+TEST_F(BuildQueue, KeepsARefusalWhenItIsRepeatedOverTheSameRecords) {
+    add({"IoFpga", 16});
+    for (int i = 0; i < 2; ++i) ASSERT_EQ(build(), 0);
+    EXPECT_EQ(the_plan(), "IoFpga 'FPD Can't be Upgraded'");
+    expect_lines({out_of_range("IoFpga", 16)});
 }
 
 // Upgrade types -------------------------------------------------------------------------------------------------------
 
-struct UpgradeTypes : BuildQueue, testing::WithParamInterface<UpgradeStage> {
-    bool is_manufacturing() const { return static_cast<int>(GetParam()) <= 2; }
-};
+struct UpgradeTypes : BuildQueue, testing::WithParamInterface<UpgradeStage> {};
 
-TEST_P(UpgradeTypes, Of1ArePlanned) {
-    const Fpd &fpd = evaluated("IoFpga");
-    ASSERT_EQ(build(GetParam()), 0);
-    EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
-    expect_log(init_module, "DEBUG", "BuildQFpdUpgradeable", "FPD IoFpga is upgradeable");
-}
-
-TEST_P(UpgradeTypes, Of5ArePlannedInManufacturing) {
-    Fpd &fpd = evaluated("IoFpga");
-    fpd.info.upgrade_type = 5;
-    ASSERT_EQ(build(GetParam()), 0);
-    if (is_manufacturing()) {
-        EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
-        expect_log(init_module, "DEBUG", "BuildQFpdMfgUpgradeable", "FPD IoFpga is MFG Upgradeable");
-        expect_no_log("BuildQFpdMfgOnlyUpgradeable");
-    } else {
-        EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-        expect_log(init_module, "DEBUG", "BuildQFpdMfgOnlyUpgradeable",
-                   "FPD IoFpga with Upgrade type 5 can only upgradeable in MFG");
-        EXPECT_EQ(card.planned_count, 0U);
-    }
-}
-
-TEST_P(UpgradeTypes, OfAnyOtherNumberAreRefused) {
-    for (const int type : {0, 2, 3, 4, 6, 255}) {
-        clear_log();
-        Fpd &fpd = evaluated("IoFpga");
-        fpd.info.upgrade_type = static_cast<std::uint8_t>(type);
-        ASSERT_EQ(build(GetParam()), 0);
-        EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-        expect_log(init_module, "ERROR", "BuildQFpdCantUpgraded",
-                   "FPD IoFpga with Upgrade type " + std::to_string(type) + " can't be upgraded ");
-        free_queues(card);
-    }
-}
-
-TEST_P(UpgradeTypes, Of5AreDependenciesInManufacturing) {
-    Fpd &b = not_needed("B", true);
-    b.info.upgrade_type = 5;
-    evaluated("A", 0, "B");
-    ASSERT_EQ(build(GetParam()), 0);
-    if (is_manufacturing()) {
-        EXPECT_EQ(b.state, FpdState::queued_for_upgrade);
-        expect_log(init_module, "DEBUG", "BuildQFpdDepMfgUpgradeable", "FPD B is MFG Upgradeable");
-    } else {
-        EXPECT_EQ(b.state, FpdState::cant_be_upgraded);
-        expect_log(init_module, "DEBUG", "BuildQFpdDepMfgOnlyUpgradeable",
-                   "FPD B with Upgrade type 5 can only upgradeable in MFG");
-        EXPECT_EQ(card.planned_count, 1U);
-    }
-}
-
-TEST_P(UpgradeTypes, OfAnyOtherNumberAreNoDependencies) {
-    Fpd &b = not_needed("B", true);
-    b.info.upgrade_type = 4;
-    evaluated("A", 0, "B");
-    ASSERT_EQ(build(GetParam()), 0);
-    EXPECT_EQ(b.state, FpdState::cant_be_upgraded);
-    expect_log(init_module, "ERROR", "BuildQFpdDepCantUpgraded",
-               "FPD B with Upgrade type 4 can't be dependency upgraded ");
-    EXPECT_THAT(unplanned(), ElementsAre("B"));
+TEST_P(UpgradeTypes, Are1AndInManufacturing5ForWhatNeedsAnUpgradeAndForWhatOthersNeed) {
+    const bool manufacturing = static_cast<int>(GetParam()) <= 2;
+    const Line planned{"DEBUG", "BuildQFpdUpgradeable", "FPD B is upgradeable"};
+    const Line needed{"DEBUG", "BuildQFpdDepUpgradeable", "FPD B is dependency upgradeable"};
+    const Line mfg{"DEBUG", "BuildQFpdMfgUpgradeable", "FPD B is MFG Upgradeable"};
+    const Line mfg_needed{"DEBUG", "BuildQFpdDepMfgUpgradeable", "FPD B is MFG Upgradeable"};
+    const std::string only_mfg = "FPD B with Upgrade type 5 can only upgradeable in MFG";
+    for (const int type : {0, 1, 2, 3, 4, 5, 6, 255})
+        for (const bool is_dependency : {false, true}) {
+            const std::string refused = "FPD B with Upgrade type " + std::to_string(type) + " can't be ";
+            Line line = is_dependency ? Line{"ERROR", "BuildQFpdDepCantUpgraded", refused + "dependency upgraded "}
+                                      : Line{"ERROR", "BuildQFpdCantUpgraded", refused + "upgraded "};
+            if (type == 1) line = is_dependency ? needed : planned;
+            if (type == 5 && manufacturing) line = is_dependency ? mfg_needed : mfg;
+            if (type == 5 && !manufacturing)
+                line = {"DEBUG", is_dependency ? "BuildQFpdDepMfgOnlyUpgradeable" : "BuildQFpdMfgOnlyUpgradeable",
+                        only_mfg};
+            clear_log();
+            Fpd &fpd = add({"B", 0, "", is_dependency ? Needs::nothing_of_another_version : Needs::upgrade});
+            fpd.info.upgrade_type = static_cast<std::uint8_t>(type);
+            if (is_dependency) add({"A", 0, "B"});
+            ASSERT_EQ(build(GetParam()), 0);
+            const bool allowed = type == 1 || (type == 5 && manufacturing);
+            const std::string dependent = is_dependency ? "1 A after B" : "";
+            EXPECT_EQ(the_plan(), allowed ? "0 B" + (is_dependency ? ", " + dependent : "")
+                                          : dependent + (is_dependency ? ", " : "") + "B 'FPD Can't be Upgraded'");
+            expect_lines({line});
+            free_queues(card);
+        }
 }
 
 INSTANTIATE_TEST_SUITE_P(OfEveryStage, UpgradeTypes,
@@ -526,42 +392,26 @@ INSTANTIATE_TEST_SUITE_P(OfEveryStage, UpgradeTypes,
 constexpr const char *no_memory = "Unable to allocate memory for upgrade marker, error Cannot allocate memory";
 
 TEST_F(BuildQueue, EndsAtOnceWhenTheMarkerTakesNoEntry) {
-    Fpd &first = evaluated("First");
-    Fpd &second = evaluated("Second");
+    add({"First"});
+    add({"Second"});
     interpose::fail(Call::calloc, ENOMEM);
-    EXPECT_EQ(build(), -12);
-    EXPECT_STREQ(err_msg, no_memory);
+    expect_result(build(), -12, no_memory);
     expect_log(init_module, "ERROR", "AddFPDUpgMarkerFail",
                std::string("Failed to add FPD First into Upgrade Marker, error ") + no_memory);
-    EXPECT_EQ(first.state, FpdState::queued_for_upgrade);
-    EXPECT_EQ(card.planned_count, 1U);
-    EXPECT_EQ(second.state, FpdState::description_received);
-    EXPECT_THAT(unplanned(), ElementsAre("Second"));
+    EXPECT_EQ(the_plan(), "0 First, Second 'FPD Description Received'");
 }
 
 TEST_F(BuildQueue, EndsAtOnceWhenTheMarkerTakesNoDependency) {
-    evaluated("First");
-    evaluated("Second", 0, "Available1");
-    evaluated("Third", 0, "Available2");
-    not_needed("Available1", true);
-    Fpd &last = not_needed("Available2", true);
+    for (const char *name : {"First", "Second", "Third"})
+        add({name, 0, name[0] == 'F' ? "" : name[0] == 'S' ? "Available1" : "Available2"});
+    for (const char *name : {"Available1", "Available2"}) add({name, 0, "", Needs::nothing_of_another_version});
     interpose::fail(Call::realloc, ENOMEM, 2);  // the third entry needs more room, and so does the fourth
-    EXPECT_EQ(build(), -12);
-    EXPECT_STREQ(err_msg, no_memory);
-    expect_log(init_module, "ERROR", "AddFPDUpgMarkerFail2",
-               std::string("Failed to add FPD Available1 into Upgrade Marker, error ") + no_memory);
-    expect_no_log("AddFPDUpgMarkerFail");
-    EXPECT_EQ(card.planned_count, 4U);
-    EXPECT_EQ(last.state, FpdState::dependent_upgrade_required);
-}
-
-TEST_F(BuildQueue, KeepsARefusalWhenItIsRepeatedOverTheSameRecords) {
-    Fpd &fpd = evaluated("IoFpga", 16);
-    ASSERT_EQ(build(), 0);
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-    EXPECT_THAT(log_lines("BuildQFpdSeqOutOfRange"), SizeIs(1));
-    EXPECT_EQ(card.planned_count, 0U);
+    expect_result(build(), -12, no_memory);
+    expect_lines({{"ERROR", "AddFPDUpgMarkerFail2",
+                   std::string("Failed to add FPD Available1 into Upgrade Marker, error ") + no_memory}});
+    EXPECT_EQ(the_plan(),
+              "0 First, 0 Available1, 1 Second after Available1, 1 Third after Available2, Available2 "
+              "'FPD Dependent Upgrade required'");
 }
 
 // Stages of the upgrade mode ------------------------------------------------------------------------------------------
@@ -593,75 +443,63 @@ struct PlanUpgrade : RunTest {
     }
 };
 
-TEST_F(PlanUpgrade, InRegularModeAsksForRegularFirmware) {
-    EXPECT_EQ(plan_run(), 0);
-    EXPECT_THAT(asked(), ElementsAre("IoFpga 0"));
-    EXPECT_EQ(card.planned_count, 1U);
-    EXPECT_STREQ(err_msg, "");
-}
-
-TEST_F(PlanUpgrade, InDummyModesAsksForDummyFirmware) {
-    set_mode(UpgradeMode::dummy_minor_version);
-    EXPECT_EQ(plan_run(), 0);
-    EXPECT_THAT(asked(), ElementsAre("IoFpga 3"));
-    free_queues(card);
-    fake_platform().forget_calls();
-    set_mode(UpgradeMode::dummy_major_version);
-    EXPECT_EQ(plan_run(), 0);
-    EXPECT_THAT(asked(), ElementsAre("IoFpga 4"));
+TEST_F(PlanUpgrade, AsksForTheFirmwareOfItsMode) {
+    for (const auto &[mode, asked_for] :
+         {std::pair(UpgradeMode::regular, "IoFpga 0"), std::pair(UpgradeMode::dummy_minor_version, "IoFpga 3"),
+          std::pair(UpgradeMode::dummy_major_version, "IoFpga 4")}) {
+        set_mode(mode);
+        expect_result(plan_run(), 0);
+        EXPECT_THAT(asked(), ElementsAre(asked_for));
+        EXPECT_EQ(card.planned_count, 1U);
+        free_queues(card);
+        fake_platform().forget_calls();
+    }
 }
 
 TEST_F(PlanUpgrade, HandsTheRunLevelOn) {
     region("IoFpga").capabilities = 0;
-    EXPECT_EQ(plan_run(RunLevel::boot), 0);
-    EXPECT_EQ(card.planned_count, 0U);
-    free_queues(card);
-    EXPECT_EQ(plan_run(RunLevel::backend), 0);
-    EXPECT_EQ(card.planned_count, 1U);
+    for (const auto &[run_level, planned] : {std::pair(RunLevel::boot, 0U), std::pair(RunLevel::backend, 1U)}) {
+        EXPECT_EQ(plan_run(run_level), 0);
+        EXPECT_EQ(card.planned_count, planned);
+        free_queues(card);
+    }
 }
 
 TEST_F(PlanUpgrade, FailsForAModeThatIsNone) {
     for (const int mode : {7, 4, -1}) {
         clear_log();
         fake_platform().upgrade_mode = mode;
-        EXPECT_EQ(plan_run(), 22);
-        EXPECT_EQ(err_msg, "Unknown FPD Upgrade mode " + std::to_string(mode));
-        expect_log(init_module, "ERROR", "FpdUpgdModeUnknown", "Unknown FPD Upgrade mode " + std::to_string(mode));
+        expect_logged(plan_run(), 22, init_module, "FpdUpgdModeUnknown",
+                      "Unknown FPD Upgrade mode " + std::to_string(mode));
     }
     EXPECT_THAT(asked(), IsEmpty());
 }
 
-TEST_F(PlanUpgrade, FailsAsTheStoreDoes) {
-    fake_platform().cookie_get_upgrade_mode = [](int *, char *text, std::size_t size) {
-        std::snprintf(text, size, "store is locked");
-        return 0x321;
-    };
-    EXPECT_EQ(plan_run(), 0x321);
-    EXPECT_STREQ(err_msg, "store is locked");
-    expect_log(init_module, "ERROR", "FpdUpgdCookieGetModeFail",
-               "Failed to get FPD Upgrade Mode, error store is locked");
-}
-
-TEST_F(PlanUpgrade, ShowsNoEarlierTextWhenTheStoreGivesNone) {
-    fake_platform().cookie_get_upgrade_mode = [](int *, char *, std::size_t) { return -9; };
-    EXPECT_EQ(plan_run(), -9);
-    EXPECT_STREQ(err_msg, "");
-    expect_log(init_module, "ERROR", "FpdUpgdCookieGetModeFail", "Failed to get FPD Upgrade Mode, error ");
+TEST_F(PlanUpgrade, FailsAsTheStoreDoesAndShowsNoEarlierTextWhenItGivesNone) {
+    for (const auto &[rc, why] : {std::pair(0x321, "store is locked"), std::pair(-9, "")}) {
+        clear_log();
+        fake_platform().cookie_get_upgrade_mode = [rc = rc, why = why](int *, char *text, std::size_t size) {
+            if (*why) std::snprintf(text, size, "%s", why);
+            return rc;
+        };
+        std::strcpy(err_msg, "left by an earlier call");
+        expect_result(plan_run(), rc, why);
+        expect_log(init_module, "ERROR", "FpdUpgdCookieGetModeFail",
+                   std::string("Failed to get FPD Upgrade Mode, error ") + why);
+    }
 }
 
 constexpr const char *no_count = "Failed to get No. of FPDs for group id 3";
 
 TEST_F(PlanUpgrade, FailsAsTheLoadDoes) {
     fail_load(1);
-    EXPECT_EQ(plan_run(), -13);
-    EXPECT_STREQ(err_msg, no_count);
+    expect_result(plan_run(), -13, no_count);
     expect_log(init_module, "ERROR", "LoadFpdsFail", std::string("Initializing FPDs failed err_msg ") + no_count);
 }
 
 TEST_F(PlanUpgrade, FailsAsTheConstructionDoes) {
     interpose::fail(Call::calloc, ENOMEM, 4);  // ids, record, regions, marker
-    EXPECT_EQ(plan_run(), -12);
-    EXPECT_STREQ(err_msg, no_memory);
+    expect_result(plan_run(), -12, no_memory);
     expect_log(init_module, "ERROR", "BuildingFpdQueueFail",
                std::string("Constructing FPD Upgrade queue failed err_msg ") + no_memory);
 }
@@ -707,41 +545,35 @@ TEST_F(PlanManufacturing, LoadsTheFirstStageTwiceWhenNothingNeedsGoldenUnlocked)
     EXPECT_THAT(asked(), IsEmpty());
 }
 
-TEST_F(PlanManufacturing, FailsWhenItsFirstStageDoes) {
-    fail_load(1);
-    EXPECT_EQ(plan_run(), -13);
-    EXPECT_STREQ(err_msg, no_count);
-    expect_log(init_module, "ERROR", "FpdUpgdStageCheckReqGlndUnlckPrimaryFail",
-               std::string("FPD Upgrade stage 'Required a Golden Unlocked Primary firmware' check failed to build fpd "
-                           "upgrade, error ") +
-                   no_count);
-}
-
-TEST_F(PlanManufacturing, FailsWhenItsSecondStageDoes) {
-    fail_load(2);
-    EXPECT_EQ(plan_run(), -13);
-    EXPECT_STREQ(err_msg, no_count);
-    expect_log(init_module, "ERROR", "FpdUpgdStageCheckCanUnlckGlndUnlckFail",
-               std::string("FPD Upgrade stage 'firmware can unlock Golden' check failed to build fpd upgrade, error ") +
-                   no_count);
-    EXPECT_EQ(card.planned_count, 0U);
-    EXPECT_EQ(upg_marker().text, nullptr);
-}
-
-TEST_F(PlanManufacturing, FailsWhenItsLastStageDoes) {
-    fail_load(3);  // which shows the first FPD only, and that cannot unlock Golden
-    EXPECT_EQ(plan_run(), -13);
-    EXPECT_STREQ(err_msg, no_count);
-    expect_log(init_module, "ERROR", "LoadFpdsFail", std::string("Initializing FPDs failed err_msg ") + no_count);
-    expect_no_log("FpdUpgdStageCheckCanUnlckGlndUnlckFail");
-}
-
-TEST_F(PlanManufacturing, FailsWhenTheRepeatedFirstStageDoes) {
-    region("Needy").capabilities = 0x8;
-    fail_load(2);
-    EXPECT_EQ(plan_run(), -13);
-    EXPECT_STREQ(err_msg, no_count);
-    expect_no_log("FpdUpgdStageCheckReqGlndUnlckPrimaryFail");
+TEST_F(PlanManufacturing, FailsAsAnyOfItsStagesDoes) {
+    constexpr const char *first_tag = "FpdUpgdStageCheckReqGlndUnlckPrimaryFail";
+    constexpr const char *second_tag = "FpdUpgdStageCheckCanUnlckGlndUnlckFail";
+    const struct {
+        int failed_load;
+        unsigned capabilities;  // of Needy
+        const char *tag;        // of the stage; null: it tells nothing of its own
+        const char *text;
+    } cases[] = {
+        {1, 0x1008, first_tag,
+         "FPD Upgrade stage 'Required a Golden Unlocked Primary firmware' check failed to build fpd upgrade, error "},
+        {2, 0x1008, second_tag,
+         "FPD Upgrade stage 'firmware can unlock Golden' check failed to build fpd upgrade, error "},
+        {3, 0x1008, nullptr, ""},  // the last: the second load shows the first FPD only, and that cannot unlock Golden
+        {2, 0x8, nullptr, ""},     // the first stage is repeated: nothing needs Golden unlocked
+    };
+    for (const auto &[failed_load, capabilities, tag, text] : cases) {
+        clear_log();
+        region("Needy").capabilities = capabilities;
+        fail_load(failed_load);
+        expect_result(plan_run(), -13, no_count);
+        expect_log(init_module, "ERROR", "LoadFpdsFail", std::string("Initializing FPDs failed err_msg ") + no_count);
+        if (tag) expect_log(init_module, "ERROR", tag, std::string(text) + no_count);
+        for (const char *const other : {first_tag, second_tag})
+            if (other != tag) expect_no_log(other);
+        EXPECT_EQ(card.planned_count, 0U);
+        EXPECT_EQ(upg_marker().text, nullptr);
+        free_queues(card);
+    }
 }
 
 // The interface of a run ----------------------------------------------------------------------------------------------
@@ -768,26 +600,22 @@ TEST_F(Interface, MakesTheQueueAndThePlan) {
 
 TEST_F(Interface, FailsWithoutItsQueueAndPlansNothing) {
     interpose::fail(Call::mq_open, EMFILE);
-    EXPECT_EQ(init(), -5);
-    const char *const reason = "Couldn't open FPD msg queue err_msg Too many open files";
-    EXPECT_STREQ(err_msg, reason);
-    expect_log(init_module, "ERROR", "InitMQFail",
-               std::string("Initializing Auto FPD Upgrade msg queue failed err_msg ") + reason);
+    const std::string reason = "Couldn't open FPD msg queue err_msg Too many open files";
+    expect_result(init(), -5, reason);
+    expect_log(init_module, "ERROR", "InitMQFail", "Initializing Auto FPD Upgrade msg queue failed err_msg " + reason);
     EXPECT_THAT(fake_platform().calls(), IsEmpty());
 }
 
 TEST_F(Interface, FailsAsThePlanDoes) {
     fake_platform().upgrade_mode = 7;
-    EXPECT_EQ(init(), 22);
-    EXPECT_STREQ(err_msg, "Unknown FPD Upgrade mode 7");
+    expect_result(init(), 22, "Unknown FPD Upgrade mode 7");
 }
 
 TEST_F(Interface, IsUndoneByDeinit) {
     const std::vector<std::string> before = open_descriptors();
     ASSERT_EQ(init(), 0);
     std::strcpy(err_msg, "left by an earlier call");
-    EXPECT_EQ(deinit(), 0);
-    EXPECT_STREQ(err_msg, "");
+    expect_result(deinit(), 0);
     EXPECT_EQ(card.queues.seq_queues[0], nullptr);
     EXPECT_EQ(card.planned_count, 0U);
     EXPECT_EQ(card.mq, -1);
@@ -804,34 +632,11 @@ TEST_F(Interface, IsUndoneWithoutAPlan) {
 TEST_F(Interface, TellsWhenItsQueueCannotBeClosed) {
     ASSERT_EQ(init(), 0);
     interpose::fail(Call::mq_close, EBADF);
-    EXPECT_EQ(deinit(), -5);
-    const char *const reason = "Couldn't close FPD msg queue err_msg Bad file descriptor";
-    EXPECT_STREQ(err_msg, reason);
-    expect_log(init_module, "ERROR", "DeinitFpdMQFail",
-               std::string("Deinitializing FPD msg queue failed err_msg ") + reason);
+    const std::string reason = "Couldn't close FPD msg queue err_msg Bad file descriptor";
+    expect_result(deinit(), -5, reason);
+    expect_log(init_module, "ERROR", "DeinitFpdMQFail", "Deinitializing FPD msg queue failed err_msg " + reason);
     EXPECT_TRUE(queue_exists());
     EXPECT_EQ(card.planned_count, 0U);
-}
-
-TEST_F(BuildQueue, PlansEveryFpdThatOnlyOthersNeed) {
-    evaluated("First", 0, "Available1");
-    evaluated("Second", 0, "Available2");
-    not_needed("Available1", true);
-    not_needed("Other", true);
-    not_needed("Available2", true);
-    ASSERT_EQ(build(), 0);
-    EXPECT_EQ(card.planned_count, 4U);
-    EXPECT_THAT(unplanned(), ElementsAre("Other"));
-}
-
-TEST_F(BuildQueue, TakesNoBadOrMissingDependencyForACircle) {
-    evaluated("Missing", 0, "Nobody");
-    evaluated("Bad", 0, "Failed");
-    discover("Failed", FpdState::upgrade_failed);
-    ASSERT_EQ(build(), 0);
-    EXPECT_THAT(log_lines("BuildQFpdDependNotFound"), SizeIs(1));
-    EXPECT_THAT(log_lines("BuildQDependFpdBad"), SizeIs(1));
-    expect_no_log("BuildQFpdCircularDepend");
 }
 
 TEST_F(PlanUpgrade, IsRegularWhenTheStoreTellsOfNoMode) {

@@ -23,12 +23,13 @@ using testing::Pair;
 using testing::SizeIs;
 
 struct Worker : RunTest {
-    int start(Fpd &fpd) { return start_fpd_upgrade_worker(card, fpd, err_msg, sizeof err_msg); }
+    int start(Fpd &of) { return start_fpd_upgrade_worker(card, of, err_msg, sizeof err_msg); }
+    int start() { return start(fpd); }
 
     /// Makes a worker's context as a start makes it, without the thread.
-    FpdWorkerCtx &context_of(Fpd &fpd) {
+    FpdWorkerCtx &context() {
         interpose::fail(Call::pthread_create, EAGAIN);
-        EXPECT_EQ(start(fpd), EAGAIN);
+        EXPECT_EQ(start(), EAGAIN);
         interpose::reset();
         FpdWorkerCtx &worker = attach_worker(fpd, FpdState::worker_created);
         worker.group_id = card.group_id;
@@ -51,28 +52,29 @@ struct Worker : RunTest {
     }
 
     /// Starts the FPD's worker and waits for the end of its thread.
-    FpdWorkerCtx &run_to_its_end(Fpd &fpd) {
-        EXPECT_EQ(start(fpd), 0) << err_msg;
+    FpdWorkerCtx &run_to_its_end() {
+        EXPECT_EQ(start(), 0) << err_msg;
         FpdWorkerCtx &worker = *fpd.worker;
-        EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        await_end(worker);
         // What it reports last is not yet the end of its thread.
         clockid_t clock;
         EXPECT_TRUE(eventually([&] { return pthread_getcpuclockid(worker.thread, &clock) == ESRCH; }));
         return worker;
     }
+
+    Fpd &fpd = plan("IoFpga");
 };
+
+constexpr std::pair started(FpdState::upgrade_started, 0U);
+constexpr std::pair halfway(FpdState::upgrade_progressing, 50U);
+constexpr std::pair done(FpdState::upgrade_done, 100U);
 
 // Start ---------------------------------------------------------------------------------------------------------------
 
 TEST_F(Worker, IsStartedForAQueuedFpd) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](auto...) {
-        gate.pass();
-        return 0;
-    };
-    EXPECT_EQ(start(fpd), 0);
-    EXPECT_STREQ(err_msg, "");
+    gate.hold_upgrades();
+    expect_result(start(), 0);
     ASSERT_NE(fpd.worker, nullptr);
     EXPECT_EQ(fpd.worker->fpd, &fpd);
     EXPECT_EQ(fpd.worker->card, &card);
@@ -82,35 +84,24 @@ TEST_F(Worker, IsStartedForAQueuedFpd) {
     gate.open();
 }
 
-TEST_F(Worker, IsToldOfAsStarted) {
-    Fpd &fpd = plan("IoFpga");
+TEST_F(Worker, IsToldOfAsStartedAndAsRetrying) {
     std::strcpy(fpd.running_text, "1.1.1");
     std::strcpy(fpd.programmed_text, "1.1.2");
-    run_to_its_end(fpd);
-    EXPECT_THAT(events(), ElementsAre("warning: Auto FPD Upgrade started for 'IoFpga'"));
-    EXPECT_THAT(
-        event_log_texts(),
-        ElementsAre("FPD 'IoFpga' Start upgrading to version 2.0.0 Run version 1.1.1 Programmed version 1.1.2"));
-}
-
-TEST_F(Worker, IsToldOfAsRetrying) {
-    Fpd &fpd = plan("IoFpga");
+    run_to_its_end();
+    retire_worker(card, fpd, true);
     fpd.retries = 1;
-    run_to_its_end(fpd);
-    EXPECT_THAT(events(), ElementsAre("warning: Auto FPD Upgrade retrying for 'IoFpga'"));
-    EXPECT_THAT(
-        event_log_texts(),
-        ElementsAre("FPD 'IoFpga' Retry upgrading to version 2.0.0 Run version 1.0.0 Programmed version 1.0.0"));
+    run_to_its_end();
+    EXPECT_THAT(events(), ElementsAre("warning: Auto FPD Upgrade started for 'IoFpga'",
+                                      "warning: Auto FPD Upgrade retrying for 'IoFpga'"));
+    const std::string versions = " upgrading to version 2.0.0 Run version 1.1.1 Programmed version 1.1.2";
+    EXPECT_THAT(event_log_texts(), ElementsAre("FPD 'IoFpga' Start" + versions, "FPD 'IoFpga' Retry" + versions));
 }
 
 TEST_F(Worker, RunsWhenItsEventCannotBeSent) {
-    Fpd &fpd = plan("IoFpga");
-    fake_platform().commands = {
-        {.prefix = "/usr/local/etc/send_fpd", .rc = 1, .output = "", .error = "no bell", .effect = nullptr}};
-    run_to_its_end(fpd);
-    EXPECT_THAT(log_lines("FpdUpgSendFpdStartedEventMsgFail"),
-                ElementsAre(log_line(worker_module, "ERROR", "FpdUpgSendFpdStartedEventMsgFail",
-                                     "Sending FPD event is failed, error no bell")));
+    fake_platform().commands = {{.prefix = "/usr/local/etc/send_fpd", .rc = 1, .error = "no bell"}};
+    run_to_its_end();
+    expect_log(worker_module, "ERROR", "FpdUpgSendFpdStartedEventMsgFail",
+               "Sending FPD event is failed, error no bell");
     EXPECT_EQ(fpd.state, FpdState::worker_created);
     EXPECT_THAT(event_log_texts(), SizeIs(1));
 }
@@ -120,21 +111,19 @@ struct WorkerOfADependent : Worker, testing::WithParamInterface<int> {};
 TEST_P(WorkerOfADependent, IsStartedOnlyBehindAGoodDependency) {
     const auto state = static_cast<FpdState>(GetParam());
     Fpd &dependency = discover("Cpu", state);
-    Fpd &fpd = plan("IoFpga", 2);
     fpd.dependency = &dependency;
-    const int rc = start(fpd);
+    const int rc = start();
     if (state == FpdState::upgrade_not_needed || state == FpdState::upgrade_done) {
         EXPECT_EQ(rc, 0);
         EXPECT_NE(fpd.worker, nullptr);
         return;
     }
-    EXPECT_EQ(rc, -53);
     const std::string text =
         std::string("FPD IoFpga can't be upgraded without dependecny FPD Cpu upgrade state ") + state_name(state);
-    EXPECT_EQ(err_msg, text);
+    expect_result(rc, -53, text);
     expect_log(worker_module, "ERROR", "StartFpdUpgWorkerDepFpdFail", text);
     EXPECT_EQ(fpd.state, FpdState::cant_be_upgraded);
-    EXPECT_EQ(card.queues.seq_queues[2], nullptr);
+    EXPECT_EQ(card.queues.seq_queues[0], nullptr);
     EXPECT_THAT(names(card.queues.fpd_queue), ElementsAre("Cpu", "IoFpga"));
     EXPECT_EQ(card.planned_count, 0U);
     EXPECT_EQ(fpd.worker, nullptr);
@@ -144,52 +133,43 @@ TEST_P(WorkerOfADependent, IsStartedOnlyBehindAGoodDependency) {
 INSTANTIATE_TEST_SUITE_P(InEveryState, WorkerOfADependent, testing::Range(1, 20));
 
 TEST_F(Worker, IsNotStartedBesideAnother) {
-    Fpd &fpd = plan("IoFpga");
     FpdWorkerCtx &other = attach_worker(fpd, FpdState::queued_for_upgrade);
-    EXPECT_EQ(start(fpd), -17);
     const std::string text = "A worker context already created for this FPD " + address_text(&other);
-    EXPECT_EQ(err_msg, text);
+    expect_result(start(), -17, text);
     expect_log(worker_module, "ERROR", "StartFpdUpgWorkerAlreadyExist", text);
     EXPECT_EQ(fpd.worker, &other);
     EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
 }
 
 TEST_F(Worker, IsNotStartedWithoutMemory) {
-    Fpd &fpd = plan("IoFpga");
     interpose::fail(Call::calloc, ENOMEM);
-    EXPECT_EQ(start(fpd), -12);
     const std::string text = "No memory available to create worker context error Cannot allocate memory";
+    expect_result(start(), -12, text);
     expect_log(worker_module, "ERROR", "WorkerCtxNoMem", text);
     expect_log(worker_module, "ERROR", "StartFpdUpgWorkerCreateCtxFail", "Creating Worker context failed " + text);
-    EXPECT_EQ(err_msg, text);
     EXPECT_EQ(fpd.worker, nullptr);
     EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
 }
 
 TEST_F(Worker, StaysQueuedWithoutAThread) {
-    Fpd &fpd = plan("IoFpga");
     interpose::fail(Call::pthread_create, EAGAIN);
-    EXPECT_EQ(start(fpd), 11);
     const std::string text =
         "Creating worker thread to upgrade FPD IoFpga is failed err_msg Resource temporarily unavailable";
-    EXPECT_EQ(err_msg, text);
+    expect_result(start(), EAGAIN, text);
     expect_log(worker_module, "ERROR", "StartFpdUpgradeThreadCreateFail", text);
     EXPECT_EQ(fpd.worker, nullptr);
     EXPECT_EQ(fpd.state, FpdState::queued_for_upgrade);
     EXPECT_EQ(card.planned_count, 1U);
     EXPECT_THAT(names(card.queues.seq_queues[0]), ElementsAre("IoFpga"));
     EXPECT_THAT(events(), IsEmpty());
-    run_to_its_end(fpd);
+    run_to_its_end();
 }
 
 // The thread ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Worker, ReportsStartedProgressAndDone) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
-    EXPECT_THAT(reports(&worker),
-                ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_progressing, 50U),
-                            Pair(FpdState::upgrade_done, 100U)));
+    FpdWorkerCtx &worker = run_to_its_end();
+    EXPECT_THAT(reports(&worker), ElementsAre(started, halfway, done));
     expect_log(worker_module, "INFO", "FpdUpgHdl", "Started Worker thread for FPD IoFpga");
     expect_log(worker_module, "DEBUG", "FpdUpgradeProgress", "FPD IoFpga upgrade progressing percent 50");
     expect_log(worker_module, "INFO", "FpdUpgHdlUpgradeSuccess", "FPD IoFpga Upgrade state 'FPD Upgrade Done'");
@@ -199,25 +179,21 @@ TEST_F(Worker, ReportsStartedProgressAndDone) {
 }
 
 TEST_F(Worker, ReportsAFailureWithoutProgress) {
-    Fpd &fpd = plan("IoFpga");
-    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, char *text,
-                                         std::size_t size) {
+    fake_platform().brd_fpd_upgrade = [](auto, auto, BrdFpdUpgradeRequest *request, char *text, std::size_t size) {
         request->progress(request->context, 70);
         std::snprintf(text, size, "verify failed at 0x1000");
         return 0x99;
     };
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     EXPECT_THAT(reports(&worker),
-                ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_progressing, 70U),
-                            Pair(FpdState::upgrade_failed, 0U)));
+                ElementsAre(started, Pair(FpdState::upgrade_progressing, 70U), Pair(FpdState::upgrade_failed, 0U)));
     expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail",
                "FPD IoFpga upgrade failed err_msg verify failed at 0x1000");
     expect_log(worker_module, "INFO", "FpdUpgHdlUpgradeSuccess", "FPD IoFpga Upgrade state 'FPD Upgrade Failed'");
 }
 
 TEST_F(Worker, ReportsRecordsOf24BytesWithZeroedPadding) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     for (const auto &[state, progress] : {std::pair(16U, 0U), std::pair(17U, 50U), std::pair(19U, 100U)}) {
         const RawRecord expected =
             RawRecord(24).put(0, std::uint32_t{0xA670F9D4}).put(8, &worker).put(16, progress).put(20, state);
@@ -230,19 +206,17 @@ TEST_F(Worker, ReportsRecordsOf24BytesWithZeroedPadding) {
 }
 
 TEST_F(Worker, HandsItsRequestToThePlatformByteForByte) {
-    Fpd &fpd = plan("IoFpga");
     card.group_id = 9;
     fpd.obj_id = 0x10203;
     fpd.region = 7;
     std::strcpy(fpd.desc.image, "io_fpga_2.0.0.bit");
     std::size_t room = 0;
-    fake_platform().brd_fpd_upgrade = [&room](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *, char *text,
-                                              std::size_t size) {
+    fake_platform().brd_fpd_upgrade = [&room](auto, auto, auto, char *text, std::size_t size) {
         room = size;
         text[size - 1] = '\0';
         return 0;
     };
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     ASSERT_THAT(fake_platform().upgrade_requests(), SizeIs(1));
     const BrdFpdUpgradeRequest request = fake_platform().upgrade_requests()[0];
     const RawRecord expected = RawRecord(600)
@@ -258,7 +232,6 @@ TEST_F(Worker, HandsItsRequestToThePlatformByteForByte) {
 }
 
 TEST_F(Worker, RunsWithTheReservedSignalsBlocked) {
-    Fpd &fpd = plan("IoFpga");
     std::atomic<bool> blocked{false};
     fake_platform().brd_fpd_upgrade = [&blocked](auto...) {
         sigset_t mask;
@@ -266,149 +239,114 @@ TEST_F(Worker, RunsWithTheReservedSignalsBlocked) {
         blocked = sigismember(&mask, SIGRTMIN + 6) == 1 && sigismember(&mask, SIGRTMIN + 10) == 1;
         return 0;
     };
-    run_to_its_end(fpd);
+    run_to_its_end();
     EXPECT_TRUE(blocked);
 }
 
 TEST_F(Worker, HandsOnAnImageNameOf254Characters) {
-    Fpd &fpd = plan("IoFpga");
     std::memset(fpd.desc.image, 'i', sizeof fpd.desc.image - 1);
-    run_to_its_end(fpd);
+    run_to_its_end();
     ASSERT_THAT(fake_platform().upgrade_requests(), SizeIs(1));
     EXPECT_EQ(fake_platform().upgrade_requests()[0].file_name, std::string(254, 'i'));
 }
 
-TEST_F(Worker, ShowsAnEmptyTextWhenThePlatformGivesNone) {
-    Fpd &fpd = plan("IoFpga");
-    fake_platform().brd_fpd_upgrade = [](auto...) { return 1; };
-    run_to_its_end(fpd);
-    expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail", "FPD IoFpga upgrade failed err_msg ");
-}
-
-TEST_F(Worker, EndsAnErrorTextThatThePlatformDoesNotEnd) {
-    Fpd &fpd = plan("IoFpga");
-    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *, char *text,
-                                         std::size_t size) {
-        std::memset(text, 'e', size);
-        return 1;
-    };
-    run_to_its_end(fpd);
-    expect_log(worker_module, "ERROR", "FpdUpgHdlUpgradeFail",
-               "FPD IoFpga upgrade failed err_msg " + std::string(255, 'e'));
-}
-
 TEST_F(Worker, KeepsItsOwnCopiesOfWhatItNeeds) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+    fake_platform().brd_fpd_upgrade = [gate](auto, auto, BrdFpdUpgradeRequest *request, auto...) {
         gate.pass();
         request->progress(request->context, 10);
         return 0;
     };
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     FpdWorkerCtx &worker = *fpd.worker;
     gate.await_arrival();
     std::strcpy(fpd.info.name, "Another");
     retire_worker(card, fpd, false);
     free_queues(card);
     gate.open();
-    ASSERT_TRUE(eventually([&] { return has_ended(worker); }));
+    await_end(worker);
     expect_log(worker_module, "DEBUG", "FpdUpgradeProgress", "FPD IoFpga upgrade progressing percent 10");
     EXPECT_THAT(reports(&worker), SizeIs(3));
 }
 
 TEST_F(Worker, MindsNoErrorThatThePlatformLibraryLeavesBehind) {
-    Fpd &fpd = plan("IoFpga");
-    fake_platform().brd_fpd_upgrade = [](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, char *,
-                                         std::size_t) {
+    fake_platform().brd_fpd_upgrade = [](auto, auto, BrdFpdUpgradeRequest *request, auto...) {
         errno = EIO;
         request->progress(request->context, 50);
         errno = EIO;
         return 0;
     };
-    run_to_its_end(fpd);
+    run_to_its_end();
     expect_no_log("FpdUpgradeProgressMqSendFail");
     expect_no_log("FpdUpgHdlMqSendFail1");
 }
 
 TEST_F(Worker, ClosesItsQueueEndWhenItIsDone) {
-    Fpd &fpd = plan("IoFpga");
     write_file(diagnostic_log_path, "");
     const std::vector<std::string> before = open_descriptors();
-    run_to_its_end(fpd);
+    run_to_its_end();
     EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(Worker, TellsWhenItsQueueEndCannotBeClosed) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](auto...) {
-        gate.pass();
-        return 0;
-    };
-    ASSERT_EQ(start(fpd), 0);
+    gate.hold_upgrades();
+    ASSERT_EQ(start(), 0);
     gate.await_arrival();
     interpose::fail(Call::mq_close, EIO);
     gate.open();
-    ASSERT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
+    await_end(*fpd.worker);
     expect_log(
         worker_module, "ERROR", "FpdUpgHdlMqCloseFail",
         "Worker thread message queue close failed error Couldn't close FPD msg queue err_msg Input/output error");
     EXPECT_EQ(interpose::calls(Call::mq_close), 1U) << "a descriptor that was closed once may be another's";
 }
 
-TEST_F(Worker, GoesOnWhenItsFirstReportCannotBeSent) {
-    Fpd &fpd = plan("IoFpga");
-    interpose::fail(Call::mq_send, EBADMSG, 1);
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
-    expect_log(worker_module, "ERROR", "FpdUpgHdlMqSendFail",
-               "Sending worker thread FPD IoFpga upgrade state failed error Bad message");
-    EXPECT_THAT(reports(&worker),
-                ElementsAre(Pair(FpdState::upgrade_progressing, 50U), Pair(FpdState::upgrade_done, 100U)));
-}
-
-TEST_F(Worker, GoesOnWhenItsProgressCannotBeSent) {
-    Fpd &fpd = plan("IoFpga");
-    interpose::fail(Call::mq_send, EBADMSG, 2);
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
-    expect_log(worker_module, "ERROR", "FpdUpgradeProgressMqSendFail",
-               "Sending worker thread FPD IoFpga upgrade progress failed error Bad message");
-    EXPECT_THAT(reports(&worker), ElementsAre(Pair(FpdState::upgrade_started, 0U), Pair(FpdState::upgrade_done, 100U)));
-}
-
-TEST_F(Worker, TellsWhenItsLastReportCannotBeSent) {
-    Fpd &fpd = plan("IoFpga");
-    interpose::fail(Call::mq_send, EBADMSG, 3);
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
-    expect_log(worker_module, "ERROR", "FpdUpgHdlMqSendFail1",
-               "Sending worker thread FPD IoFpga upgrade state failed error Bad message");
-    EXPECT_THAT(reports(&worker), SizeIs(2));
+TEST_F(Worker, GoesOnWhenAReportCannotBeSent) {
+    const std::string state_failed = "Sending worker thread FPD IoFpga upgrade state failed error Bad message";
+    const struct {
+        unsigned failing;
+        const char *tag;
+        std::string text;
+        std::vector<std::pair<FpdState, unsigned>> sent;
+    } cases[] = {
+        {1, "FpdUpgHdlMqSendFail", state_failed, {halfway, done}},
+        {2,
+         "FpdUpgradeProgressMqSendFail",
+         "Sending worker thread FPD IoFpga upgrade progress failed error Bad message",
+         {started, done}},
+        {3, "FpdUpgHdlMqSendFail1", state_failed, {started, halfway}},
+    };
+    for (const auto &[failing, tag, text, sent] : cases) {
+        interpose::fail(Call::mq_send, EBADMSG, failing);
+        FpdWorkerCtx &worker = run_to_its_end();
+        expect_log(worker_module, "ERROR", tag, text);
+        EXPECT_EQ(reports(&worker), sent);
+        retire_worker(card, fpd, true);
+    }
 }
 
 TEST_F(Worker, SendsEveryReportWhateverSignalsInterrupt) {
-    Fpd &fpd = plan("IoFpga");
     interpose::fail(Call::mq_send, EINTR, 1, 5);
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     EXPECT_THAT(reports(&worker), SizeIs(3));
 }
 
 TEST_F(Worker, WaitsWhileTheQueueIsFull) {
-    Fpd &fpd = plan("IoFpga");
     for (int i = 0; i < 256; ++i) report(nullptr, FpdState::upgrade_progressing, 1);
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     FpdWorkerCtx &worker = *fpd.worker;
     ASSERT_TRUE(eventually([] { return interpose::calls(Call::mq_send) == 257; }));
     usleep(20'000);
     EXPECT_THAT(fake_platform().calls_of("brd_fpd_upgrade"), IsEmpty());
     for (int i = 0; i < 256; ++i) EXPECT_EQ(receive().worker, nullptr);
-    ASSERT_TRUE(eventually([&] { return has_ended(worker); }));
+    await_end(worker);
     EXPECT_THAT(reports(&worker), SizeIs(3));
 }
 
 TEST_F(Worker, FailsWithoutItsQueueAndLeavesItsContextToItsOwner) {
-    Fpd &fpd = plan("IoFpga");
     interpose::fail(Call::mq_open, EMFILE);
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     expect_log(worker_module, "DEBUG", "FpdUpgHdlrWorkerMq", "Worker MQ id -1");
     expect_log(worker_module, "ERROR", "FpdUpgHdlMqOpenFail",
                "FPD IoFpga Worker thread message queue open failed error Couldn't open FPD msg queue err_msg Too many "
@@ -420,8 +358,7 @@ TEST_F(Worker, FailsWithoutItsQueueAndLeavesItsContextToItsOwner) {
 }
 
 TEST_F(Worker, ReturnsMinus5WithoutItsQueueAnd0WithIt) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = context_of(fpd);
+    FpdWorkerCtx &worker = context();
     ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
     void *result = nullptr;
     for (const std::intptr_t expected : {-5, 0}) {
@@ -443,7 +380,7 @@ struct CancelledWorker : Worker {
 
     /// Expects that the cancelled worker ends, and that nothing of it stays open.
     void expect_end(FpdWorkerCtx &worker) {
-        EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        await_end(worker);
         void *result = nullptr;
         ASSERT_EQ(pthread_join(worker.thread, &result), 0);
         EXPECT_EQ(result, PTHREAD_CANCELED);
@@ -456,14 +393,9 @@ struct CancelledWorker : Worker {
 };
 
 TEST_F(CancelledWorker, LeavesNothingOpenInsideThePlatformLibrary) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](auto...) {
-        gate.shared->arrived.release();
-        for (;;) pause();
-        return 0;
-    };
-    ASSERT_EQ(start(fpd), 0);
+    gate.hang_upgrades();
+    ASSERT_EQ(start(), 0);
     gate.await_arrival();
     ASSERT_NE(open_descriptors(), descriptors);
     ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
@@ -471,23 +403,19 @@ TEST_F(CancelledWorker, LeavesNothingOpenInsideThePlatformLibrary) {
 }
 
 TEST_F(CancelledWorker, LeavesNothingOpenOfTheLowestDescriptorEither) {
-    FpdWorkerCtx &worker = attach_worker(plan("IoFpga"), FpdState::worker_created);
+    FpdWorkerCtx &worker = attach_worker(fpd, FpdState::worker_created);
     ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
     worker.ended = false;
     std::snprintf(worker.mq_name, sizeof worker.mq_name, "%s", card.mq_name);
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](auto...) {
-        gate.shared->arrived.release();
-        for (;;) pause();
-        return 0;
-    };
+    gate.hang_upgrades();
     const Descriptor standard_input(dup(STDIN_FILENO));
     close(STDIN_FILENO);
     ASSERT_EQ(pthread_create(&worker.thread, nullptr, fpd_upg_handler, &worker), 0);
     gate.await_arrival();
     EXPECT_EQ(worker.mq, STDIN_FILENO);
     ASSERT_EQ(pthread_cancel(worker.thread), 0);
-    EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+    await_end(worker);
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
     dup2(standard_input.fd, STDIN_FILENO);
     void *result = nullptr;
@@ -498,52 +426,50 @@ TEST_F(CancelledWorker, LeavesNothingOpenOfTheLowestDescriptorEither) {
 }
 
 TEST_F(CancelledWorker, LeavesNoHalfLineInTheLog) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+    fake_platform().brd_fpd_upgrade = [gate](auto, auto, BrdFpdUpgradeRequest *request, auto...) {
         gate.pass();  // the cancellation comes here, and takes effect in the callback
         request->progress(request->context, 10);
         return 0;
     };
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     gate.await_arrival();
     ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
     gate.open();
     expect_end(*fpd.worker);
     expect_no_log("FpdUpgradeProgress");
     EXPECT_THAT(log_lines(), testing::Not(IsEmpty()));
-    EXPECT_THAT(reports(fpd.worker), ElementsAre(Pair(FpdState::upgrade_started, 0U)));
+    EXPECT_THAT(reports(fpd.worker), ElementsAre(started));
 }
 
 TEST_F(CancelledWorker, LeavesNothingOpenWhereverTheCancellationStrikes) {
     for (int round = 0; round < 20; ++round) {
-        Fpd &fpd = plan("IoFpga" + std::to_string(round));
+        Fpd &each = plan("IoFpga" + std::to_string(round));
         const Gate gate;
-        fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+        fake_platform().brd_fpd_upgrade = [gate](auto, auto, BrdFpdUpgradeRequest *request, auto...) {
             gate.shared->arrived.release();
             for (;;) request->progress(request->context, 10);
             return 0;
         };
-        ASSERT_EQ(start(fpd), 0);
+        ASSERT_EQ(start(each), 0);
         gate.await_arrival();
         for (int i = 0; i < round; ++i) sched_yield();
-        FpdWorkerCtx &worker = *fpd.worker;
-        ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
+        FpdWorkerCtx &worker = *each.worker;
+        ASSERT_EQ(pthread_cancel(each.worker_thread), 0);
         expect_end(worker);
         while (waiting_reports() > 0) receive();
         // Every line is a whole one.
         log_lines();
         clear_log();
         write_file(diagnostic_log_path, "");
-        retire_worker(card, fpd, true);
+        retire_worker(card, each, true);
         free_queues(card);
     }
 }
 
 TEST_F(CancelledWorker, LeavesNothingOpenInAFullQueue) {
-    Fpd &fpd = plan("IoFpga");
     for (int i = 0; i < 256; ++i) report(nullptr, FpdState::upgrade_progressing, 1);
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     ASSERT_TRUE(eventually([] { return interpose::calls(Call::mq_send) == 257; }));
     usleep(5'000);
     ASSERT_EQ(pthread_cancel(fpd.worker_thread), 0);
@@ -552,8 +478,7 @@ TEST_F(CancelledWorker, LeavesNothingOpenInAFullQueue) {
 }
 
 TEST_F(CancelledWorker, LeavesNothingOpenWhenTheCancellationComesFirst) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = context_of(fpd);
+    FpdWorkerCtx &worker = context();
     ASSERT_EQ(pthread_join(worker.thread, nullptr), 0);
     ASSERT_EQ(pthread_create(
                   &worker.thread, nullptr,
@@ -569,8 +494,7 @@ TEST_F(CancelledWorker, LeavesNothingOpenWhenTheCancellationComesFirst) {
 // Release of contexts -------------------------------------------------------------------------------------------------
 
 TEST_F(Worker, IsAStrangerOnceItIsRetired) {
-    Fpd &fpd = plan("IoFpga");
-    FpdWorkerCtx &worker = run_to_its_end(fpd);
+    FpdWorkerCtx &worker = run_to_its_end();
     retire_worker(card, fpd, true);
     EXPECT_EQ(fpd.worker, nullptr);
     EXPECT_EQ(card.retired_workers, &worker);
@@ -584,27 +508,24 @@ TEST_F(Worker, IsAStrangerOnceItIsRetired) {
 /// A worker whose last report arrived, and whose thread is held up by `gate`.
 struct EndingWorker : Worker {
     FpdWorkerCtx &make(const std::string &name) {
-        Fpd &fpd = plan(name);
-        fake_platform().brd_fpd_upgrade = [gate = gate](auto...) {
-            gate.pass();
-            return 0;
-        };
-        EXPECT_EQ(start(fpd), 0);
+        Fpd &ending = plan(name);
+        gate.hold_upgrades();
+        EXPECT_EQ(start(ending), 0);
         gate.await_arrival();
-        FpdWorkerCtx &worker = *fpd.worker;
-        retire_worker(card, fpd, true);
+        FpdWorkerCtx &worker = *ending.worker;
+        retire_worker(card, ending, true);
         return worker;
     }
     void let_end(FpdWorkerCtx &worker) {
         gate.open();
-        EXPECT_TRUE(eventually([&] { return has_ended(worker); }));
+        await_end(worker);
     }
 
     const Gate gate{};
 };
 
 TEST_F(EndingWorker, IsWaitedForWhenItsLastReportArrived) {
-    FpdWorkerCtx &worker = make("IoFpga");
+    FpdWorkerCtx &worker = make("Phy");
     unsigned sleeps = 0;
     interpose::on_sleep([&](std::uint64_t) {
         if (++sleeps == 3) let_end(worker);
@@ -616,7 +537,7 @@ TEST_F(EndingWorker, IsWaitedForWhenItsLastReportArrived) {
 }
 
 TEST_F(EndingWorker, IsWaitedForASecondAtMost) {
-    const std::vector<FpdWorkerCtx *> workers = {&make("IoFpga"), &make("Bios"), &make("Cpu")};
+    const std::vector<FpdWorkerCtx *> workers = {&make("Phy"), &make("Bios"), &make("Cpu")};
     std::uint64_t slept = 0;
     interpose::on_sleep([&](std::uint64_t microseconds) { slept += microseconds; });
     release_retired_workers(card);
@@ -639,13 +560,12 @@ struct EndOfThread {
 };
 
 TEST_F(EndingWorker, IsNotWaitedForForEverBehindItsEnd) {
-    Fpd &fpd = plan("IoFpga");
     fake_platform().brd_fpd_upgrade = [gate = gate](auto...) {
         thread_local EndOfThread end;
         end.at_end = [gate] { gate.pass(); };
         return 0;
     };
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     gate.await_arrival();
     FpdWorkerCtx *const worker = fpd.worker;
     EXPECT_TRUE(has_ended(*worker));
@@ -659,15 +579,14 @@ TEST_F(EndingWorker, IsNotWaitedForForEverBehindItsEnd) {
 }
 
 TEST_F(Worker, KeepsItsContextWhileItHangsInThePlatformLibrary) {
-    Fpd &fpd = plan("IoFpga");
     const Gate gate;
-    fake_platform().brd_fpd_upgrade = [gate](std::uint32_t, std::uint32_t, BrdFpdUpgradeRequest *request, auto...) {
+    fake_platform().brd_fpd_upgrade = [gate](auto, auto, BrdFpdUpgradeRequest *request, auto...) {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         gate.pass();
         request->progress(request->context, 80);
         return 0;
     };
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     FpdWorkerCtx *const worker = fpd.worker;
     gate.await_arrival();
     ASSERT_EQ(pthread_cancel(worker->thread), 0);
@@ -677,14 +596,13 @@ TEST_F(Worker, KeepsItsContextWhileItHangsInThePlatformLibrary) {
     EXPECT_EQ(card.hanging_threads, 1U);
     EXPECT_FALSE(has_ended(*worker));
     gate.open();
-    ASSERT_TRUE(eventually([&] { return has_ended(*worker); }));
+    await_end(*worker);
     EXPECT_STREQ(worker->name, "IoFpga");
     std::free(worker);  // nobody else has it any more
 }
 
 TEST_F(Worker, IsReleasedOnceItsThreadEnded) {
-    Fpd &fpd = plan("IoFpga");
-    run_to_its_end(fpd);
+    run_to_its_end();
     retire_worker(card, fpd, false);
     const unsigned joins = interpose::calls(Call::pthread_tryjoin_np);
     release_retired_workers(card);
@@ -714,12 +632,11 @@ TEST_F(Worker, MayBeAThreadWithoutAHandle) {
 TEST_F(Worker, HasNoDescriptorBeforeItOpensTheQueue) {
     const Gate gate;
     interpose::before_each(Call::mq_open, [gate] { gate.pass(); });
-    Fpd &fpd = plan("IoFpga");
-    ASSERT_EQ(start(fpd), 0);
+    ASSERT_EQ(start(), 0);
     gate.await_arrival();
     EXPECT_EQ(fpd.worker->mq, -1);
     gate.open();
-    EXPECT_TRUE(eventually([&] { return has_ended(*fpd.worker); }));
+    await_end(*fpd.worker);
 }
 
 }  // namespace
