@@ -30,7 +30,7 @@ target_include_directories(cardsim_parts PUBLIC src/command)
 target_include_directories(cardsim_parts SYSTEM PRIVATE ${CURSES_INCLUDE_DIRS})
 target_link_libraries(cardsim_parts
   PUBLIC cardsim_model cardsim_sandbox fpd_log_reader
-  PRIVATE fpd_run_json bootup_fpd_build_flags ${CURSES_LIBRARIES})
+  PRIVATE fpd_run_json bootup_fpd_build_flags bootup_fpd_quick_to_build ${CURSES_LIBRARIES})
 
 add_executable(cardsim_command
   src/command/cardsim_main.cpp
@@ -42,7 +42,8 @@ add_executable(cardsim_command
   src/command/check_libraries_run.cpp
   src/command/check_libraries_upgrade.cpp
   src/command/check_libraries_wrong_calls.cpp)
-target_link_libraries(cardsim_command PRIVATE cardsim_parts bootup_fpd_build_flags CLI11::CLI11)
+target_link_libraries(cardsim_command PRIVATE
+  cardsim_parts bootup_fpd_build_flags bootup_fpd_quick_to_build CLI11::CLI11)
 target_compile_definitions(cardsim_command PRIVATE CARDSIM_VERSION="${PROJECT_VERSION}")
 set_target_properties(cardsim_command PROPERTIES OUTPUT_NAME cardsim)
 # The processes of check-libraries have of the tool what a library may name.

@@ -258,7 +258,7 @@ std::string result_text(const Region &region) {
     return region.outcome == Outcome::upgraded ? text : text + ", 2nd attempt";
 }
 
-/// "+850 ms", "+42 s", "+3 min", "+1 h 30 min".
+/// "+850 ms", "+1.5 s", "+42 s", "+3 min", "+1 h 30 min".
 std::string tick_text(Time time) {
     constexpr Time millisecond = 1'000, second = 1'000'000, minute = 60 * second, hour = 60 * minute;
     if (time == 0) return "0";
@@ -269,6 +269,9 @@ std::string tick_text(Time time) {
     if (time % hour >= minute) text += std::to_string(time % hour / minute) + " min ";
     if (time % minute >= second) text += std::to_string(time % minute / second) + " s ";
     text.pop_back();
+    // Ticks closer than a second are a tenth apart, or more.
+    if (const Time tenth = time % second / (100 * millisecond); tenth > 0)
+        text.insert(text.size() - 2, "." + std::to_string(tenth));
     return text;
 }
 

@@ -222,6 +222,15 @@ TEST(SvgTimeline, AttemptsAreDrawnByHowTheyEndedAndTheSecondOneApart) {
     EXPECT_THAT(svg.find("//svg:g[@class='bar']/svg:rect[@class]/@width"), ElementsAre("140", "273"));
 }
 
+TEST(SvgTimeline, TicksCloserThanASecondHaveTenths) {
+    fpd_log::Run run = sample_run({sample_region("A", fpd_log::Outcome::upgraded, "", "2.0.0")});
+    run.regions[0].queue = 0;
+    run.regions[0].attempts[0].end = sample_begin + 3'200'000;
+    run.end = sample_begin + 3'300'000;
+    const std::string svg = svg_timeline({run});
+    for (const char *tick : {">+500 ms<", ">+1 s<", ">+1.5 s<", ">+3 s<"}) EXPECT_THAT(svg, HasSubstr(tick));
+}
+
 TEST(SvgTimeline, EventsAndTheReloadAreMarked) {
     ToolRun run = sample_run({queued(sample_region("IoFpga", Outcome::upgraded), 0)});
     run.events = {{sample_begin, EventKind::run_start, ""},

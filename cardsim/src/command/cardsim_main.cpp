@@ -64,6 +64,22 @@ void add_power(CLI::App &command, cardsim::Power &power) {
     command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
+CLI::App *add_check_libraries(CLI::App &app, cardsim::LibraryCheck &check) {
+    CLI::App *command =
+        app.add_subcommand("check-libraries", "call every function of closed libraries, on a powered card");
+    command->add_option("LIB", check.libraries, "shared libraries, in the order in which the loader searches them");
+    command->add_option("--upgrade", check.upgrade, "really program the region of this name")->type_name("REGION");
+    command->add_option("--group", check.groups, "what the card's group id may be; repeatable")
+        ->allow_extra_args(false)
+        ->type_name("N");
+    command->add_option("--limit", check.limit, "seconds that one call may take")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    command->add_option("--inside", check.inside)->group("");  // of the processes that this command starts
+    return command;
+}
+
 void show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
     const cardsim::CardState state = cardsim::has_state(place)
@@ -179,7 +195,7 @@ int main(int argc, char **argv) {
     CLI::App *new_command = app.add_subcommand("new", "make the directory of a new card from a template");
     new_command->add_option("DIR", options.new_directory, "absent or empty")->required();
 
-    CLI::App *check_libraries = cardsim::add_check_libraries(app, options.libraries);
+    CLI::App *check_libraries = add_check_libraries(app, options.libraries);
 
     CLI11_PARSE(app, argc, argv);
 

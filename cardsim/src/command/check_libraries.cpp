@@ -364,22 +364,6 @@ int check_all(const LibraryCheck &check) {
 
 }  // namespace
 
-CLI::App *add_check_libraries(CLI::App &app, LibraryCheck &check) {
-    CLI::App *command =
-        app.add_subcommand("check-libraries", "call every function of closed libraries, on a powered card");
-    command->add_option("LIB", check.libraries, "shared libraries, in the order in which the loader searches them");
-    command->add_option("--upgrade", check.upgrade, "really program the region of this name")->type_name("REGION");
-    command->add_option("--group", check.groups, "what the card's group id may be; repeatable")
-        ->allow_extra_args(false)
-        ->type_name("N");
-    command->add_option("--limit", check.limit, "seconds that one call may take")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->type_name("SECONDS")
-        ->capture_default_str();
-    command->add_option("--inside", check.inside)->group("");  // of the processes that this command starts
-    return command;
-}
-
 int check_libraries(const LibraryCheck &asked) {
     if (!asked.inside.empty()) return run_inside(asked);
     LibraryCheck check = asked;

@@ -3,7 +3,6 @@
 #ifndef CARDSIM_CHECK_LIBRARIES_H
 #define CARDSIM_CHECK_LIBRARIES_H
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -21,9 +20,6 @@ struct LibraryCheck {
 inline constexpr int libraries_are_usable = 0;
 inline constexpr int libraries_have_faults = 1;
 inline constexpr int libraries_unreadable = 2;  ///< or the arguments are wrong, or this is no card
-
-/// Adds the subcommand, whose options go to `check`.
-CLI::App *add_check_libraries(CLI::App &app, LibraryCheck &check);
 
 /// Prints the table on standard output, a complaint on standard error. Returns one of the above. Every call is made in
 /// a process of its own or one that goes on only after good calls, so that what kills it is a row of the table.
