@@ -17,10 +17,10 @@ inline constexpr const char *package_path = "/pkg/fpd/ucode";
 /// Has `make` make the call with the function of that name and judge it; nothing without such a function. Returns as
 /// Reporter::call.
 template <class Function, class Make>
-bool call(Reporter &reporter, Begun begun, Make make) {
+bool call(Reporter &reporter, const Begun &begun, Make make) {
     auto *const function = closed_function<Function>(begun.call.c_str());
     if (function == nullptr) return false;
-    return reporter.call(std::move(begun), [&](Records &records) { return make(*function, records); });
+    return reporter.call(begun, [&](Records &records) { return make(*function, records); });
 }
 template <class Function, class Make>
 bool call(Reporter &reporter, const char *name, const std::string &arguments, Make make) {

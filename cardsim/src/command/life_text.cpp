@@ -79,6 +79,7 @@ std::string verdict(const Life &life) {
         if (region.is_due) due.push_back(region.name);
     }
     std::vector<std::string> parts;
+    parts.reserve(order.size());
     for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
     const std::size_t boots = life.boots.size();
     return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
