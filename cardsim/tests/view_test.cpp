@@ -75,8 +75,8 @@ TEST(View, ShowsWhatRunsAndSumsUpWhatIsDone) {
 
 TEST(View, NeverIsLargerThanTheTerminal) {
     const CardMoment moment = card_of({{RegionPhase::running, 100}});
-    for (const std::size_t rows : {0, 1, 2, 5, 24}) {
-        for (const std::size_t columns : {1, 20, 80, 200}) {
+    for (const std::size_t rows : {0U, 1U, 2U, 5U, 24U}) {
+        for (const std::size_t columns : {1U, 20U, 80U, 200U}) {
             const auto lines = view_lines(moment, rows, columns);
             EXPECT_LE(lines.size(), rows);
             for (const ScreenLine &line : lines) EXPECT_LE(columns_in(line.text), columns) << line.text;

@@ -65,7 +65,7 @@ TEST(RealLog, IsTheSameInPiecesOfAnySize) {
     for (const char *const name : {"flaky.log", "golden-locked.log"}) {
         const std::string text = real_log(name);
         const std::string whole = told(runs_of(text));
-        for (std::size_t piece : {1, 2, 3, 7, 64, 101, 1000, 4096})
+        for (const std::size_t piece : {1U, 2U, 3U, 7U, 64U, 101U, 1000U, 4096U})
             EXPECT_EQ(told(runs_of(text, piece)), whole) << name << " in pieces of " << piece;
     }
 }

@@ -597,7 +597,7 @@ TEST(Limits, OfALineAreKeptTo) {
     LogText log = planned();
     log.text += "[2026-11-22 " + std::string(300'000, '[') + "\n" + std::string(10'000, 'y') + "\n";
     log.upgrade("X", 101).end();
-    for (const std::size_t piece : {0, 1000, 65536}) {
+    for (const std::size_t piece : {0U, 1000U, 65536U}) {
         const std::vector<ToolRun> runs = runs_of(log.text, piece);
         ASSERT_THAT(runs, SizeIs(1));
         EXPECT_EQ(runs[0].unknown_lines, 2U);
