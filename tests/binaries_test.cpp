@@ -254,9 +254,9 @@ TEST_F(Binaries, AnotherLibraryHasThemAll) {
 TEST_F(Binaries, ProgramsFindTheirLibrariesAndEachOtherUnderAnyPrefix) {
     const std::string prefix = root_ / "any prefix";
     EXPECT_THAT(install(BUILD_DIRECTORY, prefix),
-                UnorderedElementsAre("bin/cardsim", "lib/libcardsim.so", "sbin/bootup_fpd"));
+                AllOf(Contains("bin/cardsim"), Contains("lib/" CARD_SONAME), Contains("sbin/bootup_fpd")));
     const Result loaded = on_card("LD_TRACE_LOADED_OBJECTS=1 \"" + prefix + "/sbin/bootup_fpd\"");
-    EXPECT_THAT(loaded.out, HasSubstr("libcardsim.so => " + prefix + "/sbin/../lib/libcardsim.so"));
+    EXPECT_THAT(loaded.out, HasSubstr(CARD_SONAME " => " + prefix + "/sbin/../lib/" CARD_SONAME));
     EXPECT_EQ(on_card("command -v bootup_fpd", prefix + "/bin/cardsim").out, prefix + "/sbin/bootup_fpd\n");
     const Result check = on_card("bootup_fpd -b -c check_upgrade", prefix + "/bin/cardsim");
     EXPECT_EQ(check.status, 0) << check.out << check.err;
@@ -278,7 +278,8 @@ TEST_F(Binaries, ABuildForACardRunsOnNamedLibrariesAndWithoutNamesOnThoseThatAre
     configure_for_card({"BOOTUP_FPD_PLATFORM_LIBRARIES=-L" + libraries + ";fake_platform_library",
                         "BOOTUP_FPD_BOARD_TYPES=" + (root_ / "board_types.h").string()});
     const std::string tool = build_for_card();
-    EXPECT_THAT(install(root_ / "build", root_ / "prefix"), ElementsAre("sbin/bootup_fpd"));
+    EXPECT_THAT(install(root_ / "build", root_ / "prefix"),
+                AllOf(Contains("sbin/bootup_fpd"), Each(Not(HasSubstr("cardsim"))), Each(Not(HasSubstr(".so")))));
     EXPECT_THAT(dynamic(tool, "NEEDED"),
                 UnorderedElementsAre("libfake_platform_library.so", "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6"));
     EXPECT_THAT(dynamic(tool, "RUNPATH"), IsEmpty());
