@@ -1,4 +1,4 @@
-"""The disks of the machines: Debian with its kernel and the boot loader, and what makes it a card's machine or a developer's."""
+"""The disks of the machines: Debian with its kernel and the boot loader, and what makes it a card's machine or a user's."""
 
 import hashlib
 import pathlib
@@ -48,7 +48,11 @@ first_partition = 2048  # in sectors of 512 bytes; the boot loader has those bef
 
 
 def run(*command, **options) -> str:
-    return subprocess.run([str(part) for part in command], check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+    """What the command wrote; what it complained of only when it failed."""
+    done = subprocess.run([str(part) for part in command], text=True, capture_output=True, **options)
+    if done.returncode != 0:
+        raise RuntimeError(f"{' '.join(map(str, command))}: status {done.returncode}\n{done.stderr}")
+    return done.stdout
 
 
 def debian_root(cache: pathlib.Path, names: list[str]) -> pathlib.Path:

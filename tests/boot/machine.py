@@ -70,10 +70,11 @@ class Console:
 class Machine:
     """Under power from its construction to the end of the with statement. Drives are QEMU's -drive values.
 
-    Each reset, whoever asks for it, is a new process of QEMU: what the system had not yet written to its disks is lost, and of
-    what it had not flushed a part (QEMU keeps tables of qcow2 files in its memory). A boot in the same process is slower, too."""
+    Each reset, whoever asks for it, is a new process of QEMU. With a power cut what the system had not yet written to its
+    disks is lost, and of what it had not flushed a part, as QEMU keeps tables of qcow2 files in its memory. A second boot in
+    one process is slower, too."""
 
-    def __init__(self, name: str, directory: pathlib.Path, drives: list[str], options: tuple[str, ...] = (), memory=512, cpus=1):
+    def __init__(self, name: str, directory: pathlib.Path, drives: list[str], options=(), memory=512, cpus=1):
         self._command = [
             "setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-name", name, "-accel", "tcg,thread=multi", "-cpu", "max",
             "-smp", str(cpus), "-m", str(memory), "-nodefaults", "-no-user-config", "-display", "none", "-serial", "stdio",
@@ -114,12 +115,13 @@ class Machine:
             if not self._on:
                 return False
             control, monitor = socket.socketpair()
-            command = [*self._command, "-chardev", f"socket,id=qmp,fd={monitor.fileno()}", "-mon", "chardev=qmp,mode=control"]
+            command = self._command + ["-chardev", f"socket,id=qmp,fd={monitor.fileno()}", "-mon", "chardev=qmp,mode=control"]
             if self._snapshot:
                 command += ["-loadvm", self._snapshot]
             self._process = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, pass_fds=[monitor.fileno()]
-            )
+                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                pass_fds=[monitor.fileno()],
+            )  # fmt: skip
             monitor.close()
             self._control = control.makefile("rwb", buffering=0)
             control.close()
