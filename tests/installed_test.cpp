@@ -43,7 +43,7 @@ std::set<std::string> matches(const std::string &text, const std::string &patter
 std::set<std::string> items(const std::string &text, const std::string &macro) {
     std::set<std::string> found;
     for (const std::string &line : lines_of(text)) {
-        if (line.starts_with(".It ")) found.merge(matches(line, " " + macro + " ([-a-z0-9_]+)"));
+        if (line.starts_with(".It ")) found.merge(matches(line, " " + macro + "([-a-z0-9_]+)"));
     }
     return found;
 }
@@ -160,7 +160,7 @@ TEST_F(Installed, TheToolsManualHasEveryCommandAndMode) {
     std::set<std::string> words = matches(usage, "-c ([a-z_]+):");
     words.merge(matches(usage, "'([a-z-]+)'"));
     EXPECT_EQ(words.size(), 7 + 4);
-    const std::set<std::string> documented = items(manual("bootup_fpd.8"), "Cm");
+    const std::set<std::string> documented = items(manual("bootup_fpd.8"), "Cm ");
     EXPECT_EQ(documented, words);
 }
 
@@ -168,15 +168,15 @@ TEST_F(Installed, CardsimsManualHasEveryCommandAndOption) {
     std::set<std::string> options = {"help", "version"};
     for (const std::string &command : cardsim_commands()) options.merge(cardsim_options(command));
     EXPECT_THAT(options, IsSupersetOf({"speed", "state"}));
-    EXPECT_EQ(items(manual("cardsim.1"), "Fl -?"), options);
-    EXPECT_EQ(items(manual("cardsim.1"), "Cm"), cardsim_commands());
+    EXPECT_EQ(items(manual("cardsim.1"), "Fl -"), options);
+    EXPECT_EQ(items(manual("cardsim.1"), "Cm "), cardsim_commands());
 }
 
 TEST_F(Installed, TheManualOfADescriptionHasEveryKey) {
     std::set<std::string> keys =
         matches(read_file(SOURCE_DIRECTORY "/fuzz/corpus/card_description/every_key"), "(?:^|\n)([a-z_0-9]+) =");
     EXPECT_GT(keys.size(), 40);
-    EXPECT_EQ(items(manual("card.toml.5"), "Ic"), keys);
+    EXPECT_EQ(items(manual("card.toml.5"), "Ic "), keys);
 }
 
 // ---- completions
