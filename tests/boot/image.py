@@ -128,6 +128,8 @@ def add_system(root: pathlib.Path, cache: pathlib.Path, name: str):
         (units / unit).symlink_to("/dev/null")
     (units / "default.target").symlink_to(f"{name}.target")
     (root / "etc/fstab").write_text("")
+    (root / "etc/hostname").write_text(f"{name}\n")
+    (root / "etc/hosts").write_text(f"127.0.0.1 localhost {name}\n")
     # Otherwise each boot were a first one, with all that systemd makes then.
     (root / "etc/machine-id").write_text(f"{uuid.uuid4().hex}\n")
     for directory in ("etc", "var"):
