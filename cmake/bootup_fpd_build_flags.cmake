@@ -44,6 +44,10 @@ endif()
 # To optimize the tests takes longer than it saves when they run.
 target_compile_options(bootup_fpd_build_flags INTERFACE $<$<NOT:${tested}>:-O0>)
 
+# What waits for people or for the card all the time: to optimize it takes longer than it saves.
+add_library(bootup_fpd_quick_to_build INTERFACE)
+target_compile_options(bootup_fpd_quick_to_build INTERFACE $<$<CONFIG:Release>:-Og>)
+
 # For each program in which threads are cancelled.
 set(sanitizer_options ${CMAKE_CURRENT_LIST_DIR}/sanitizer_options.cpp)
 function(bootup_fpd_sanitizer_options target)

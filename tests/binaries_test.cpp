@@ -253,8 +253,8 @@ TEST_F(Binaries, AnotherLibraryHasThemAll) {
 
 TEST_F(Binaries, ProgramsFindTheirLibrariesAndEachOtherUnderAnyPrefix) {
     const std::string prefix = root_ / "any prefix";
-    EXPECT_THAT(install(BUILD_DIRECTORY, prefix),
-                AllOf(Contains("bin/cardsim"), Contains("lib/" CARD_SONAME), Contains("sbin/bootup_fpd")));
+    EXPECT_THAT(install(BUILD_DIRECTORY, prefix), AllOf(Contains("bin/cardsim"), Contains("bin/fpd-report"),
+                                                        Contains("lib/" CARD_SONAME), Contains("sbin/bootup_fpd")));
     const Result loaded = on_card("LD_TRACE_LOADED_OBJECTS=1 \"" + prefix + "/sbin/bootup_fpd\"");
     EXPECT_THAT(loaded.out, HasSubstr(CARD_SONAME " => " + prefix + "/sbin/../lib/" CARD_SONAME));
     EXPECT_EQ(on_card("command -v bootup_fpd", prefix + "/bin/cardsim").out, prefix + "/sbin/bootup_fpd\n");

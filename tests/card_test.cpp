@@ -90,8 +90,8 @@ Result CardTest::shell(const std::string &command, unsigned speed) {
 }
 
 Result CardTest::boot(unsigned speed, const std::vector<std::string> &more) {
-    std::vector<std::string> command = {"boot",    card_.string(), "--speed", std::to_string(speed),
-                                        "--state", state_.string()};
+    std::vector<std::string> command = {"boot",    card_.string(),  "--speed",   std::to_string(speed),
+                                        "--state", state_.string(), "--no-table"};
     command.insert(command.end(), more.begin(), more.end());
     return run(command);
 }

@@ -67,9 +67,10 @@ class CardTest : public testing::Test {
     const std::filesystem::path card_ = root_ / "card.toml";
     const std::filesystem::path state_ = root_ / "state";
 
-  private:
+    /// Runs `cardsim`.
     Result run(const std::vector<std::string> &arguments);
 
+  private:
     std::vector<Result> results_;
 };
 

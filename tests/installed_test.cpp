@@ -172,6 +172,16 @@ TEST_F(Installed, CardsimsManualHasEveryCommandAndOption) {
     EXPECT_EQ(items(manual("cardsim.1"), "Cm "), cardsim_commands());
 }
 
+TEST_F(Installed, TheReportsManualAndCompletionHaveEveryOption) {
+    const std::string help = output({FPD_REPORT, "--help"});
+    std::set<std::string> options = matches(help, "\n  (?:-[a-z],)?--([a-z-]+)");
+    EXPECT_THAT(options, IsSupersetOf({"json", "output", "fleet", "help", "version"}));
+    EXPECT_EQ(items(manual("fpd-report.1"), "Fl -"), options);
+    std::set<std::string> offered;
+    for (const std::string &option : completions("fpd-report", "fpd-report --")) offered.insert(option.substr(2));
+    EXPECT_EQ(offered, options);
+}
+
 TEST_F(Installed, TheManualOfADescriptionHasEveryKey) {
     std::set<std::string> keys =
         matches(read_file(SOURCE_DIRECTORY "/fuzz/corpus/card_description/every_key"), "(?:^|\n)([a-z_0-9]+) =");

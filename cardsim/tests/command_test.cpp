@@ -144,7 +144,7 @@ TEST_F(CommandTest, BootsACardThatIsUpAtOnce) {
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, StartsWith("boot 1: power on: echo starting\nstarting\nboot 1: the start-up command ended "
                                        "with status 0 after "));
-    EXPECT_THAT(result.out, EndsWith("boot 1: the card is up\n"));
+    EXPECT_THAT(result.out, HasSubstr("boot 1: the card is up\n"));
     EXPECT_THAT(result.err, IsEmpty());
 }
 
@@ -178,7 +178,7 @@ TEST_F(CommandTest, AStartUpCommandThatFailsFailsTheBoot) {
     const Result result = boot();
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, HasSubstr("boot 1: the start-up command ended with status 9 after "));
-    EXPECT_THAT(result.out, Not(HasSubstr("is up")));
+    EXPECT_THAT(result.out, Not(HasSubstr("the card is up")));
 }
 
 TEST_F(CommandTest, ReloadsAsOftenAsTheResetScriptAsksForIt) {
@@ -190,7 +190,7 @@ TEST_F(CommandTest, ReloadsAsOftenAsTheResetScriptAsksForIt) {
     EXPECT_EQ(read_file(state_ / "scratch/boots"), "x\nx\nx\n");
     EXPECT_THAT(result.out, HasSubstr("boot 1: reload requested: /usr/local/etc/reset_board.sh '-a' '-r' 'Auto FPD "
                                       "Upgrade activation' '-b' '36'\nboot 2: reload: "));
-    EXPECT_THAT(result.out, EndsWith("boot 3: the card is up\n"));
+    EXPECT_THAT(result.out, HasSubstr("boot 3: the card is up\n"));
 }
 
 TEST_F(CommandTest, TheFirstPowerOnRunsWhatIsDescribedALaterOneWhatIsProgrammed) {
@@ -257,7 +257,7 @@ TEST_F(CommandTest, AnUnpunchedWatchdogReloadsTheCard) {
     EXPECT_EQ(read_file(state_ / "scripts.log"), "watchdog expired\n");
     EXPECT_THAT(result.err, HasSubstr("boot 1: the watchdog was not punched in time"));
     EXPECT_THAT(result.out,
-                AllOf(HasSubstr("boot 1: the card was powered off after "), EndsWith("boot 2: the card is up\n")));
+                AllOf(HasSubstr("boot 1: the card was powered off after "), HasSubstr("boot 2: the card is up\n")));
 }
 
 TEST_F(CommandTest, WatchdogReloadsAreBootsThatCount) {
@@ -423,11 +423,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Surprise{"state", "state.toml", a_link}, Surprise{"state_fifo", "state.toml", a_fifo},
                     Surprise{"new_state", ".state.toml.new", a_link}, Surprise{"calls", "calls.log", a_link},
                     Surprise{"scripts", "scripts.log", a_link}, Surprise{"scripts_fifo", "scripts.log", a_fifo},
-                    Surprise{"aborts", "abort.log", another_name}, Surprise{"keys", "kd_bootstrap", a_link},
-                    Surprise{"new_keys", ".kd_bootstrap.new", a_link}, Surprise{"power", "power", a_link},
-                    Surprise{"power_fifo", "power", a_fifo}, Surprise{"power_name", "power", another_name},
-                    Surprise{"reset", "reset_request", a_link}, Surprise{"punches", "watchdog_punches", a_link},
-                    Surprise{"log", "log", a_link_to_a_directory}, Surprise{"flash", "flash", a_link_to_a_directory},
+                    Surprise{"aborts", "abort.log", another_name}, Surprise{"faults", "faults.log", a_link},
+                    Surprise{"keys", "kd_bootstrap", a_link}, Surprise{"new_keys", ".kd_bootstrap.new", a_link},
+                    Surprise{"power", "power", a_link}, Surprise{"power_fifo", "power", a_fifo},
+                    Surprise{"power_name", "power", another_name}, Surprise{"reset", "reset_request", a_link},
+                    Surprise{"punches", "watchdog_punches", a_link}, Surprise{"log", "log", a_link_to_a_directory},
+                    Surprise{"flash", "flash", a_link_to_a_directory},
                     Surprise{"scratch", "scratch", a_link_to_a_directory},
                     Surprise{"packages", "pkg", a_link_to_a_directory}, Surprise{"etc", "etc", a_link_to_a_directory},
                     Surprise{"bin", "bin", a_link_to_a_directory}, Surprise{"image", "pkg/io.img", a_link},
@@ -743,8 +744,8 @@ TEST_F(CommandTest, ShowsTheDescribedValuesBeforeTheFirstPowerOn) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out,
               "SIM-T in slot 2, boot 1, auto-upgrade enabled, upgrade mode mfg\n\n"
-              "REGION  RUNNING  PROGRAMMED  PACKAGED  UPGRADE  DEPENDS ON\n"
-              "IoFpga  1.0.0    1.1.0       -         no\n\n"
+              "REGION  RUNNING  PROGRAMMED  PACKAGED  DEPENDS ON\n"
+              "IoFpga  1.0.0    1.1.0       -\n\n"
               "LED Status: steady amber\n");
     EXPECT_THAT(names_in(card_), ElementsAre("card.toml"));
 }
@@ -753,7 +754,7 @@ TEST_F(CommandTest, NewMakesACardThatBoots) {
     const fs::path made = root_ / "made";
     ASSERT_EQ(run({"new", made.string()}).status, 0);
     EXPECT_THAT(names_in(made), ElementsAre("card.toml", "images"));
-    EXPECT_THAT(run({"show", made.string()}).out, HasSubstr("IoFpga   1.2.0    1.2.0       1.3.0     yes"));
+    EXPECT_THAT(run({"show", made.string()}).out, HasSubstr("IoFpga   1.2.0    1.2.0       1.3.0\n"));
     EXPECT_EQ(run({"exec", made.string(), "--", "ls", "/pkg/fpd/ucode"}).out, "bootrom-4.1.0.img\niofpga-1.3.0.img\n");
     EXPECT_EQ(read_file(made / "images/iofpga-1.3.0.img"), read_file(made / "state/pkg/iofpga-1.3.0.img"));
 }
@@ -797,7 +798,7 @@ TEST_F(CommandTest, EveryStoryCardCanBeShownAndTellsItsStory) {
         EXPECT_THAT(read_file(card / "card.toml"), StartsWith("# ")) << story;
     }
     EXPECT_THAT(names_in(CARDSIM_CARDS), testing::IsSupersetOf({"current", "fresh", "golden-locked", "flaky", "hanging",
-                                                                "reload-loop", "many"}));
+                                                                "reload-loop", "many", "four-reasons"}));
 }
 
 }  // namespace

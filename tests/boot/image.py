@@ -11,8 +11,8 @@ here = pathlib.Path(__file__).resolve().parent
 source = here.parent.parent
 
 packages = ["systemd", "systemd-sysv", "kmod", "e2fsprogs"]
-# Of the card's machine; the libraries are what the installed programs are linked to.
-card_packages = ["grub2-common", "libstdc++6", "libssl3", "libtomlplusplus3"]
+# Of the card's machine, with what the packages of the tool depend on.
+card_packages = ["grub2-common"]
 # Of a developer's, with those that script/setup names.
 user_packages = ["sudo", "procps"]
 
@@ -179,8 +179,10 @@ def write_disk(root: pathlib.Path, disk: pathlib.Path, megabytes: int):
 
 def make_card_machine(disk: pathlib.Path, cache: pathlib.Path, tool: list[pathlib.Path]):
     """The disk of the card's machine, with the packages of the tool installed. As root, to whom belongs what is on it."""
+    depends = ", ".join(run("dpkg-deb", "--field", package, "Depends").strip() for package in tool)
+    needed = sorted({name.split()[0] for name in depends.split(", ") if not name.startswith("bootup-fpd")})
     with tempfile.TemporaryDirectory(dir=cache) as tree:
-        root = unpacked_root(pathlib.Path(tree), cache, packages + card_packages)
+        root = unpacked_root(pathlib.Path(tree), cache, packages + card_packages + needed)
         add_system(root, cache, "card")
         run("dpkg", f"--root={root}", "--install", *tool)
         add_card(root)

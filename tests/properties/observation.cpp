@@ -27,9 +27,9 @@ std::vector<std::string> command_of(const Card &card, unsigned speed, const fs::
     std::vector<std::string> command = {
         CARDSIM_COMMAND, card.lives ? "boot" : "exec", (place / "card.toml").string(), "--speed", std::to_string(speed),
         "--state",       (place / "state").string()};
-    const std::vector<std::string> rest = card.lives
-                                              ? std::vector<std::string>{"--max-boots", std::to_string(max_boots)}
-                                              : std::vector<std::string>{"--", "sh", "-c", startup};
+    const std::vector<std::string> rest =
+        card.lives ? std::vector<std::string>{"--max-boots", std::to_string(max_boots), "--no-table"}
+                   : std::vector<std::string>{"--", "sh", "-c", startup};
     command.insert(command.end(), rest.begin(), rest.end());
     return command;
 }

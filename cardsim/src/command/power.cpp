@@ -13,8 +13,12 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
+#include <utility>
 
+#include "life.h"
+#include "live_view.h"
 #include "printable.h"
 #include "sandbox.h"
 #include "scripts.h"
@@ -183,6 +187,11 @@ class Watchdog {
         }
         return Clock::now() - last_ > *limit_;
     }
+    /// Since the last punch that was seen; absent: there is no watchdog.
+    std::optional<Clock::duration> age() const {
+        if (!limit_) return std::nullopt;
+        return Clock::now() - last_;
+    }
 
   private:
     const StateDirectory &state_;
@@ -194,6 +203,7 @@ class Watchdog {
 struct BootEnd {
     enum class Why { CommandEnded, PoweredOff, WatchdogExpired, Interrupted } why;
     int status = 0;  ///< of a start-up command that ended
+    Clock::duration duration = {};
 };
 
 /// Lets the command go on for `grace`, then powers the card off.
@@ -206,9 +216,11 @@ BootEnd end_with_grace(Sandbox &card, BootEnd::Why otherwise) {
     return {otherwise};
 }
 
-BootEnd watch_boot(Sandbox &card, const CardDescription &description, const StateDirectory &state, uint32_t speed) {
+BootEnd watch_boot(Sandbox &card, const CardDescription &description, const StateDirectory &state, uint32_t speed,
+                   LiveView *view) {
     Watchdog watchdog(description, state, speed);
     while (true) {
+        if (view != nullptr) view->look(watchdog.age());
         if (const std::optional<int> status = card.wait_for(look_period)) return {BootEnd::Why::CommandEnded, *status};
         if (caught_signal != 0) {
             forward_caught_signal(card);
@@ -237,11 +249,17 @@ uint32_t reload_card(const CardPlace &place, const StateDirectory &directory) {
     return state.boot;
 }
 
-/// The number of the boot that comes now. A card that has not booted since it was made starts as it is described.
-uint32_t begin_first_boot(const CardPlace &place, const StateDirectory &state, const CardInUse &use) {
+struct BootBegin {
+    uint32_t number;
+    const char *why;  ///< see BootLife
+};
+
+/// The boot that comes now. A card that has not booted since it was made starts as it is described.
+BootBegin begin_first_boot(const CardPlace &place, const StateDirectory &state, const CardInUse &use) {
     const uint32_t boot = load_state(state, place.description).boot;
     const bool booted = use.last_boot() == boot || state.has(reset_request);
-    return booted ? reload_card(place, state) : boot;
+    if (booted) return {reload_card(place, state), "power cycle"};
+    return {boot, "power on"};
 }
 
 bool ended_by_signal(int status) {
@@ -258,9 +276,9 @@ void complain(uint32_t boot, const std::string &text) {
     std::fprintf(stderr, "cardsim: boot %u: %s\n", boot, printable(text).c_str());
 }
 
-void tell_command_end(uint32_t boot, const BootEnd &end, Clock::duration duration) {
+void tell_command_end(uint32_t boot, const BootEnd &end) {
     char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.1f s", std::chrono::duration<double>(duration).count());
+    std::snprintf(seconds, sizeof seconds, "%.1f s", std::chrono::duration<double>(end.duration).count());
     if (end.why == BootEnd::Why::CommandEnded) {
         tell(boot, "the start-up command ended with status " + std::to_string(end.status) + " after " + seconds);
     } else {
@@ -269,42 +287,57 @@ void tell_command_end(uint32_t boot, const BootEnd &end, Clock::duration duratio
 }
 
 /// Runs the start-up command to its end, whatever that is.
-BootEnd boot_once(const CardPlace &place, const StateDirectory &state, const Power &power, uint32_t boot) {
+BootEnd boot_once(const CardPlace &place, const StateDirectory &state, const Power &power, uint32_t boot,
+                  LiveView *view) {
     forget_last_boot(state);
     const Clock::time_point begun = Clock::now();
     Sandbox card = power_up(place, state, power, [&] {
         read_nothing();
         return run_on_card(place, power, {"/bin/sh", "-c", place.description.startup});
     });
-    const BootEnd end = watch_boot(card, place.description, state, power.speed);
-    tell_command_end(boot, end, Clock::now() - begun);
+    BootEnd end = watch_boot(card, place.description, state, power.speed, view);
+    end.duration = Clock::now() - begun;
+    tell_command_end(boot, end);
     return end;
 }
 
-/// What follows from the end of a boot: an exit status, or nothing when the card reloads.
-std::optional<int> judge(const StateDirectory &state, uint32_t boot, const BootEnd &end, std::uintmax_t aborts_before) {
-    if (end.why == BootEnd::Why::Interrupted) return 128 + caught_signal;
-    if (state.size(abort_log) != aborts_before) {
-        complain(boot, "aborted: " + state.line(abort_log, aborts_before));
-        return boot_aborted;
+/// What follows from the end of a boot.
+struct Verdict {
+    std::optional<int> status;  ///< of `boot`; absent: the card reloads
+    std::string why;            ///< one line
+};
+
+Verdict judge_command(int status) {
+    if (ended_by_signal(status)) {
+        return {boot_aborted, "the start-up command was killed by signal " + std::to_string(status - 128) + " (" +
+                                  strsignal(status - 128) + ")"};
     }
-    if (end.why == BootEnd::Why::WatchdogExpired) {
-        state.append(scripts_log, "watchdog expired\n");
-        complain(boot, "the watchdog was not punched in time");
-        return std::nullopt;
+    if (status != 0) {
+        return {boot_command_failed, "the start-up command ended with status " + std::to_string(status)};
     }
-    if (state.has(reset_request)) {
-        tell(boot, "reload requested: " + state.line(reset_request, 0));
-        return std::nullopt;
+    return {boot_is_up, "the card is up"};
+}
+
+Verdict judge(const StateDirectory &state, const BootEnd &end, std::uintmax_t aborts_before) {
+    if (end.why == BootEnd::Why::Interrupted) {
+        return {128 + caught_signal, "interrupted by signal " + std::to_string(caught_signal)};
     }
-    if (ended_by_signal(end.status)) {
-        complain(boot, "the start-up command was killed by signal " + std::to_string(end.status - 128) + " (" +
-                           strsignal(end.status - 128) + ")");
-        return boot_aborted;
+    if (state.size(abort_log) != aborts_before)
+        return {boot_aborted, "aborted: " + state.line(abort_log, aborts_before)};
+    if (end.why == BootEnd::Why::WatchdogExpired) return {std::nullopt, "the watchdog was not punched in time"};
+    if (state.has(reset_request)) return {std::nullopt, "reload requested: " + state.line(reset_request, 0)};
+    return judge_command(end.status);
+}
+
+/// Says on standard output what went well, on standard error what did not; a failed command has been told of.
+void tell_verdict(uint32_t boot, const BootEnd &end, const Verdict &verdict) {
+    const bool is_wrong = verdict.status == boot_aborted || end.why == BootEnd::Why::WatchdogExpired;
+    if (end.why == BootEnd::Why::Interrupted || verdict.status == boot_command_failed) return;
+    if (is_wrong) {
+        complain(boot, verdict.why);
+    } else {
+        tell(boot, verdict.why);
     }
-    if (end.status != 0) return boot_command_failed;
-    tell(boot, "the card is up");
-    return boot_is_up;
 }
 
 /// Whoever had the terminal before the command gets it back: a shell leaves it to a process group that is gone.
@@ -325,24 +358,64 @@ class TerminalKept {
 
 }  // namespace
 
-int boot_card(const CardPlace &place, const Power &power, uint32_t max_boots) {
+Life boot_card(const CardPlace &place, const Power &power, uint32_t max_boots) {
     catch_ending_signals();
     make_missing_state(place, power.speed);
     const StateDirectory state(place.state);
     const CardInUse use(state, CardInUse::For::Boot);
     bring_up_to_date(place, state, power.speed);
-    uint32_t boot = begin_first_boot(place, state, use);
+    LifeRecord life(place, state);
+    BootBegin boot = begin_first_boot(place, state, use);
+    std::unique_ptr<TerminalScreen> screen = power.live ? TerminalScreen::open() : nullptr;
+    std::optional<LiveView> view;
+    if (screen) view.emplace(place.description, state, power.speed, std::move(screen));
     for (uint32_t count = 1;; ++count) {
-        use.set_last_boot(boot);
-        tell(boot, (count == 1 ? "power on: " : "reload: ") + place.description.startup);
+        use.set_last_boot(boot.number);
+        tell(boot.number, (count == 1 ? "power on: " : "reload: ") + place.description.startup);
+        life.begin_boot(boot.number, boot.why);
+        if (view) view->begin_boot(boot.number, boot.why);
         const std::uintmax_t aborts_before = state.size(abort_log);
-        const BootEnd end = boot_once(place, state, power, boot);
-        if (const std::optional<int> status = judge(state, boot, end, aborts_before)) return *status;
+        const BootEnd end = boot_once(place, state, power, boot.number, view ? &*view : nullptr);
+        const Verdict verdict = judge(state, end, aborts_before);
+        if (!verdict.status && end.why == BootEnd::Why::WatchdogExpired)
+            state.append(scripts_log, "watchdog expired\n");
+        tell_verdict(boot.number, end, verdict);
+        life.end_boot(verdict.why, std::chrono::duration<double>(end.duration).count() * power.speed);
+        if (verdict.status) return life.finish(*verdict.status);
         if (count == max_boots) break;
-        boot = reload_card(place, state);
+        boot = {reload_card(place, state),
+                end.why == BootEnd::Why::WatchdogExpired ? "watchdog expired" : "reload requested"};
     }
     std::fprintf(stderr, "cardsim: gave up: the card did not come up in %u boots\n", max_boots);
-    return boot_limit_reached;
+    return life.finish(boot_limit_reached);
+}
+
+namespace {
+
+/// Waits for the end of the command, and hands on the signals that are meant for it.
+int wait_for_command(Sandbox &card) {
+    while (true) {
+        if (const std::optional<int> status = card.wait_for(milliseconds(100))) return *status;
+        forward_caught_signal(card);
+    }
+}
+
+}  // namespace
+
+int run_at_boot(const CardPlace &place, const Power &power, const std::vector<std::string> &command, int output) {
+    catch_ending_signals();
+    make_missing_state(place, power.speed);
+    const StateDirectory state(place.state);
+    const CardInUse use(state, CardInUse::For::Boot);
+    bring_up_to_date(place, state, power.speed);
+    use.set_last_boot(begin_first_boot(place, state, use).number);
+    forget_last_boot(state);
+    Sandbox card = power_up(place, state, power, [&] {
+        read_nothing();
+        if (dup2(output, STDOUT_FILENO) < 0) return 126;
+        return run_on_card(place, power, command);
+    });
+    return wait_for_command(card);
 }
 
 int exec_on_card(const CardPlace &place, const Power &power, const std::vector<std::string> &command) {
@@ -353,10 +426,7 @@ int exec_on_card(const CardPlace &place, const Power &power, const std::vector<s
     bring_up_to_date(place, state, power.speed);
     const TerminalKept terminal;
     Sandbox card = power_up(place, state, power, [&] { return run_on_card(place, power, command); });
-    while (true) {
-        if (const std::optional<int> status = card.wait_for(milliseconds(100))) return *status;
-        forward_caught_signal(card);
-    }
+    return wait_for_command(card);
 }
 
 void power_on_machine(const CardPlace &place, uint32_t speed) {
@@ -364,7 +434,7 @@ void power_on_machine(const CardPlace &place, uint32_t speed) {
     const StateDirectory state(place.state);
     const CardInUse use(state, CardInUse::For::Boot);
     bring_up_to_date(place, state, speed);
-    const uint32_t boot = begin_first_boot(place, state, use);
+    const uint32_t boot = begin_first_boot(place, state, use).number;
     forget_last_boot(state);
     use.set_last_boot(boot);
     sync();  // the number above all: without it the next power-on would not reload the card

@@ -203,7 +203,23 @@ const CallFault *fault_of(const Call &call) {
     const auto &faults = call.card.description.faults;
     const auto found =
         std::find_if(faults.begin(), faults.end(), [&](const CallFault &fault) { return matches(fault, call, nth); });
-    return found == faults.end() ? nullptr : &*found;
+    if (found == faults.end()) return nullptr;
+    record_fault(call, call_fault_name(static_cast<size_t>(found - faults.begin())));
+    return &*found;
+}
+
+void record_fault(const Call &call, const std::string &fault) {
+    const std::string line = formatted("boot %u: ", call.card.boot) + fault + "\n";
+    {
+        const std::lock_guard guard(call.card.lock);
+        if (!call.card.faults_told.insert(line).second) return;
+    }
+    try {
+        if (append_line(open_for_append(call.card.state_directory, faults_log).get(), line)) return;
+    } catch (const std::exception &reason) {
+        abort_call(call.function, reason.what());
+    }
+    abort_call(call.function, "the record of a fault cannot be written");
 }
 
 CardState state_of(const Call &call) {

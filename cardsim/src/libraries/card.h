@@ -41,6 +41,7 @@ struct Card {
     std::optional<std::thread::id> caller;
     std::map<std::string, uint32_t, std::less<>> calls;  ///< how often each function was called
     std::set<std::pair<uint32_t, uint8_t>> upgrading;    ///< object id and index of the regions being programmed
+    std::set<std::string> faults_told;                   ///< lines that this process added to faults.log
     std::set<std::string> texts;                         ///< what was handed out for the life of the process
     bool identity_registered = false;
     bool hardware_started = false;
@@ -93,6 +94,9 @@ void require_zero(const Call &call, const char *field, const void *bytes, size_t
 
 /// Counts this call of the function. The described fault that it ends with; null: the call goes its way.
 const CallFault *fault_of(const Call &call);
+
+/// Records that a described fault was reached: call_fault_name or region_fault_name.
+void record_fault(const Call &call, const std::string &fault);
 
 /// The state as it is now; aborts the process when that is broken.
 CardState state_of(const Call &call);

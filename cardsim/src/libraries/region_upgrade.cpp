@@ -44,7 +44,8 @@ class RegionClaim {
 struct AttemptPlan {
     double seconds = 0;                  ///< to 100 percent, before the card's speed
     const RegionFault *stops = nullptr;  ///< a Fail or a Hang
-    bool sticks = true;
+    const RegionFault *slows = nullptr;  ///< what made `seconds`
+    const RegionFault *does_not_stick = nullptr;
 };
 
 AttemptPlan plan_attempt(const RegionDescription &region, uint32_t attempt) {
@@ -56,13 +57,21 @@ AttemptPlan plan_attempt(const RegionDescription &region, uint32_t attempt) {
         }
         if (fault.kind == RegionFaultKind::Slow) {
             plan.seconds = fault.every * region.reports;
+            plan.slows = &fault;
         } else if (fault.kind == RegionFaultKind::DoesNotStick) {
-            plan.sticks = false;
+            plan.does_not_stick = &fault;
         } else if (plan.stops == nullptr) {
             plan.stops = &fault;
         }
     }
     return plan;
+}
+
+/// Nothing is recorded for a null fault.
+void reached(const Call &call, const RegionUpgrade &upgrade, const RegionFault *fault) {
+    if (fault == nullptr) return;
+    const auto place = static_cast<size_t>(fault - upgrade.region.faults.data());
+    record_fault(call, region_fault_name(upgrade.fpd, upgrade.request.region, place));
 }
 
 uint32_t count_attempt(const Call &call, const RegionUpgrade &upgrade) {
@@ -164,10 +173,12 @@ void upgrade_region(const Call &call, const RegionUpgrade &upgrade) {
     const auto file = std::filesystem::path(upgrade.request.directory) / upgrade.request.file_name;
     read_pieces(open_to_read(file), file, [](std::string_view) {});
     const Progress progress{call, upgrade.request, plan.seconds / call.card.speed};
+    reached(call, upgrade, plan.slows);
     const int end = plan.stops == nullptr ? 100 : plan.stops->at;
     if (end >= 0) {
         advance_reporting(progress, upgrade.region.reports, end);
     }
+    reached(call, upgrade, plan.stops);
     if (plan.stops != nullptr && plan.stops->kind == RegionFaultKind::Fail) {
         throw Error(plan.stops->text, plan.stops->code);
     }
@@ -177,7 +188,8 @@ void upgrade_region(const Call &call, const RegionUpgrade &upgrade) {
     if (plan.stops != nullptr) {
         hang_and_wake(*plan.stops, call, claim, progress);
     }
-    program(call, upgrade, plan.sticks);
+    reached(call, upgrade, plan.does_not_stick);
+    program(call, upgrade, plan.does_not_stick == nullptr);
 }
 
 }  // namespace cardsim

@@ -150,6 +150,15 @@ void sync_directory(const StateDirectory &directory) {
 
 }  // namespace
 
+std::string call_fault_name(std::size_t fault) {
+    return "[[fault]] " + std::to_string(fault + 1);
+}
+
+std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault) {
+    return "FPD " + std::to_string(fpd) + " region " + std::to_string(index) + " [[fpd.region.fault]] " +
+           std::to_string(fault + 1);
+}
+
 CardState initial_state(const CardDescription &card) {
     CardState state;
     state.auto_upgrade = card.auto_upgrade;
@@ -165,14 +174,17 @@ CardState initial_state(const CardDescription &card) {
     return state;
 }
 
-CardState load_state(const StateDirectory &directory, const CardDescription &card) {
+CardState load_saved_state(const StateDirectory &directory) {
     // Sixteen times the size of a description has room for the state of all that it can describe.
     constexpr size_t most = size_t{16} << 20;
+    return read_state(parse_toml(directory.open(state_file, O_RDONLY), directory.path() / state_file, most));
+}
+
+CardState load_state(const StateDirectory &directory, const CardDescription &card) {
     if (!directory.has(state_file)) {
         return initial_state(card);
     }
-    const toml::table table = parse_toml(directory.open(state_file, O_RDONLY), directory.path() / state_file, most);
-    return fitted_to(card, read_state(table));
+    return fitted_to(card, load_saved_state(directory));
 }
 
 void save_state(const StateDirectory &directory, const CardState &state) {

@@ -41,6 +41,12 @@ inline constexpr const char *state_file = "state.toml";
 inline constexpr const char *calls_log = "calls.log";
 inline constexpr const char *abort_log = "abort.log";
 inline constexpr const char *package_directory = "pkg";
+/// One line "boot N: FAULT" for each described fault that was reached, at least once a process: FAULT as below.
+inline constexpr const char *faults_log = "faults.log";
+
+/// What names a described fault, by its place in its list of the description, from 0.
+std::string call_fault_name(std::size_t fault);
+std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault);
 
 /// The card as described, on its first boot.
 CardState initial_state(const CardDescription &card);
@@ -49,6 +55,9 @@ CardState initial_state(const CardDescription &card);
 /// LED that the file does not know starts as described, one that the card no longer has is dropped. Throws Error:
 /// "FILE:LINE: reason".
 CardState load_state(const StateDirectory &directory, const CardDescription &card);
+
+/// Reads the state of a card whose description is not at hand, as it was saved. Throws Error, also when there is none.
+CardState load_saved_state(const StateDirectory &directory);
 
 /// Writes the state file whole or not at all, under a StateLock. Not a cancellation point. Throws Error; the earlier
 /// file is untouched then.

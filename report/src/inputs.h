@@ -1,0 +1,34 @@
+/// Which files the command line names, and to which card and log each belongs.
+#ifndef FPD_REPORT_INPUTS_H
+#define FPD_REPORT_INPUTS_H
+
+#include <string>
+#include <vector>
+
+namespace fpd_report {
+
+/// One log: a file, or a rotated set in the order of its lines.
+struct Log {
+    std::string name;
+    std::vector<std::string> files;
+};
+
+struct Card {
+    std::string name;  // an entry of the directory; for a log that was named itself, the log's name
+    std::vector<Log> logs;
+};
+
+struct Inputs {
+    std::vector<Card> cards;
+    bool has_directory = false;
+    std::vector<std::string> errors;  // "PATH: reason"
+};
+
+/// "-" is standard input. Files of a rotated set that are all named belong together. In a directory each subdirectory
+/// is a card, with the files named *.log below it, rotated ones included, and each file is one. Hidden entries, and
+/// what is neither a file nor a directory, are passed over.
+Inputs find_inputs(const std::vector<std::string> &arguments);
+
+}  // namespace fpd_report
+
+#endif
