@@ -201,6 +201,20 @@ TEST_F(CommandTest, TheFirstPowerOnRunsWhatIsDescribedALaterOneWhatIsProgrammed)
     EXPECT_THAT(show(), HasSubstr("IoFpga  1.1.0    1.1.0"));
 }
 
+TEST_F(CommandTest, APowerOnWithoutASandboxIsABootOfItsOwnButRunsNothing) {
+    describe("touch /misc/scratch/ran");
+    const Result first = run({"power-on", card_.string()});
+    EXPECT_EQ(first.status, 0) << first.err;
+    EXPECT_EQ(first.out, "boot 1: power on\n");
+    EXPECT_EQ(names_in(state_), whole_state);
+    EXPECT_THAT(show(), HasSubstr("IoFpga  1.0.0    1.1.0"));
+    write_file(state_ / "reset_request", "/usr/local/etc/reset_board.sh\n");
+    EXPECT_EQ(run({"power-on", card_.string()}).out, "boot 2: power on\n");
+    EXPECT_THAT(show(), HasSubstr("IoFpga  1.1.0    1.1.0"));
+    EXPECT_EQ(names_in(state_), whole_state);
+    EXPECT_THAT(boot().out, StartsWith("boot 3: power on"));
+}
+
 TEST_F(CommandTest, GivesUpAfterTheAllowedBoots) {
     describe("echo x >>/misc/scratch/boots; /usr/local/etc/reset_board.sh");
     const Result result = boot({"--max-boots", "3"});

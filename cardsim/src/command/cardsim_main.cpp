@@ -50,10 +50,14 @@ void add_card(CLI::App &command, Options &options) {
         ->type_name("DIR");
 }
 
-void add_power(CLI::App &command, cardsim::Power &power) {
+void add_speed(CLI::App &command, cardsim::Power &power) {
     command.add_option("--speed", power.speed, "divides the times of the card and of the upgrade tool")
         ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
         ->type_name("N");
+}
+
+void add_power(CLI::App &command, cardsim::Power &power) {
+    add_speed(command, power);
     command
         .add_option("--env", power.environment,
                     "sets a variable on the card, or hands on that of the caller; repeatable")
@@ -189,6 +193,10 @@ int main(int argc, char **argv) {
     add_power(*exec, options.power);
     exec->add_option("COMMAND", options.command, "the command and its arguments")->required();
 
+    CLI::App *power_on = app.add_subcommand("power-on", "power on a card that this machine plays without a sandbox");
+    add_card(*power_on, options);
+    add_speed(*power_on, options.power);
+
     CLI::App *show_command = app.add_subcommand("show", "show the card's regions, their versions and its LEDs");
     add_card(*show_command, options);
 
@@ -206,6 +214,9 @@ int main(int argc, char **argv) {
         if (exec->parsed()) {
             const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
             return cardsim::exec_on_card(place, options.power, options.command);
+        }
+        if (power_on->parsed()) {
+            cardsim::power_on_machine(cardsim::find_card(options.card, options.state), options.power.speed);
         }
         if (show_command->parsed()) show(options);
         if (check_libraries->parsed()) return cardsim::check_libraries(options.libraries);

@@ -429,4 +429,16 @@ int exec_on_card(const CardPlace &place, const Power &power, const std::vector<s
     return wait_for_command(card);
 }
 
+void power_on_machine(const CardPlace &place, uint32_t speed) {
+    make_state(place, speed);
+    const StateDirectory state(place.state);
+    const CardInUse use(state, CardInUse::For::Boot);
+    bring_up_to_date(place, state, speed);
+    const uint32_t boot = begin_first_boot(place, state, use).number;
+    forget_last_boot(state);
+    use.set_last_boot(boot);
+    sync();  // the number above all: without it the next power-on would not reload the card
+    tell(boot, "power on");
+}
+
 }  // namespace cardsim

@@ -41,6 +41,11 @@ int run_at_boot(const CardPlace &place, const Power &power, const std::vector<st
 /// boot_card.
 int exec_on_card(const CardPlace &place, const Power &power, const std::vector<std::string> &command);
 
+/// Powers on a card that this machine plays with its whole system, without a sandbox: what `boot_card` does before the
+/// start-up command. A card that was powered on before is reloaded. When this returns, the state outlasts a power cut.
+/// Tells on stdout the number of the boot. Throws as find_card and make_state.
+void power_on_machine(const CardPlace &place, uint32_t speed);
+
 }  // namespace cardsim
 
 #endif
