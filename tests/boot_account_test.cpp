@@ -50,6 +50,10 @@ class BootAccount : public CardTest {
     }
     json account_json(unsigned speed = 60) { return json::parse(account({"--json"}, speed).out); }
     json plan_json() { return json::parse(run({"plan", card_.string(), "--state", state_.string(), "--json"}).out); }
+    json rehearsed_json() {
+        return json::parse(
+            run({"plan", card_.string(), "--state", state_.string(), "--speed", "200", "--rehearse", "--json"}).out);
+    }
     Result plan_of_next_boot() { return run({"plan", card_.string(), "--state", state_.string()}); }
 
     static json region(const json &document, const std::string &name) {
@@ -86,6 +90,7 @@ constexpr Told four_reasons[] = {
 TEST_F(BootAccount, PlanTableAndDocumentGiveTheSameFourReasons) {
     take_card("four-reasons");
     const json plan = plan_json();
+    const json rehearsed = rehearsed_json();
     const Result result = account({"--strict", "--json"});
     EXPECT_EQ(result.status, 5);
     const json document = json::parse(result.out);
@@ -104,6 +109,11 @@ TEST_F(BootAccount, PlanTableAndDocumentGiveTheSameFourReasons) {
         EXPECT_THAT(result.err, HasSubstr(": " + reason + "\n"));
         if (told.outcome == std::string("refused")) {
             EXPECT_EQ(BootAccount::region(plan, told.name).at("reason"), reason);
+        }
+        if (told.due) {  // but for the times, which are measured
+            EXPECT_EQ(BootAccount::region(rehearsed, told.name).at("outcome"), told.outcome);
+            EXPECT_THAT(BootAccount::region(rehearsed, told.name).at("reason").get<std::string>(),
+                        testing::StartsWith(told.reason));
         }
     }
     EXPECT_THAT(result.err, HasSubstr("; not current: FabricFpga, PortFpga, BootRom, PowerCpld\n"));

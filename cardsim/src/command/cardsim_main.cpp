@@ -38,6 +38,7 @@ struct Options {
     bool json = false;
     bool no_table = false;
     bool plain = false;
+    bool rehearse = false;
     std::filesystem::path compared[2];
     std::vector<std::string> command;
     cardsim::LibraryCheck libraries;
@@ -126,7 +127,7 @@ int boot(const Options &options) {
 
 int plan(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
-    const cardsim::Plan plan = cardsim::plan_boot(place, options.power);
+    const cardsim::Plan plan = cardsim::plan_boot(place, options.power, options.rehearse);
     const std::string text =
         options.json ? cardsim::plan_json(plan) : cardsim::plan_text(plan, cardsim::columns_of(STDOUT_FILENO));
     std::fputs(text.c_str(), stdout);
@@ -182,6 +183,7 @@ int main(int argc, char **argv) {
     add_card(*plan_command, options);
     add_power(*plan_command, options.power);
     plan_command->add_flag("--json", options.json, "the plan as a document");
+    plan_command->add_flag("--rehearse", options.rehearse, "boot a copy, and tell what went wrong there");
 
     CLI::App *compare_command =
         app.add_subcommand("compare", "what differs between two cards' states after their runs");

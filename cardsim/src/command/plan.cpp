@@ -223,9 +223,20 @@ std::vector<fpd_log::Run> runs_of(const StateDirectory &state) {
     return state.has(diagnostic_log) ? runs_in_log(state, 0) : std::vector<fpd_log::Run>();
 }
 
+/// What became of the planned regions when the copy was booted, as the log tells from `log_begin` on.
+void take_rehearsal(Plan &plan, const StateDirectory &state, std::uintmax_t log_begin) {
+    const std::vector<fpd_log::Run> runs = runs_in_log(state, log_begin);
+    for (RegionPlan &region : plan.regions) {
+        const fpd_log::Region *const seen = region_in(runs, tools_name(region.name));
+        if (region.place == 0 || seen == nullptr || seen->outcome == Outcome::upgraded) continue;
+        region.outcome = seen->outcome;
+        region.reason = seen->reason;
+    }
+}
+
 std::string told(const RegionPlan &region) {
     std::string text = region.reason;
-    if (region.place == 0) text = fpd_log::outcome_text(region.outcome) + (": " + text);
+    if (region.outcome != Outcome::planned) text = fpd_log::outcome_text(region.outcome) + (": " + text);
     if (region.now.programmed != region.now.running) {
         text += "; " + version_text(region.now.programmed) + " is programmed and not running";
     }
@@ -240,7 +251,7 @@ TableRow row_of(const RegionPlan &region) {
 
 }  // namespace
 
-Plan plan_boot(const CardPlace &place, const Power &power) {
+Plan plan_boot(const CardPlace &place, const Power &power, bool rehearse) {
     const CopyOfState copy;
     CardPlace copied = place;
     copied.state = copy.state();
@@ -257,6 +268,11 @@ Plan plan_boot(const CardPlace &place, const Power &power) {
     plan.regions = region_plans(load_state(state, place.description), runs, listed);
     tell_dependencies(plan.regions, place.description, listed);
     plan.notes = notes_on(plan, place.description, text, state, runs);
+    if (rehearse) {
+        const std::uintmax_t log_begin = log_size(state);
+        run_at_boot(copied, power, {"bootup_fpd", "-c", "upgrade"}, output.get());
+        take_rehearsal(plan, state, log_begin);
+    }
     return plan;
 }
 

@@ -32,9 +32,10 @@ struct Plan {
     std::vector<RegionPlan> regions;  ///< in the order of the description
 };
 
-/// The plan of the next boot. The card's own state stays as it is, to the byte, and need not be there. Throws as
-/// boot_card; Error while the card is booting.
-Plan plan_boot(const CardPlace &place, const Power &power);
+/// The plan of the next boot. The card's own state stays as it is, to the byte, and need not be there. With `rehearse`
+/// the copy is booted as well, and a region has the outcome and the reason that it had there. Throws as boot_card;
+/// Error while the card is booting.
+Plan plan_boot(const CardPlace &place, const Power &power, bool rehearse);
 
 /// Planned regions in the order of the plan, then the others in that of the description.
 std::vector<const RegionPlan *> in_order(const Plan &plan);
