@@ -162,7 +162,7 @@ class Commands(unittest.TestCase):
             blocks = list(blocks_of(page))
             self.assertEqual(len(blocks), (SOURCES / page).read_text().count("```console"), page)
             self.assertGreater(len(blocks), 2, page)
-            with concurrent.futures.ThreadPoolExecutor(8) as pool:
+            with concurrent.futures.ThreadPoolExecutor(4) as pool:
                 found = [difference for each in pool.map(differences, blocks) for difference in each]
             self.assertEqual(found, [], "\n\n" + "\n\n".join(found))
 
