@@ -188,7 +188,7 @@ void take_transition(const AboutRegion &about) {
             end_attempt(notes, region, about.record.time, AttemptEnd::failed);
         if (notes.decided) return;
         if (std::optional<Verdict> verdict = verdict_of_state(to, about.open.phase >= Phase::upgrading, region))
-            decide(notes, region, std::move(*verdict));
+            decide(notes, region, *verdict);
     }
 }
 
@@ -430,7 +430,7 @@ void take_about_region(OpenRun &open, std::size_t index, const Record &record, c
     const bool tells = take_region_message({open, record, captures, region, notes}, message.meaning);
     std::optional<Verdict> verdict = verdict_of(message.meaning, captures, region);
     const bool decides = verdict.has_value();
-    if (verdict) decide(notes, region, std::move(*verdict));
+    if (verdict) decide(notes, region, *verdict);
     if (tells || decides || record.level == Level::error) keep_line(open, region, record);
 }
 

@@ -106,10 +106,10 @@ void info_of_unknown_fpd(Reporter &reporter, const Card &card) {
 }
 
 /// The region after the last.
-void info_beyond(Reporter &reporter, const Card &card, Begun begun, std::size_t room) {
+void info_beyond(Reporter &reporter, const Card &card, const Begun &begun, std::size_t room) {
     const FpdObject *const fpd = first_fpd(card);
     if (fpd == nullptr) return;
-    call<decltype(brd_fpd_info_get)>(reporter, std::move(begun), [&](auto &get, Records &records) {
+    call<decltype(brd_fpd_info_get)>(reporter, begun, [&](auto &get, Records &records) {
         auto *const info = records.make<BrdFpdInfo>("info");
         char *const reason = records.make<char>("err_msg", room);
         const auto beyond = static_cast<uint8_t>(fpd->regions.size());
@@ -163,8 +163,8 @@ void capabilities_of_unknown_fpd(Reporter &reporter, const Card &card) {
         });
 }
 
-void description_of(Reporter &reporter, const Card &card, Begun begun, uint32_t magic, std::size_t room) {
-    call<decltype(check_and_get_upgrade_image)>(reporter, std::move(begun), [&](auto &get, Records &records) {
+void description_of(Reporter &reporter, const Card &card, const Begun &begun, uint32_t magic, std::size_t room) {
+    call<decltype(check_and_get_upgrade_image)>(reporter, begun, [&](auto &get, Records &records) {
         auto *const request = records.make<FpdDescRequest>("request");
         auto *const result = records.make<FpdDesc>("result");
         char *const reason = records.make<char>("err_msg", room);
@@ -187,9 +187,10 @@ void description_without_marks(Reporter &reporter, const Card &card) {
     description_of(reporter, card, manners("check_and_get_upgrade_image", "wrong magic"), ~FPD_DESC_MAGIC, reason_size);
 }
 
-void wrong_sum(Reporter &reporter, const std::string &image, Begun begun, std::size_t room, const char *what_then) {
+void wrong_sum(Reporter &reporter, const std::string &image, const Begun &begun, std::size_t room,
+               const char *what_then) {
     if (image.empty()) return;
-    call<decltype(brd_intf_fpd_image_md5_validate)>(reporter, std::move(begun), [&](auto &validate, Records &records) {
+    call<decltype(brd_intf_fpd_image_md5_validate)>(reporter, begun, [&](auto &validate, Records &records) {
         char *const reason = records.make<char>("err_msg", room);
         return refusal(validate(package_path, image.c_str(), another_sum, reason, room), Verdict::fault, what_then);
     });
