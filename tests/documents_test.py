@@ -85,7 +85,7 @@ class Pages(unittest.TestCase):
 
     def test_scripts_exist(self):
         named = {(page.name, name) for page in PAGES
-                 for name in re.findall(r"(?<![\w/])script/(\w+(?:\.\w+)?)", page.read_text())}
+                 for name in re.findall(r"(?<![\w/])script/([\w-]+(?:\.\w+)?)", page.read_text())}
         self.assertGreater(len(named), 10)
         self.assertEqual([name for name in sorted(named) if not (SOURCES / "script" / name[1]).exists()], [])
 
