@@ -45,7 +45,7 @@ class PortingPage(unittest.TestCase):
 
 class CheckLibraries(unittest.TestCase):
     def test_looks_for_each_closed_function(self):
-        table = "cardsim/src/command/check_libraries_card.h"
+        table = "cardsim/src/model/closed_functions.h"
         self.assertEqual(sorted(found(table, r'^    "(\w+)",$')), declared())
 
 

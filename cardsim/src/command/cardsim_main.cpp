@@ -42,7 +42,16 @@ struct Options {
     std::filesystem::path compared[2];
     std::vector<std::string> command;
     cardsim::LibraryCheck libraries;
+    int (*run)(const Options &) = nullptr;  ///< the chosen command: its exit status
 };
+
+/// A command that is what `run` does when it is chosen.
+CLI::App &add_command(CLI::App &app, Options &options, const char *name, const char *description,
+                      int (*run)(const Options &)) {
+    CLI::App *command = app.add_subcommand(name, description);
+    command->callback([&options, run] { options.run = run; });
+    return *command;
+}
 
 void add_card(CLI::App &command, Options &options) {
     command.add_option("CARD", options.card, "directory with a card.toml, or a .toml file")->required();
@@ -69,28 +78,13 @@ void add_power(CLI::App &command, cardsim::Power &power) {
     command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
-CLI::App *add_check_libraries(CLI::App &app, cardsim::LibraryCheck &check) {
-    CLI::App *command =
-        app.add_subcommand("check-libraries", "call every function of closed libraries, on a powered card");
-    command->add_option("LIB", check.libraries, "shared libraries, in the order in which the loader searches them");
-    command->add_option("--upgrade", check.upgrade, "really program the region of this name")->type_name("REGION");
-    command->add_option("--group", check.groups, "what the card's group id may be; repeatable")
-        ->allow_extra_args(false)
-        ->type_name("N");
-    command->add_option("--limit", check.limit, "seconds that one call may take")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->type_name("SECONDS")
-        ->capture_default_str();
-    command->add_option("--inside", check.inside)->group("");  // of the processes that this command starts
-    return command;
-}
-
-void show(const Options &options) {
+int show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
     const cardsim::CardState state = cardsim::has_state(place)
                                          ? cardsim::load_state(cardsim::StateDirectory(place.state), place.description)
                                          : cardsim::initial_state(place.description);
     std::fputs(cardsim::card_table(place.description, state, cardsim::columns_of(STDOUT_FILENO)).c_str(), stdout);
+    return 0;
 }
 
 /// Keeps standard output for a document: what else is written there meanwhile, by the card as well, goes to standard
@@ -156,6 +150,88 @@ int compare(const Options &options) {
     }
 }
 
+int exec(const Options &options) {
+    return cardsim::exec_on_card(cardsim::find_card(options.card, options.state), options.power, options.command);
+}
+
+int power_on(const Options &options) {
+    cardsim::power_on_machine(cardsim::find_card(options.card, options.state), options.power.speed);
+    return 0;
+}
+
+int make_card(const Options &options) {
+    cardsim::make_card(options.new_directory);
+    return 0;
+}
+
+int check_libraries(const Options &options) {
+    return cardsim::check_libraries(options.libraries);
+}
+
+void add_boot(CLI::App &app, Options &options) {
+    CLI::App &command =
+        add_command(app, options, "boot", "power the card on, reload it as often as it asks for it", boot);
+    add_card(command, options);
+    add_power(command, options.power);
+    command.add_option("--max-boots", options.max_boots, "give up after so many boots")
+        ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
+        ->type_name("N")
+        ->capture_default_str();
+    command.add_flag("--strict", options.strict,
+                     "end with status 5 when the card is up and does not run all that is packaged for it");
+    command.add_flag("--json", options.json,
+                     "the account of the boots as a document on standard output, the rest on error");
+    command.add_flag("--plain", options.plain, "lines instead of the live view, on a terminal as well");
+    command.add_flag("--no-table", options.no_table, "no account of the boots for people at the end");
+}
+
+void add_plan(CLI::App &app, Options &options) {
+    CLI::App &command =
+        add_command(app, options, "plan", "what the next boot would upgrade, in which order, and why not", plan);
+    add_card(command, options);
+    add_power(command, options.power);
+    command.add_flag("--json", options.json, "the plan as a document");
+    command.add_flag("--rehearse", options.rehearse, "boot a copy, and tell what went wrong there");
+}
+
+void add_compare(CLI::App &app, Options &options) {
+    CLI::App &command =
+        add_command(app, options, "compare", "what differs between two cards' states after their runs", compare);
+    command.add_option("A", options.compared[0], "a state directory")->required();
+    command.add_option("B", options.compared[1], "another one")->required();
+}
+
+void add_exec(CLI::App &app, Options &options) {
+    CLI::App &command =
+        add_command(app, options, "exec", "run a command on the card: cardsim exec CARD -- COMMAND...", exec);
+    add_card(command, options);
+    add_power(command, options.power);
+    command.add_option("COMMAND", options.command, "the command and its arguments")->required();
+}
+
+void add_power_on(CLI::App &app, Options &options) {
+    CLI::App &command =
+        add_command(app, options, "power-on", "power on a card that this machine plays without a sandbox", power_on);
+    add_card(command, options);
+    add_speed(command, options.power);
+}
+
+void add_check_libraries(CLI::App &app, Options &options) {
+    CLI::App &command = add_command(app, options, "check-libraries",
+                                    "call every function of closed libraries, on a powered card", check_libraries);
+    cardsim::LibraryCheck &check = options.libraries;
+    command.add_option("LIB", check.libraries, "shared libraries, in the order in which the loader searches them");
+    command.add_option("--upgrade", check.upgrade, "really program the region of this name")->type_name("REGION");
+    command.add_option("--group", check.groups, "what the card's group id may be; repeatable")
+        ->allow_extra_args(false)
+        ->type_name("N");
+    command.add_option("--limit", check.limit, "seconds that one call may take")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    command.add_option("--inside", check.inside)->group("");  // of the processes that this command starts
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -163,67 +239,19 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", "cardsim " CARDSIM_VERSION);
     Options options;
-
-    CLI::App *boot = app.add_subcommand("boot", "power the card on, reload it as often as it asks for it");
-    add_card(*boot, options);
-    add_power(*boot, options.power);
-    boot->add_option("--max-boots", options.max_boots, "give up after so many boots")
-        ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
-        ->type_name("N")
-        ->capture_default_str();
-    boot->add_flag("--strict", options.strict,
-                   "end with status 5 when the card is up and does not run all that is packaged for it");
-    boot->add_flag("--json", options.json,
-                   "the account of the boots as a document on standard output, the rest on error");
-    boot->add_flag("--plain", options.plain, "lines instead of the live view, on a terminal as well");
-    boot->add_flag("--no-table", options.no_table, "no account of the boots for people at the end");
-
-    CLI::App *plan_command =
-        app.add_subcommand("plan", "what the next boot would upgrade, in which order, and why not");
-    add_card(*plan_command, options);
-    add_power(*plan_command, options.power);
-    plan_command->add_flag("--json", options.json, "the plan as a document");
-    plan_command->add_flag("--rehearse", options.rehearse, "boot a copy, and tell what went wrong there");
-
-    CLI::App *compare_command =
-        app.add_subcommand("compare", "what differs between two cards' states after their runs");
-    compare_command->add_option("A", options.compared[0], "a state directory")->required();
-    compare_command->add_option("B", options.compared[1], "another one")->required();
-
-    CLI::App *exec = app.add_subcommand("exec", "run a command on the card: cardsim exec CARD -- COMMAND...");
-    add_card(*exec, options);
-    add_power(*exec, options.power);
-    exec->add_option("COMMAND", options.command, "the command and its arguments")->required();
-
-    CLI::App *power_on = app.add_subcommand("power-on", "power on a card that this machine plays without a sandbox");
-    add_card(*power_on, options);
-    add_speed(*power_on, options.power);
-
-    CLI::App *show_command = app.add_subcommand("show", "show the card's regions, their versions and its LEDs");
-    add_card(*show_command, options);
-
-    CLI::App *new_command = app.add_subcommand("new", "make the directory of a new card from a template");
-    new_command->add_option("DIR", options.new_directory, "absent or empty")->required();
-
-    CLI::App *check_libraries = add_check_libraries(app, options.libraries);
-
+    add_boot(app, options);
+    add_plan(app, options);
+    add_compare(app, options);
+    add_exec(app, options);
+    add_power_on(app, options);
+    add_card(add_command(app, options, "show", "show the card's regions, their versions and its LEDs", show), options);
+    add_command(app, options, "new", "make the directory of a new card from a template", make_card)
+        .add_option("DIR", options.new_directory, "absent or empty")
+        ->required();
+    add_check_libraries(app, options);
     CLI11_PARSE(app, argc, argv);
-
     try {
-        if (boot->parsed()) return ::boot(options);
-        if (plan_command->parsed()) return plan(options);
-        if (compare_command->parsed()) return compare(options);
-        if (exec->parsed()) {
-            const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
-            return cardsim::exec_on_card(place, options.power, options.command);
-        }
-        if (power_on->parsed()) {
-            cardsim::power_on_machine(cardsim::find_card(options.card, options.state), options.power.speed);
-        }
-        if (show_command->parsed()) show(options);
-        if (check_libraries->parsed()) return cardsim::check_libraries(options.libraries);
-        if (new_command->parsed()) cardsim::make_card(options.new_directory);
-        return 0;
+        return options.run(options);
     } catch (const std::exception &reason) {
         return complain(reason);
     }

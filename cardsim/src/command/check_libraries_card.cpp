@@ -7,6 +7,7 @@
 #include <map>
 #include <string_view>
 
+#include "card_description.h"
 #include "error.h"
 #include BOOTUP_FPD_BOARD_TYPES
 
@@ -70,9 +71,8 @@ FruHwData read_identity() {
     return data;
 }
 
-uint32_t requested_type(uint32_t mode) {
-    constexpr std::array<uint32_t, 4> types = {0, 1, 3, 4};
-    return mode < types.size() ? types.at(mode) : 0;
+uint32_t asked_type(const Card &card) {
+    return requested_type(static_cast<int>(card.mode)).value_or(0);
 }
 
 void prepare(FpdDesc &description) {
@@ -92,7 +92,7 @@ FpdDescRequest description_request(const Card &card, const Region &region) {
     request.info_flag = info.info_flag;
     request.magic = FPD_DESC_MAGIC;
     request.version = FPD_DESC_VERSION;
-    request.upgrade_type = requested_type(card.mode);
+    request.upgrade_type = asked_type(card);
     return request;
 }
 

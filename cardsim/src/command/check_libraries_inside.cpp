@@ -10,6 +10,8 @@
 #include <memory>
 #include <sstream>
 
+#include "closed_functions.h"
+
 /// What the tool exports, for a library that names it.
 extern "C" {
 __attribute__((visibility("default"))) uint32_t bootup_fpd_time_div = 1;

@@ -331,7 +331,7 @@ Outcome judge_description(const Card &card, const FpdDesc &result) {
 
 bool describe(Reporter &reporter, const Card &card, const Region &region, FpdDesc &description) {
     bool is_described = false;
-    const std::string arguments = region.name + ", type " + std::to_string(requested_type(card.mode));
+    const std::string arguments = region.name + ", type " + std::to_string(asked_type(card));
     call<decltype(check_and_get_upgrade_image)>(reporter, "check_and_get_upgrade_image", arguments,
                                                 [&](auto &get, Records &records) {
                                                     auto *const request = records.make<FpdDescRequest>("request");

@@ -64,14 +64,12 @@ std::string reason_with_versions(const RegionFate &fate, const RegionLife &regio
 }
 
 bool wants_upgrade(const RegionDescription &region, const CardState &state, const FirmwareVersion &running) {
-    const std::optional<uint32_t> type = requested_type(state.upgrade_mode);
-    const ImageDescription *image = type ? find_image(region, *type) : nullptr;
+    const ImageDescription *image = image_for_mode(region, state.upgrade_mode);
     return image != nullptr && image->need_upgrade.value_or(true) && running != firmware_version(image->version);
 }
 
 std::string packaged_version(const RegionDescription &region, const CardState &state) {
-    const std::optional<uint32_t> type = requested_type(state.upgrade_mode);
-    const ImageDescription *image = type ? find_image(region, *type) : nullptr;
+    const ImageDescription *image = image_for_mode(region, state.upgrade_mode);
     return image == nullptr ? std::string() : version_text(image->version);
 }
 
@@ -194,13 +192,6 @@ void RegionFate::go_on(const fpd_log::Region &region, uint32_t boot_number) {
 std::string tools_name(const std::string &name) {
     constexpr std::size_t most = 63;
     return name.substr(0, most);
-}
-
-std::optional<uint32_t> requested_type(int mode) {
-    // A manufacturing card with a locked Golden image asks for the unlocking type (2) before.
-    constexpr uint32_t types[] = {0, 1, 3, 4};
-    if (mode < 0 || static_cast<std::size_t>(mode) >= std::size(types)) return std::nullopt;
-    return types[mode];
 }
 
 std::vector<fpd_log::Run> runs_in_log(const StateDirectory &state, std::uintmax_t begin) {

@@ -102,9 +102,6 @@ struct RegionFate {
 /// A region's name as the tool knows it and logs it.
 std::string tools_name(const std::string &name);
 
-/// The upgrade type that a stored mode asks the packages for in the end; absent: there is no such mode.
-std::optional<uint32_t> requested_type(int mode);
-
 /// Regions that are due at the end.
 bool is_anything_due(const Life &life);
 

@@ -25,26 +25,6 @@ using fpd_log::Outcome;
 constexpr const char *usual_startup = "bootup_fpd -c upgrade";
 constexpr const char *marker_file = "scratch/bootup_fpd_marker.txt";
 
-/// A directory that goes with its owner.
-class CopyOfState {
-  public:
-    CopyOfState() {
-        std::string name = (fs::temp_directory_path() / "cardsim-plan-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) throw system_error(name, errno);
-        path_ = fs::canonical(name);
-    }
-    CopyOfState(const CopyOfState &) = delete;
-    CopyOfState &operator=(const CopyOfState &) = delete;
-    ~CopyOfState() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    fs::path state() const { return path_ / "state"; }
-
-  private:
-    fs::path path_;
-};
-
 /// Keeps its time, by which the card knows whether an image is older than the one beside the description.
 void copy_file(const StateDirectory &from, const fs::path &name, const fs::path &to) {
     const Descriptor source = from.open(name, O_RDONLY);
@@ -80,6 +60,34 @@ void copy_state(const fs::path &state, const fs::path &to) {
     for (const char *name : {package_directory, "scratch"}) {
         if (from.has(name)) copy_directory(from, name, to);
     }
+}
+
+/// A directory that goes with its owner.
+class CopyOfState {
+  public:
+    CopyOfState() {
+        std::string name = (fs::temp_directory_path() / "cardsim-plan-XXXXXX").string();
+        if (mkdtemp(name.data()) == nullptr) throw system_error(name, errno);
+        path_ = fs::canonical(name);
+    }
+    CopyOfState(const CopyOfState &) = delete;
+    CopyOfState &operator=(const CopyOfState &) = delete;
+    ~CopyOfState() {
+        std::error_code ignored;
+        fs::remove_all(path_, ignored);
+    }
+    fs::path state() const { return path_ / "state"; }
+
+  private:
+    fs::path path_;
+};
+
+/// The card with its state in `copy`, as it is now; without one it is made at the power-on.
+CardPlace copied_card(const CardPlace &place, const CopyOfState &copy) {
+    CardPlace copied = place;
+    copied.state = copy.state();
+    if (has_state(place)) copy_state(place.state, copied.state);
+    return copied;
 }
 
 /// An open file in memory for what the tool prints.
@@ -223,9 +231,14 @@ std::vector<fpd_log::Run> runs_of(const StateDirectory &state) {
     return state.has(diagnostic_log) ? runs_in_log(state, 0) : std::vector<fpd_log::Run>();
 }
 
-/// What became of the planned regions when the copy was booted, as the log tells from `log_begin` on.
-void take_rehearsal(Plan &plan, const StateDirectory &state, std::uintmax_t log_begin) {
-    const std::vector<fpd_log::Run> runs = runs_in_log(state, log_begin);
+/// Gives planned regions what becomes of them in a boot of another copy. Not of the one that made the plan, which has
+/// begun its boot: the next would be one more.
+void rehearse_boot(Plan &plan, const CardPlace &place, const Power &power) {
+    const CopyOfState copy;
+    const CardPlace copied = copied_card(place, copy);
+    const Descriptor output = output_file();
+    run_at_boot(copied, power, {"bootup_fpd", "-c", "upgrade"}, output.get());
+    const std::vector<fpd_log::Run> runs = runs_of(StateDirectory(copied.state));
     for (RegionPlan &region : plan.regions) {
         const fpd_log::Region *const seen = region_in(runs, tools_name(region.name));
         if (region.place == 0 || seen == nullptr || seen->outcome == Outcome::upgraded) continue;
@@ -253,9 +266,7 @@ TableRow row_of(const RegionPlan &region) {
 
 Plan plan_boot(const CardPlace &place, const Power &power, bool rehearse) {
     const CopyOfState copy;
-    CardPlace copied = place;
-    copied.state = copy.state();
-    if (has_state(place)) copy_state(place.state, copied.state);
+    const CardPlace copied = copied_card(place, copy);
     const Descriptor output = output_file();
     Plan plan;
     plan.pid = place.description.pid;
@@ -268,11 +279,7 @@ Plan plan_boot(const CardPlace &place, const Power &power, bool rehearse) {
     plan.regions = region_plans(load_state(state, place.description), runs, listed);
     tell_dependencies(plan.regions, place.description, listed);
     plan.notes = notes_on(plan, place.description, text, state, runs);
-    if (rehearse) {
-        const std::uintmax_t log_begin = log_size(state);
-        run_at_boot(copied, power, {"bootup_fpd", "-c", "upgrade"}, output.get());
-        take_rehearsal(plan, state, log_begin);
-    }
+    if (rehearse) rehearse_boot(plan, place, power);
     return plan;
 }
 

@@ -340,6 +340,14 @@ void tell_verdict(uint32_t boot, const BootEnd &end, const Verdict &verdict) {
     }
 }
 
+/// Waits for the end of the command, and hands on the signals that are meant for it.
+int wait_for_command(Sandbox &card) {
+    while (true) {
+        if (const std::optional<int> status = card.wait_for(milliseconds(100))) return *status;
+        forward_caught_signal(card);
+    }
+}
+
 /// Whoever had the terminal before the command gets it back: a shell leaves it to a process group that is gone.
 class TerminalKept {
   public:
@@ -389,18 +397,6 @@ Life boot_card(const CardPlace &place, const Power &power, uint32_t max_boots) {
     std::fprintf(stderr, "cardsim: gave up: the card did not come up in %u boots\n", max_boots);
     return life.finish(boot_limit_reached);
 }
-
-namespace {
-
-/// Waits for the end of the command, and hands on the signals that are meant for it.
-int wait_for_command(Sandbox &card) {
-    while (true) {
-        if (const std::optional<int> status = card.wait_for(milliseconds(100))) return *status;
-        forward_caught_signal(card);
-    }
-}
-
-}  // namespace
 
 int run_at_boot(const CardPlace &place, const Power &power, const std::vector<std::string> &command, int output) {
     catch_ending_signals();

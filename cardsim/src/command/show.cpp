@@ -32,19 +32,17 @@ std::string programmed(const RegionState &state) {
 std::string packaged(const RegionDescription &region, int mode) {
     constexpr uint32_t unlocking_type = 2;
     constexpr uint32_t can_unlock = 0x800;
-    const std::optional<uint32_t> type = requested_type(mode);
-    const ImageDescription *image = type ? find_image(region, *type) : nullptr;
+    const ImageDescription *image = image_for_mode(region, mode);
     std::string text = image == nullptr ? "-" : version_text(image->version);
     const ImageDescription *unlocking = find_image(region, unlocking_type);
-    if (type == 1U && unlocking != nullptr && (region.capabilities & can_unlock) != 0) {
+    if (requested_type(mode) == 1U && unlocking != nullptr && (region.capabilities & can_unlock) != 0) {
         text += ", to unlock " + version_text(unlocking->version);
     }
     return text;
 }
 
 std::string dependency(const RegionDescription &region, int mode) {
-    const std::optional<uint32_t> type = requested_type(mode);
-    const ImageDescription *image = type ? find_image(region, *type) : nullptr;
+    const ImageDescription *image = image_for_mode(region, mode);
     return image == nullptr ? "" : printable(image->depends_on);
 }
 

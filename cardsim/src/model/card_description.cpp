@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "closed_functions.h"
 #include "file_text.h"
 #include "printable.h"
 #include "toml_reader.h"
@@ -28,35 +29,6 @@ constexpr int64_t max_int = std::numeric_limits<int>::max();
 constexpr size_t max_region_name = sizeof(char[103]) - 1;
 /// The description library is asked by so many characters of a name.
 constexpr size_t description_name_length = 16;
-
-constexpr std::array closed_functions = {
-    "brd_sb_attribute_flag_set",
-    "brd_local_card_group_id_get",
-    "brd_group_fpd_num_fpds_get",
-    "brd_group_fpd_obj_id_list_get",
-    "brd_fpd_num_regions_get",
-    "brd_fpd_regions_get",
-    "brd_fpd_info_get",
-    "brd_fpd_upgrade",
-    "brd_group_led_init",
-    "brd_group_led_num_leds_get",
-    "brd_group_led_obj_id_list_get",
-    "brd_led_type_get",
-    "brd_led_name_get",
-    "brd_led_current_color_get",
-    "brd_led_current_state_get",
-    "brd_led_state_and_color_set",
-    "brd_fru_hw_data_init",
-    "brd_fru_hw_init",
-    "get_fpd_capability_info",
-    "check_and_get_upgrade_image",
-    "exec_shell_command",
-    "brd_intf_fpd_image_md5_validate",
-    "brd_intf_fpd_upgrade_cookie_get_auto_upgrade_config",
-    "brd_intf_fpd_upgrade_cookie_set_auto_upgrade_config",
-    "brd_intf_fpd_upgrade_cookie_get_upgrade_mode",
-    "brd_intf_fpd_upgrade_cookie_set_upgrade_mode",
-};
 
 /// Where each name of a region was first met, and by which line.
 struct KnownNames {
@@ -475,6 +447,18 @@ const ImageDescription *find_image(const RegionDescription &region, uint32_t upg
     const auto found = std::find_if(region.images.begin(), region.images.end(),
                                     [&](const ImageDescription &image) { return image.upgrade_type == upgrade_type; });
     return found == region.images.end() ? nullptr : &*found;
+}
+
+std::optional<uint32_t> requested_type(int mode) {
+    // A manufacturing card with a locked Golden image asks for the unlocking type (2) before.
+    constexpr std::array<uint32_t, 4> types = {0, 1, 3, 4};
+    if (mode < 0 || static_cast<size_t>(mode) >= types.size()) return std::nullopt;
+    return types[static_cast<size_t>(mode)];
+}
+
+const ImageDescription *image_for_mode(const RegionDescription &region, int mode) {
+    const std::optional<uint32_t> type = requested_type(mode);
+    return type ? find_image(region, *type) : nullptr;
 }
 
 }  // namespace cardsim

@@ -146,6 +146,11 @@ std::string version_text(const FpdVersion &version);
 /// The packaged image of a region for a requested upgrade type; null: none.
 const ImageDescription *find_image(const RegionDescription &region, uint32_t upgrade_type);
 
+/// The upgrade type that a stored upgrade mode asks the packages for in the end; absent: there is no such mode.
+std::optional<uint32_t> requested_type(int mode);
+/// The packaged image of a region for a stored upgrade mode; null: none.
+const ImageDescription *image_for_mode(const RegionDescription &region, int mode);
+
 }  // namespace cardsim
 
 #endif
