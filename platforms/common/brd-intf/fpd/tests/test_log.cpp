@@ -440,6 +440,27 @@ TEST_F(RoomForAText, IsTakenWhenTheFirstBufferIsFull) {
     EXPECT_EQ(interpose::calls(Call::realloc), 1U);
 }
 
+template <class... Arguments>
+void expect_as_of_printf(const char *format, Arguments... arguments) {
+    char expected[100];
+    std::snprintf(expected, sizeof expected, format, arguments...);
+    TextBuilder text;
+    text.add(format, arguments...);
+    EXPECT_STREQ(text.text(), expected) << format;
+}
+
+TEST_F(RoomForAText, IsFilledAsPrintfDoes) {
+    expect_as_of_printf("a %s, %s%s.", "b", "", "c");
+    expect_as_of_printf("%d%d %d", INT_MIN, INT_MAX, 0);
+    expect_as_of_printf("%ld %d %ld%s", LONG_MIN, -1, LONG_MAX, "d");
+    expect_as_of_printf("%s", static_cast<const char *>(nullptr));
+    expect_as_of_printf("%d%% of %s", 100, "it");
+    expect_as_of_printf("%s %5d", "a", 3);
+    expect_as_of_printf("%-3s|%s", "a", "b");
+    expect_as_of_printf("%d %lx", 1, 255L);
+    expect_as_of_printf("%s %ls", "a", L"wide");
+}
+
 TEST_F(RoomForAText, IsTheFirstBufferWithoutMemory) {
     take_all_memory();
     text.add("%s", std::string(3000, 'x').c_str());
