@@ -237,7 +237,6 @@ TEST_F(Binaries, TheToolExportsTwoSymbolsOfItsOwn) {
 }
 
 TEST_F(Binaries, TheToolLeavesTheClosedFunctionsToLibrariesAndNoOthers) {
-    if (SANITIZED) GTEST_SKIP() << "the sanitizer's library has the C library's functions as well";
     EXPECT_EQ(left_to_libraries(BOOTUP_FPD), closed_functions());
     EXPECT_THAT(symbols(BOOTUP_FPD, "--undefined-only"), Each(Not(testing::StartsWith("dl"))));
 }
@@ -272,7 +271,6 @@ TEST_F(Binaries, ABuildWithoutTheSimulatedCardRefusesToLinkTheToolToIt) {
 
 /// The two forms of a build for a real card: libraries named, and none. One build, as it is compiled the same.
 TEST_F(Binaries, ABuildForACardRunsOnNamedLibrariesAndWithoutNamesOnThoseThatArePreloaded) {
-    if (SANITIZED) GTEST_SKIP() << "it would be the same build as elsewhere";
     fs::copy_file(SOURCE_DIRECTORY "/platforms/common/brd-intf/fpd/data/board_types.h", root_ / "board_types.h");
     const std::string libraries = fs::path(FAKE_LIBRARY).parent_path();
     configure_for_card({"BOOTUP_FPD_PLATFORM_LIBRARIES=-L" + libraries + ";fake_platform_library",
