@@ -301,9 +301,7 @@ void raise_message_limit() {
     const Descriptor file(open(limit, O_WRONLY | O_CLOEXEC));
     if (file.is_open() && write(file.get(), text.c_str(), text.size()) == static_cast<ssize_t>(text.size())) return;
     const Error reason = system_error(std::string("raise ") + limit, errno);
-    throw Error(std::string(reason.what()) +
-                    " (an ordinary user may raise it in its own IPC namespace from Linux 6.9 on; on an older one run "
-                    "this as root)",
+    throw Error(std::string(reason.what()) + " (on this kernel root alone may raise it; run this as root)",
                 reason.code);
 }
 
