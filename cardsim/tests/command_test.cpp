@@ -15,13 +15,13 @@
 #include <string>
 #include <vector>
 
-#include "test_files.h"
+#include "files.h"
 
 namespace fs = std::filesystem;
-using cardsim::lines_of;
-using cardsim::names_in;
-using cardsim::read_file;
-using cardsim::write_file;
+using card_tests::lines_of;
+using card_tests::names_in;
+using card_tests::read_file;
+using card_tests::write_file;
 using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -130,8 +130,8 @@ class CommandTest : public testing::Test {
         return fs::exists(path);
     }
 
-    const cardsim::TestDirectory own_;
-    const fs::path &root_ = own_.path;
+    const card_tests::TemporaryDirectory own_{"cardsim-test"};
+    const fs::path &root_ = own_.path();
     const fs::path card_ = root_ / "card";
     const fs::path state_ = card_ / "state";
 };

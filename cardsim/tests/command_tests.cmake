@@ -1,11 +1,11 @@
 # Tests of the sandbox and of the command.
-add_executable(cardsim_sandbox_test tests/sandbox_test.cpp tests/test_files.cpp)
-target_link_libraries(cardsim_sandbox_test PRIVATE cardsim_sandbox bootup_fpd_build_flags GTest::gtest_main)
+add_executable(cardsim_sandbox_test tests/sandbox_test.cpp)
+target_link_libraries(cardsim_sandbox_test PRIVATE cardsim_sandbox tests_support bootup_fpd_build_flags GTest::gtest_main)
 bootup_fpd_test_program(cardsim_sandbox_test inside)
 gtest_discover_tests(cardsim_sandbox_test NO_PRETTY_VALUES DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 60)
 
-add_executable(cardsim_command_test tests/command_test.cpp tests/test_files.cpp)
-target_link_libraries(cardsim_command_test PRIVATE bootup_fpd_build_flags GTest::gmock_main)
+add_executable(cardsim_command_test tests/command_test.cpp)
+target_link_libraries(cardsim_command_test PRIVATE tests_support bootup_fpd_build_flags GTest::gmock_main)
 bootup_fpd_test_program(cardsim_command_test outside)
 target_compile_definitions(cardsim_command_test PRIVATE
   CARDSIM_COMMAND="$<TARGET_FILE:cardsim_command>"

@@ -9,6 +9,9 @@
 namespace cardsim {
 namespace {
 
+using card_tests::lines_of;
+using card_tests::write_file;
+
 using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::Eq;
@@ -35,8 +38,8 @@ class DescriptionTest : public ::testing::Test {
         return {};
     }
 
-    TestDirectory directory;
-    const std::filesystem::path file = directory.path / "card.toml";
+    card_tests::TemporaryDirectory directory{"cardsim-test"};
+    const std::filesystem::path file = directory.path() / "card.toml";
     CardDescription card;
 };
 
@@ -225,9 +228,9 @@ running = "1.0.0"
 }
 
 TEST_F(DescriptionTest, NamesAFileThatCannotBeRead) {
-    EXPECT_EQ(load_file(directory.path / "none.toml"),
-              (directory.path / "none.toml").string() + ": cannot be read: No such file or directory");
-    EXPECT_EQ(load_file(directory.path), directory.path.string() + ": cannot be read: Is a directory");
+    EXPECT_EQ(load_file(directory.path() / "none.toml"),
+              (directory.path() / "none.toml").string() + ": cannot be read: No such file or directory");
+    EXPECT_EQ(load_file(directory.path()), directory.path().string() + ": cannot be read: Is a directory");
 }
 
 /// Lines that are wrong, and why.

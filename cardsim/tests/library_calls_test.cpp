@@ -12,6 +12,9 @@
 namespace cardsim {
 namespace {
 
+using card_tests::names_in;
+using card_tests::write_file;
+
 using ::testing::ElementsAre;
 
 TEST_F(LibraryTest, LoadingItDoesNothing) {

@@ -7,6 +7,8 @@
 namespace cardsim {
 namespace {
 
+using card_tests::write_file;
+
 /// Whatever arguments a call wants.
 struct Arguments {
     uint32_t number = 0;

@@ -12,6 +12,11 @@ __attribute__((visibility("default"))) uint32_t bootup_fpd_time_div = 1;
 
 namespace cardsim {
 
+using card_tests::lines_of;
+using card_tests::names_in;
+using card_tests::read_file;
+using card_tests::write_file;
+
 const std::string card_table = R"([card]
 group = 7
 board_type = 4711
@@ -82,13 +87,13 @@ LibraryTest::~LibraryTest() {
 }
 
 void LibraryTest::describe(const std::string &toml) {
-    const auto file = directory_.path / "card.toml";
+    const auto file = directory_.path() / "card.toml";
     write_file(file, toml);
     setenv("CARDSIM_CARD", file.c_str(), 1);
 }
 
 Library &LibraryTest::library() {
-    std::call_once(loaded_, [&] { library_ = std::make_unique<Library>(directory_.path / "libcardsim.so"); });
+    std::call_once(loaded_, [&] { library_ = std::make_unique<Library>(directory_.path() / "libcardsim.so"); });
     return *library_;
 }
 
@@ -100,7 +105,7 @@ void LibraryTest::start_hardware(Library &on) {
 }
 
 CardState LibraryTest::saved_state() const {
-    return load_state(StateDirectory(state_directory()), load_card_description(directory_.path / "card.toml"));
+    return load_state(StateDirectory(state_directory()), load_card_description(directory_.path() / "card.toml"));
 }
 
 void LibraryTest::change_saved_state(const std::function<void(CardState &)> &change) const {

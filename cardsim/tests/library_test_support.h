@@ -16,10 +16,10 @@
 #include "brd_platform_access.h"
 #include "card_description.h"
 #include "card_state.h"
+#include "files.h"
 #include "fpd_description.h"
 #include "fpd_upgrade_cookie.h"
 #include "fpd_utility.h"
-#include "test_files.h"
 
 /// The program's divisor of its own times, which the library sets.
 extern "C" uint32_t bootup_fpd_time_div;
@@ -96,7 +96,7 @@ class LibraryTest : public ::testing::Test {
     CardState saved_state() const;
     /// As another process would.
     void change_saved_state(const std::function<void(CardState &)> &change) const;
-    std::filesystem::path state_directory() const { return directory_.path / "state"; }
+    std::filesystem::path state_directory() const { return directory_.path() / "state"; }
     std::filesystem::path package() const { return state_directory() / package_directory; }
     std::vector<std::string> recorded() const;
 
@@ -114,7 +114,7 @@ class LibraryTest : public ::testing::Test {
     char err_msg[256] = {};
 
   private:
-    TestDirectory directory_;
+    card_tests::TemporaryDirectory directory_{"cardsim-test"};
     std::once_flag loaded_;
     std::unique_ptr<Library> library_;
 };

@@ -8,10 +8,9 @@ add_executable(cardsim_library_tests
   tests/library_utility_test.cpp
   tests/printable_test.cpp
   tests/state_directory_test.cpp
-  tests/state_test.cpp
-  tests/test_files.cpp)
+  tests/state_test.cpp)
 target_link_libraries(cardsim_library_tests PRIVATE
-  cardsim_model bootup_fpd_build_flags GTest::gmock_main Threads::Threads ${CMAKE_DL_LIBS})
+  cardsim_model tests_support bootup_fpd_build_flags GTest::gmock_main Threads::Threads ${CMAKE_DL_LIBS})
 bootup_fpd_test_program(cardsim_library_tests inside)
 bootup_fpd_sanitizer_options(cardsim_library_tests)
 # The library is loaded at run time, a fresh copy for each test: a process has but one card.

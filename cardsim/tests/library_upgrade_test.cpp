@@ -110,11 +110,11 @@ TEST_F(UpgradeTest, ProgramsTheImagesVersion) {
 
 TEST_F(UpgradeTest, TheActivationKindSaysWhenItRuns) {
     for (const int kind : {0, 1, 2, 3, 4, 5, 6, 7, 255}) {
-        const TestDirectory place;
+        const card_tests::TemporaryDirectory place{"cardsim-test"};
         const bool needs_reload = kind == 1 || (kind >= 3 && kind <= 6);
         std::filesystem::remove(state_directory() / state_file);
         describe_region_with("duration = 0\nactivation = " + std::to_string(kind) + "\n");
-        Library fresh(place.path / "libcardsim.so");
+        Library fresh(place.path() / "libcardsim.so");
         start_hardware(fresh);
         ASSERT_EQ(upgrade(fresh, reports), 0);
         EXPECT_EQ(running(), needs_reload ? "1.0.0" : "1.3.0") << "activation kind " << kind;
@@ -161,8 +161,8 @@ TEST_F(UpgradeTest, AttemptsCountUntilTheReload) {
     EXPECT_EQ(upgrade(), 0);
     EXPECT_EQ(saved_state().regions.at(0).attempts, 1U);
     // Another process on the same boot goes on counting.
-    const TestDirectory place;
-    Library fresh(place.path / "libcardsim.so");
+    const card_tests::TemporaryDirectory place{"cardsim-test"};
+    Library fresh(place.path() / "libcardsim.so");
     start_hardware(fresh);
     EXPECT_EQ(upgrade(fresh, reports), 5);
     reload_card();

@@ -14,6 +14,9 @@
 namespace cardsim {
 namespace {
 
+using card_tests::read_file;
+using card_tests::write_file;
+
 class ShellTest : public LibraryTest {
   protected:
     int run(const std::string &command) {

@@ -27,15 +27,15 @@
 #include <string>
 #include <vector>
 
-#include "test_files.h"
+#include "files.h"
 
 namespace fs = std::filesystem;
-using cardsim::read_file;
+using card_tests::read_file;
+using card_tests::write_file;
 using cardsim::Sandbox;
 using cardsim::sandbox_run;
 using cardsim::sandbox_start;
 using cardsim::SandboxLayout;
-using cardsim::write_file;
 using std::chrono::milliseconds;
 
 namespace {
@@ -127,8 +127,8 @@ class SandboxTest : public testing::Test {
         return run([&] { return WEXITSTATUS(std::system(command.c_str())); });
     }
 
-    const cardsim::TestDirectory own_;
-    const fs::path &host_ = own_.path;
+    const card_tests::TemporaryDirectory own_{"cardsim-test"};
+    const fs::path &host_ = own_.path();
     SandboxLayout layout_;
     std::string error_;
 };
@@ -543,6 +543,7 @@ TEST_F(SandboxTest, DiesWithItsCaller) {
 TEST_F(SandboxTest, WorksForAnOrdinaryUser) {
     if (geteuid() != 0) GTEST_SKIP() << "the other tests show it";
     layout_.scratch = directory("scratch");
+    fs::permissions(host_, fs::perms{0755});
     ASSERT_EQ(chown((host_ / "scratch").c_str(), 65534, 65534), 0);
     const pid_t user = fork();
     if (user == 0) {

@@ -13,6 +13,10 @@
 namespace cardsim {
 namespace {
 
+using card_tests::names_in;
+using card_tests::read_file;
+using card_tests::write_file;
+
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 
@@ -20,7 +24,7 @@ using ::testing::ElementsAre;
 class StateDirectoryTest : public ::testing::Test {
   protected:
     StateDirectoryTest() {
-        for (const char *name : {"outside", "state/pkg"}) fs::create_directories(root.path / name);
+        for (const char *name : {"outside", "state/pkg"}) fs::create_directories(root.path() / name);
         write_file(victim, "precious");
         state.emplace(path);
     }
@@ -36,9 +40,9 @@ class StateDirectoryTest : public ::testing::Test {
         return {};
     }
 
-    TestDirectory root;
-    fs::path path = root.path / "state";
-    fs::path victim = root.path / "outside/victim";
+    card_tests::TemporaryDirectory root{"cardsim-test"};
+    fs::path path = root.path() / "state";
+    fs::path victim = root.path() / "outside/victim";
     std::optional<StateDirectory> state;
 };
 
@@ -129,7 +133,7 @@ TEST_F(StateDirectoryTest, ASecondNameIsRefusedWhereOthersMayHaveGivenIt) {
 }
 
 TEST_F(StateDirectoryTest, NothingIsReachedThroughALinkOnTheWay) {
-    fs::create_directory_symlink(root.path / "outside", path / "etc");
+    fs::create_directory_symlink(root.path() / "outside", path / "etc");
     const std::string on_the_way = (path / "etc/victim").string() + link_in_it;
     const std::string itself = (path / "etc").string() + link_in_it;
     EXPECT_EQ(refusal([&] { state->open("etc/victim", O_RDONLY); }), on_the_way);
@@ -145,16 +149,17 @@ TEST_F(StateDirectoryTest, NothingIsReachedAbove) {
 }
 
 TEST_F(StateDirectoryTest, IsNoLinkItself) {
-    fs::create_directory_symlink(path, root.path / "link");
-    EXPECT_EQ(refusal([&] { StateDirectory(root.path / "link"); }), (root.path / "link").string() + link_in_it);
-    EXPECT_EQ(refusal([&] { StateDirectory(root.path / "link/pkg"); }), (root.path / "link/pkg").string() + link_in_it);
+    fs::create_directory_symlink(path, root.path() / "link");
+    EXPECT_EQ(refusal([&] { StateDirectory(root.path() / "link"); }), (root.path() / "link").string() + link_in_it);
+    EXPECT_EQ(refusal([&] { StateDirectory(root.path() / "link/pkg"); }),
+              (root.path() / "link/pkg").string() + link_in_it);
 }
 
 TEST_F(StateDirectoryTest, StaysTheSameWhateverStandsInItsPlace) {
-    fs::rename(path, root.path / "moved");
-    fs::create_directory_symlink(root.path / "outside", path);
+    fs::rename(path, root.path() / "moved");
+    fs::create_directory_symlink(root.path() / "outside", path);
     state->append("victim", "more");
-    EXPECT_EQ(read_file(root.path / "moved/victim"), "more");
+    EXPECT_EQ(read_file(root.path() / "moved/victim"), "more");
 }
 
 TEST_F(StateDirectoryTest, AReplacementFollowsNoLinkThatAppearsInItsWay) {

@@ -13,6 +13,10 @@
 namespace cardsim {
 namespace {
 
+using card_tests::names_in;
+using card_tests::read_file;
+using card_tests::write_file;
+
 const std::string two_regions = R"(
 [[fpd]]
 id = 10
@@ -37,8 +41,8 @@ class StateTest : public ::testing::Test {
     StateTest() { describe(card_table + leds + two_regions); }
 
     void describe(const std::string &toml) {
-        write_file(directory.path / "card.toml", toml);
-        card = load_card_description(directory.path / "card.toml");
+        write_file(directory.path() / "card.toml", toml);
+        card = load_card_description(directory.path() / "card.toml");
         state = initial_state(card);
     }
     /// Why the state file is refused; empty: it is not.
@@ -51,9 +55,9 @@ class StateTest : public ::testing::Test {
         return {};
     }
 
-    TestDirectory directory;
-    StateDirectory place{directory.path};
-    const std::filesystem::path file = directory.path / state_file;
+    card_tests::TemporaryDirectory directory{"cardsim-test"};
+    StateDirectory place{directory.path()};
+    const std::filesystem::path file = directory.path() / state_file;
     CardDescription card;
     CardState state;
 };
@@ -154,7 +158,7 @@ TEST_F(StateTest, AReloadRunsWhatIsProgrammed) {
 TEST_F(StateTest, AnybodyMayReadTheStateFileWhichIsTheOnlyOne) {
     save_state(place, state);
     EXPECT_EQ(place.status(state_file)->st_mode & 07777, 0644U);
-    EXPECT_THAT(names_in(directory.path), ElementsAre("card.toml", "state.toml"));
+    EXPECT_THAT(names_in(directory.path()), ElementsAre("card.toml", "state.toml"));
 }
 
 /// No file may grow beyond a few bytes while it exists, as on a full disk.
@@ -187,7 +191,7 @@ TEST_F(StateTest, ASaveThatFailsLeavesTheEarlierState) {
     }
     EXPECT_EQ(reason, file.string() + ": cannot be written: File too large");
     EXPECT_EQ(read_file(file), earlier);
-    EXPECT_THAT(names_in(directory.path), ElementsAre("card.toml", "state.toml"));
+    EXPECT_THAT(names_in(directory.path()), ElementsAre("card.toml", "state.toml"));
 }
 
 TEST_F(StateTest, AReaderNeverMeetsHalfAState) {

@@ -1,5 +1,6 @@
 #include "files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -25,6 +26,13 @@ std::vector<std::string> lines_of(const std::string &text) {
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) lines.push_back(line);
     return lines;
+}
+
+std::vector<std::string> names_in(const fs::path &directory) {
+    std::vector<std::string> names;
+    for (const fs::directory_entry &entry : fs::directory_iterator(directory)) names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 TemporaryDirectory::TemporaryDirectory(const std::string &name, const fs::path &parent) {

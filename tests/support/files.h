@@ -12,6 +12,8 @@ namespace card_tests {
 std::string read_file(const std::filesystem::path &path);
 void write_file(const std::filesystem::path &path, const std::string &text);
 std::vector<std::string> lines_of(const std::string &text);
+/// The names in a directory, sorted.
+std::vector<std::string> names_in(const std::filesystem::path &directory);
 
 /// A directory of its own, removed with the object.
 class TemporaryDirectory {
