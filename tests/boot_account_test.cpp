@@ -136,7 +136,27 @@ TEST_F(BootAccount, TellsBootsTheirReasonsAndWhatWasMadeUp) {
         lines,
         Contains(testing::ContainsRegex("^Made up: kd_bootstrap, .*; 2 images: iofpga-1\\.12\\.0\\.img, phy-12")));
     EXPECT_THAT(result.out, Not(HasSubstr("never reached"))) << "the one fault was";
-    EXPECT_EQ(lines.back(), "2 boots: 1 upgraded, 1 upgraded at the second attempt; everything packaged runs");
+    EXPECT_EQ(lines.back(), "2 boots: 1 upgraded, 1 upgraded at the second attempt; nothing is left to upgrade");
+}
+
+TEST_F(BootAccount, EndsWithAVerdictThatKnowsWhetherTheCardIsUp) {
+    const std::pair<std::string, std::string> cases[] = {
+        {one_region({}, "startup = \"exit 3\"\n"), "1 boot: 1 unknown; the card is not up; not current: IoFpga"},
+        {one_region({}, "startup = \"true\"\n"), "1 boot: 1 unknown; not current: IoFpga"},
+        {one_region("need_upgrade = false\n", "startup = \"exit 3\"\n"), "1 boot: 1 unknown; the card is not up"},
+        {"[card]\ngroup = 3\nboard_type = 12568\nhw_version = [1, 7]\nslot = 2\npid = \"SIM-T\"\nstartup = \"true\"\n",
+         "1 boot: no FPD; nothing is left to upgrade"},
+    };
+    for (const auto &[card, verdict] : cases) {
+        fs::remove_all(state_);
+        describe_text(card);
+        EXPECT_EQ(lines_of(account({}).out).back(), verdict);
+    }
+}
+
+TEST_F(BootAccount, EndsWithItsVerdictInPlaceOfTheTableWhenAnUpgradeIsLeftToDo) {
+    describe_text(one_region({}, "startup = \"true\"\n"));
+    EXPECT_EQ(lines_of(account({"--strict", "--no-table"}).out).back(), "1 boot: 1 unknown; not current: IoFpga");
 }
 
 TEST_F(BootAccount, ALaterPowerOnIsAPowerCycle) {

@@ -66,7 +66,7 @@ TEST_F(LiveView, ShowsTheCardAndARegionInALineThenWhatTheCommandWroteAndTheTable
     EXPECT_FALSE(has(screen.screen(), "hello")) << "the command's output does not disturb the view";
     EXPECT_EQ(screen.end(), 0);
     EXPECT_TRUE(screen.is_as_before());
-    EXPECT_TRUE(has(screen.screen(), "1 boot: 3 upgraded; everything packaged runs"));
+    EXPECT_TRUE(has(screen.screen(), "1 boot: 3 upgraded; nothing is left to upgrade"));
     EXPECT_THAT(screen.written(), AllOf(HasSubstr("\r\nhello\r\n"), HasSubstr("\r\ngoodbye\r\n"),
                                         HasSubstr("boot 1: the card is up\r\n")));
 }

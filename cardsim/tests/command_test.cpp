@@ -157,6 +157,33 @@ TEST_F(CommandTest, MakesTheWholeStateDirectory) {
     EXPECT_THAT(names_in(card_), ElementsAre("card.toml", "state"));
 }
 
+TEST_F(CommandTest, TheStateOfAnotherCardIsRefusedAndStaysAsItIs) {
+    ASSERT_EQ(boot().status, 0);
+    const std::string state = read_file(state_ / "state.toml");
+    std::string other = card_text("touch /misc/scratch/ran");
+    other.replace(other.find("SIM-T"), 5, "SIM-U");
+    write_file(card_ / "card.toml", other);
+    for (const char *command : {"boot", "plan", "power-on", "show"}) {
+        const Result result = run({command, card_.string()});
+        EXPECT_EQ(result.status, 2) << command;
+        EXPECT_THAT(result.err, HasSubstr("state.toml: the state of another card, SIM-T; name a directory of its own"));
+    }
+    EXPECT_EQ(read_file(state_ / "state.toml"), state);
+    EXPECT_THAT(read_file(state_ / "kd_bootstrap"), HasSubstr("SIM-T"));
+    EXPECT_THAT(names_in(state_ / "scratch"), IsEmpty());
+}
+
+TEST_F(CommandTest, AnAnswerThatCannotBeWrittenIsAFailure) {
+    for (const char *command : {"boot", "plan", "show"}) {
+        fs::create_symlink("/dev/full", root_ / "out");
+        int status = 0;
+        waitpid(start({command, card_.string()}), &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), 125) << command;
+        EXPECT_THAT(read_file(root_ / "err"), EndsWith("cardsim: standard output: No space left on device\n"));
+        fs::remove(root_ / "out");
+    }
+}
+
 TEST_F(CommandTest, ImagesAreTheSameWhereverTheyAreMade) {
     ASSERT_EQ(boot({"--state", (root_ / "one").string()}).status, 0);
     ASSERT_EQ(boot({"--state", (root_ / "two").string()}).status, 0);

@@ -117,6 +117,11 @@ void check_state_directory(const fs::path &state) {
     }
 }
 
+/// What packages bring stays as it is; their removal would leave the state behind.
+bool is_installed(const fs::path &path) {
+    return path.string().starts_with("/usr/") && !path.string().starts_with("/usr/local/");
+}
+
 }  // namespace
 
 CardPlace find_card(const fs::path &card, const fs::path &state) {
@@ -127,6 +132,8 @@ CardPlace find_card(const fs::path &card, const fs::path &state) {
     place.images = place.file.parent_path() / "images";
     place.state = state.empty() ? place.file.parent_path() / "state" : fs::weakly_canonical(fs::absolute(state));
     check_state_directory(place.state);
+    // The state of another card is refused before anything is changed in it.
+    if (has_state(place)) load_state(StateDirectory(place.state), place.description);
     return place;
 }
 
@@ -136,6 +143,9 @@ bool has_state(const CardPlace &place) {
 
 void make_state(const CardPlace &place, uint32_t speed) {
     if (has_state(place)) return;
+    if (is_installed(place.state)) {
+        throw Error(place.state.string() + ": among what is installed; name another directory by --state");
+    }
     fs::create_directories(place.state.parent_path());
     StateInTheMaking making(place.state);
     update_state(place, making.directory(), speed);

@@ -62,7 +62,7 @@ void add_card(CLI::App &command, Options &options) {
 
 void add_speed(CLI::App &command, cardsim::Power &power) {
     command.add_option("--speed", power.speed, "divides the times of the card and of the upgrade tool")
-        ->check(CLI::Range(uint32_t{1}, UINT32_MAX))
+        ->check(CLI::Range(uint32_t{1}, cardsim::max_speed))
         ->type_name("N");
 }
 
@@ -112,8 +112,11 @@ int boot(const Options &options) {
     cardsim::Life life = cardsim::boot_card(place, power, options.max_boots);
     const bool is_left_due = options.strict && life.status == cardsim::boot_is_up && cardsim::is_anything_due(life);
     if (is_left_due) life.status = cardsim::boot_left_due;
+    const std::size_t columns = cardsim::columns_of(STDOUT_FILENO);
     if (!options.no_table) {
-        std::fputs(cardsim::life_text(life, cardsim::columns_of(STDOUT_FILENO)).c_str(), stdout);
+        std::fputs(cardsim::life_text(life, columns).c_str(), stdout);
+    } else if (is_left_due) {
+        std::fputs((cardsim::verdict(life) + "\n").c_str(), stdout);
     }
     if (output) output->write(cardsim::life_json(life));
     return life.status;
@@ -164,6 +167,12 @@ int make_card(const Options &options) {
     return 0;
 }
 
+/// The status of a command whose answer was written: an answer that is lost on a full disk is none.
+int written(int status) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) throw cardsim::system_error("standard output", errno);
+    return status;
+}
+
 int check_libraries(const Options &options) {
     return cardsim::check_libraries(options.libraries);
 }
@@ -197,8 +206,8 @@ void add_plan(CLI::App &app, Options &options) {
 void add_compare(CLI::App &app, Options &options) {
     CLI::App &command =
         add_command(app, options, "compare", "what differs between two cards' states after their runs", compare);
-    command.add_option("A", options.compared[0], "a state directory")->required();
-    command.add_option("B", options.compared[1], "another one")->required();
+    command.add_option("STATE", options.compared[0], "a state directory")->required();
+    command.add_option("OTHER", options.compared[1], "another one")->required();
 }
 
 void add_exec(CLI::App &app, Options &options) {
@@ -251,7 +260,7 @@ int main(int argc, char **argv) {
     add_check_libraries(app, options);
     CLI11_PARSE(app, argc, argv);
     try {
-        return options.run(options);
+        return written(options.run(options));
     } catch (const std::exception &reason) {
         return complain(reason);
     }

@@ -53,6 +53,7 @@ void add_run(Remains &remains, const fpd_log::Run &run) {
 }
 
 Remains remains_of(const fs::path &directory) {
+    if (!fs::is_directory(directory)) throw Error(directory.string() + ": no directory");
     const StateDirectory state(fs::canonical(directory));
     Remains remains;
     remains.state = load_saved_state(state);

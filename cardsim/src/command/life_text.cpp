@@ -4,6 +4,7 @@
 #include <map>
 
 #include "life.h"
+#include "power.h"
 #include "printable.h"
 #include "text_table.h"
 
@@ -82,8 +83,12 @@ std::string verdict(const Life &life) {
     parts.reserve(order.size());
     for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
     const std::size_t boots = life.boots.size();
-    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
-           (due.empty() ? "; everything packaged runs" : "; not current: " + joined(due));
+    const bool is_up = life.status == boot_is_up || life.status == boot_left_due;
+    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + (parts.empty() ? "no FPD" : joined(parts)) +
+           (is_up ? "" : "; the card is not up") +
+           (!due.empty() ? "; not current: " + joined(due)
+            : is_up      ? "; nothing is left to upgrade"
+                         : "");
 }
 
 std::string life_text(const Life &life, std::size_t width) {

@@ -20,8 +20,6 @@ namespace cardsim {
 
 namespace {
 
-constexpr uint32_t max_speed = 1000000;
-
 /// One write, so that lines of several threads and processes do not mix.
 bool append_line(int file, const std::string &line) {
     ssize_t written = -1;

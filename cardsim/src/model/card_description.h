@@ -13,6 +13,9 @@
 
 namespace cardsim {
 
+/// What may divide the times of a card: 1 to this.
+inline constexpr uint32_t max_speed = 1'000'000;
+
 /// What an FPD region reports of its firmware; parts may be too large for the compact FpdVersion, on purpose.
 struct FirmwareVersion {
     uint16_t major = 0;

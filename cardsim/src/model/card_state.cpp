@@ -76,6 +76,7 @@ CardState read_state(const toml::table &root) {
     constexpr int64_t max_int = std::numeric_limits<int>::max();
     TableReader reader(root, "the state");
     CardState state;
+    state.pid = reader.text("pid").value_or("");
     state.boot = static_cast<uint32_t>(reader.need("boot", reader.whole("boot", 1, max_u32)));
     state.auto_upgrade = static_cast<int>(reader.need("auto_upgrade", reader.whole("auto_upgrade", min_int, max_int)));
     state.upgrade_mode = static_cast<int>(reader.need("upgrade_mode", reader.whole("upgrade_mode", min_int, max_int)));
@@ -134,7 +135,8 @@ std::string state_text(const CardState &state) {
                                    {"color", static_cast<int64_t>(led.color)}});
     }
     std::ostringstream text;
-    text << toml::table{{"boot", static_cast<int64_t>(state.boot)},
+    text << toml::table{{"pid", state.pid},
+                        {"boot", static_cast<int64_t>(state.boot)},
                         {"auto_upgrade", static_cast<int64_t>(state.auto_upgrade)},
                         {"upgrade_mode", static_cast<int64_t>(state.upgrade_mode)},
                         {"region", regions},
@@ -161,6 +163,7 @@ std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault) {
 
 CardState initial_state(const CardDescription &card) {
     CardState state;
+    state.pid = card.pid;
     state.auto_upgrade = card.auto_upgrade;
     state.upgrade_mode = card.upgrade_mode;
     for (const FpdDescription &fpd : card.fpds) {
@@ -184,7 +187,12 @@ CardState load_state(const StateDirectory &directory, const CardDescription &car
     if (!directory.has(state_file)) {
         return initial_state(card);
     }
-    return fitted_to(card, load_saved_state(directory));
+    const CardState saved = load_saved_state(directory);
+    if (!saved.pid.empty() && saved.pid != card.pid) {
+        throw Error((directory.path() / state_file).string() + ": the state of another card, " + saved.pid +
+                    "; name a directory of its own for that of " + card.pid + " by --state");
+    }
+    return fitted_to(card, saved);
 }
 
 void save_state(const StateDirectory &directory, const CardState &state) {

@@ -29,6 +29,7 @@ struct LedState {
 };
 
 struct CardState {
+    std::string pid;    ///< of the card that it is the state of; empty: of whichever
     uint32_t boot = 1;  ///< number of this boot; the first power-on is 1
     int auto_upgrade = 1;
     int upgrade_mode = 0;
@@ -52,8 +53,8 @@ std::string region_fault_name(uint32_t fpd, uint8_t index, std::size_t fault);
 CardState initial_state(const CardDescription &card);
 
 /// Reads the state of the described card. A directory without a state file holds a card on its first boot; a region or
-/// LED that the file does not know starts as described, one that the card no longer has is dropped. Throws Error:
-/// "FILE:LINE: reason".
+/// LED that the file does not know starts as described, one that the card no longer has is dropped. Throws Error, as
+/// "FILE:LINE: reason", also for the state of a card with another product id.
 CardState load_state(const StateDirectory &directory, const CardDescription &card);
 
 /// Reads the state of a card whose description is not at hand, as it was saved. Throws Error, also when there is none.
