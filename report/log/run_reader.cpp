@@ -207,6 +207,7 @@ struct RunReader::State {
                 take_early_transition(*current, name, record, captures);
         }
         if (is_its_own) note_discovered(name);
+        current->found_nameless |= by == Meaning::note && lines.back().message->meaning == Meaning::transition;
     }
 
     void note_discovered(std::string_view name) {

@@ -291,6 +291,31 @@ TEST(Attempts, ThatAreToComeAreUnfinishedWhereTheLogEnds) {
               "the log ends while it waited for its second attempt; the first attempt failed: one");
 }
 
+TEST(Attempts, OfARunThatWasCutOffAreNotItsEnd) {
+    const auto births = [] {
+        return LogText().transition("", "Unknown state 0", "FPD Created").transition("", "FPD Created", "FPD INIT");
+    };
+    const auto skipped = [] {
+        return LogText().discover("X", true).say("InitFpdSkipAutoFpdUpgNotBootUp",
+                                                 "FPD X Bootup Auto upgrade is not supported");
+    };
+    const struct {
+        const char *name;
+        LogText log;
+        bool finished;
+    } cases[] = {
+        {"a region without its name", births(), false},
+        {"a region without a name, as the error says",
+         births().fail("InitFpdGetNameFail", "Failed to get FPD name for group id 1 fpd obj id 2 region 0"), true},
+        {"no region", LogText().say("LoadFpdsNoFpds", "No FPDs Defined"), true},
+        {"decided in the discovery", skipped(), false},
+        {"planned after it", skipped().judge("X"), true},
+        {"upgraded", planned().upgrade("X", 101), false},
+        {"the end of all upgrades", planned().upgrade("X", 101).end(), true},
+    };
+    for (const auto &[name, log, finished] : cases) EXPECT_EQ(run_of(log.text).finished, finished) << name;
+}
+
 // What happened to the card -------------------------------------------------------------------------------------------
 
 std::vector<std::string> events_of(const ToolRun &run) {
