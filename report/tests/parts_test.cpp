@@ -199,6 +199,15 @@ TEST(RunText, TellsErrorsOfNoRegionUnknownLinesAndTheFlashLog) {
                             HasSubstr("  the flash log:\n    2026-11-22 06:02:13 no\n")));
 }
 
+TEST(RunText, HasNamesWholeWhereThereIsNoTerminal) {
+    const std::string name(102, 'n');
+    const fpd_log::Run run = sample_run({sample_region(name, Outcome::current)});
+    TextOptions options;
+    EXPECT_THAT(run_text(run, std::nullopt, options), HasSubstr("  " + name + "  1.0.0"));
+    options.style.width = 200;
+    EXPECT_THAT(run_text(run, std::nullopt, options), HasSubstr("  " + std::string(31, 'n') + "…  1.0.0"));
+}
+
 TEST(RunText, FitsATerminalAndHasColoursThereOnly) {
     fpd_log::Run run = sample_run({sample_region("Broken", Outcome::failed,
                                                  std::string(30, 'x') + " " + std::string(300, 'y') + " words of it")});
