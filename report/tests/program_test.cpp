@@ -102,6 +102,7 @@ class FpdReport : public testing::Test {
 
 TEST_F(FpdReport, ExitStatusTellsWhetherAllIsWell) {
     file("well.log", well_log);
+    file("well.log.1", well_log);
     file("bad.log", bad_log);
     file("empty.log", "");
     file("other.log", "Nov 22 06:02:13 host kernel: nothing of ours\n");
@@ -129,6 +130,8 @@ TEST_F(FpdReport, ExitStatusTellsWhetherAllIsWell) {
         {{"--fleet", "--json", path("well.log")}, 2, "--fleet"},
         {{"--flash", path("x"), path("well.log"), path("bad.log")}, 2, "--flash"},
         {{"--flash", path("missing.txt"), path("well.log")}, 2, "missing.txt"},
+        {{"--flash", path("empty.log"), path("well.log"), path("well.log.1")}, 0, ""},
+        {{"--flash", path("empty.log"), files().string()}, 2, "--flash"},
         {{"-o", path("no-directory/report.txt"), path("well.log")}, 2, "no-directory/report.txt: No such file"},
         {{"-o", "/dev/full", "--json", path("well.log")}, 2, "/dev/full: No space left"},
     };
@@ -178,6 +181,20 @@ TEST_F(FpdReport, ReadsStandardInput) {
         std::chrono::seconds(30));
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(nlohmann::json::parse(result.out)["source"], "standard input");
+}
+
+TEST_F(FpdReport, ReadsStandardInputFromWhereItStands) {
+    const Result result = card_tests::run_program(
+        {"/bin/sh", "-c", "exec < \"$1\"; read -r line; \"$0\" --json-lines -", FPD_REPORT, file("fpd.log", well_log)},
+        files(), std::chrono::seconds(30));
+    EXPECT_EQ(nlohmann::json::parse(result.out)["lines"], lines_of(well_log).size() - 1);
+}
+
+TEST_F(FpdReport, ReadsAFileOnceHoweverOftenItIsNamed) {
+    const std::string log = file("cards/fpd.log", well_log), cards = path("cards");
+    EXPECT_EQ(lines_of(report({"--json-lines", log, cards + "/", log, cards}).out).size(), 1U);
+    fs::create_directory(path("cards/empty"));
+    EXPECT_THAT(report({cards, cards}).out, StartsWith("2 cards, 1 run;"));
 }
 
 TEST_F(FpdReport, FilesOfARotatedSetAreOneLogInTheOrderOfTheirLines) {
@@ -269,6 +286,18 @@ TEST_F(FpdReport, ADirectoryIsAFleetWithTheOddCardsFirst) {
               "\n"
               "    9  FanCpld    current    1.12.0   1.12.0\n"
               "    8  IoFpga     current    1.12.0   1.12.0\n");
+}
+
+TEST_F(FpdReport, AFleetHasACardForEachFileWhateverItsNumber) {
+    file("fleet/10.0.0.1", bad_log);
+    file("fleet/10.0.0.2", well_log);
+    EXPECT_THAT(report({path("fleet")}).out, StartsWith("2 cards, 2 runs; after the last run of each 1 is well, 1"));
+}
+
+TEST_F(FpdReport, AReportInTheDirectoryThatItIsAboutIsNoCard) {
+    file("fleet/a.log", well_log);
+    for (int time = 0; time < 2; ++time) EXPECT_EQ(report({"-o", path("fleet/report.txt"), path("fleet")}).status, 0);
+    EXPECT_THAT(read_file(path("fleet/report.txt")), StartsWith("1 card, 1 run;"));
 }
 
 TEST_F(FpdReport, FleetTakesLogsThatAreNamedThemselves) {
