@@ -190,6 +190,8 @@ TEST(FlashLog, HasItsEventsTakenApart) {
     EXPECT_EQ(kind_of("FPD 'A' Canceling the upgrade to version 2 since worked not started within stipulated time"),
               "failed A 2");
     EXPECT_EQ(kind_of("FPD 'A' Upgraded to version 1' Upgraded to version 2"), "upgraded A' Upgraded to version 1 2");
+    EXPECT_EQ(kind_of("FPD 'A' Failed to upgrade version 1' Upgraded to version 2"),
+              "upgraded A' Failed to upgrade version 1 2");
     EXPECT_EQ(kind_of("something else"), "other  ");
     EXPECT_FALSE(fpd_log::parse_flash_line("FPD 'A' Upgraded to version 2"));
     EXPECT_FALSE(fpd_log::parse_flash_line("2026-13-22 06:00:00 UTC [Bootup FPD] FPD 'A' Upgraded to version 2"));
