@@ -245,6 +245,7 @@ TEST_F(FpdReport, AnOutputFileAppearsWhenItIsWholeAndItsNameTellsTheForm) {
     const Result result = report({"-o", path("report.json"), log});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
+    EXPECT_EQ(fs::status(path("report.json")).permissions(), fs::status(log).permissions()) << "as the umask has it";
     EXPECT_EQ(nlohmann::json::parse(read_file(path("report.json")))["runs"].size(), 1U);
     EXPECT_EQ(report({"--prometheus", "-o", path("metrics"), log}).status, 1);
     EXPECT_THAT(read_file(path("metrics")), StartsWith("# HELP fpd_"));
@@ -268,6 +269,8 @@ TEST_F(FpdReport, ADirectoryIsAFleetWithTheOddCardsFirst) {
     file("fleet/card3/calls.log", "not of the tool\n");
     file("fleet/cardA/readme", bad_log);
     file("fleet/.hidden", bad_log);
+    file("fleet/.git/fpd.log", bad_log);
+    fs::create_directory_symlink(path("fleet"), path("fleet/loop"));
     const Result result = report({path("fleet")});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "");
@@ -292,6 +295,27 @@ TEST_F(FpdReport, AFleetHasACardForEachFileWhateverItsNumber) {
     file("fleet/10.0.0.1", bad_log);
     file("fleet/10.0.0.2", well_log);
     EXPECT_THAT(report({path("fleet")}).out, StartsWith("2 cards, 2 runs; after the last run of each 1 is well, 1"));
+}
+
+TEST_F(FpdReport, TheLastRunThatLookedAtItsFpdsTellsOfACard) {
+    const std::string earlier = current_run({3, "06:01:00.1"}, two_current),
+                      later = refused_run({4, "06:09:00.1"}, "X");
+    const std::string off =
+        log_line({5, "06:10:00.1"}, "AutoFpdUpgCfgNotEna", "init:9", "Auto FPD Upgrade is not enabled on the system");
+    const struct {
+        std::vector<std::string> logs;  // of the card, in the order of their names
+        int status;
+    } cases[] = {
+        {{later, earlier}, 1}, {{earlier, later}, 1}, {{later + earlier}, 0},
+        {{later + off}, 1},    {{later, off}, 1},     {{off}, 0},
+    };
+    for (const auto &[logs, status] : cases) {
+        fs::remove_all(path("fleet"));
+        for (const std::string &log : logs) file("fleet/card/" + std::to_string(&log - &logs[0]) + ".log", log);
+        EXPECT_EQ(report({path("fleet")}).status, status) << testing::PrintToString(logs);
+        if (logs.size() > 1) continue;
+        EXPECT_EQ(report({"--last", path("fleet/card/0.log")}).status, status) << testing::PrintToString(logs);
+    }
 }
 
 TEST_F(FpdReport, AReportInTheDirectoryThatItIsAboutIsNoCard) {
