@@ -139,6 +139,23 @@ TEST_F(BootAccount, TellsBootsTheirReasonsAndWhatWasMadeUp) {
     EXPECT_EQ(lines.back(), "2 boots: 1 upgraded, 1 upgraded at the second attempt; everything packaged runs");
 }
 
+TEST_F(BootAccount, OfACardWithoutFpdsSaysSo) {
+    const std::string card = one_region();
+    describe_text(card.substr(0, card.find("[[fpd]]")));
+    EXPECT_EQ(lines_of(account({}).out).back(), "1 boot: no regions; everything packaged runs");
+}
+
+TEST_F(BootAccount, AnAnswerThatCannotBeWrittenIsNoSuccess) {
+    describe_text(one_region());
+    for (const std::string command : {"show", "plan", "plan --json", "boot", "boot --json"}) {
+        const std::string line = "\"$0\" " + command + " \"$1\" --state \"$2\" > /dev/full";
+        const Result result = run_program({"/bin/sh", "-c", line, CARDSIM_COMMAND, card_.string(), state_.string()},
+                                          root_, std::chrono::seconds(60));
+        EXPECT_EQ(result.status, 125) << command;
+        EXPECT_THAT(result.err, HasSubstr("standard output: cannot be written: No space left on device")) << command;
+    }
+}
+
 TEST_F(BootAccount, ALaterPowerOnIsAPowerCycle) {
     describe_text(one_region());
     EXPECT_EQ(region(account_json(), "IoFpga").at("outcome"), "upgraded");

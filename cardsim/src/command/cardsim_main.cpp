@@ -78,12 +78,19 @@ void add_power(CLI::App &command, cardsim::Power &power) {
     command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
+/// Writes an answer to standard output. Throws Error: whoever asked must not take a lost answer for an empty one.
+void answer(const std::string &text) {
+    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+        throw cardsim::system_error("standard output: cannot be written", errno);
+    }
+}
+
 int show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
     const cardsim::CardState state = cardsim::has_state(place)
                                          ? cardsim::load_state(cardsim::StateDirectory(place.state), place.description)
                                          : cardsim::initial_state(place.description);
-    std::fputs(cardsim::card_table(place.description, state, cardsim::columns_of(STDOUT_FILENO)).c_str(), stdout);
+    answer(cardsim::card_table(place.description, state, cardsim::columns_of(STDOUT_FILENO)));
     return 0;
 }
 
@@ -112,9 +119,7 @@ int boot(const Options &options) {
     cardsim::Life life = cardsim::boot_card(place, power, options.max_boots);
     const bool is_left_due = options.strict && life.status == cardsim::boot_is_up && cardsim::is_anything_due(life);
     if (is_left_due) life.status = cardsim::boot_left_due;
-    if (!options.no_table) {
-        std::fputs(cardsim::life_text(life, cardsim::columns_of(STDOUT_FILENO)).c_str(), stdout);
-    }
+    if (!options.no_table) answer(cardsim::life_text(life, cardsim::columns_of(STDOUT_FILENO)));
     if (output) output->write(cardsim::life_json(life));
     return life.status;
 }
@@ -124,7 +129,7 @@ int plan(const Options &options) {
     const cardsim::Plan plan = cardsim::plan_boot(place, options.power, options.rehearse);
     const std::string text =
         options.json ? cardsim::plan_json(plan) : cardsim::plan_text(plan, cardsim::columns_of(STDOUT_FILENO));
-    std::fputs(text.c_str(), stdout);
+    answer(text);
     const bool is_interrupted = plan.status > 128 && plan.status <= 128 + SIGRTMAX;
     return plan.status == 0 ? 0 : is_interrupted ? plan.status : 1;
 }
@@ -142,7 +147,7 @@ int compare(const Options &options) {
     try {
         const std::string text =
             cardsim::differences(options.compared[0], options.compared[1], cardsim::columns_of(STDOUT_FILENO));
-        std::fputs(text.c_str(), stdout);
+        answer(text);
         return text.empty() ? 0 : 1;
     } catch (const std::exception &reason) {
         complain(reason);

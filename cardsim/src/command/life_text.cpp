@@ -81,6 +81,7 @@ std::string verdict(const Life &life) {
     std::vector<std::string> parts;
     parts.reserve(order.size());
     for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
+    if (parts.empty()) parts.emplace_back("no regions");
     const std::size_t boots = life.boots.size();
     return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
            (due.empty() ? "; everything packaged runs" : "; not current: " + joined(due));
