@@ -242,6 +242,7 @@ TEST(RunText, NothingOfALogIsObeyed) {
 TEST(Metrics, HaveHelpTypeAndTheLastRun) {
     fpd_log::Run run = sample_run({sample_region("A", Outcome::failed, "x"), sample_region("B", Outcome::current)});
     run.number = 3;
+    run.disabled = true;
     Metrics metrics;
     metrics.add("c1/fpd.log", run);
     metrics.add("c2/fpd.log", run);
@@ -249,6 +250,7 @@ TEST(Metrics, HaveHelpTypeAndTheLastRun) {
     EXPECT_THAT(text, HasSubstr("# TYPE fpd_run_number gauge\nfpd_run_number{log=\"c1/fpd.log\"} 3\n"
                                 "fpd_run_number{log=\"c2/fpd.log\"} 3\n"));
     EXPECT_THAT(text, HasSubstr("fpd_run_begin_timestamp_seconds{log=\"c1/fpd.log\"} 1795327333.015791\n"));
+    EXPECT_THAT(text, HasSubstr("fpd_run_disabled{log=\"c1/fpd.log\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("fpd_run_regions{log=\"c1/fpd.log\",outcome=\"failed\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("fpd_region_well{log=\"c1/fpd.log\",region=\"A\"} 0\n"));
     EXPECT_THAT(text,
@@ -374,9 +376,11 @@ TEST(Fleet, TellsWhatIsWrongWithARunOnce) {
     fpd_log::Run not_reloaded = sample_run({sample_region("A", Outcome::current)});
     not_reloaded.events = {{0, fpd_log::EventKind::activation_failed, ""}};
     Fleet fleet;
-    for (const fpd_log::Run &run : {cut, told, failed, not_reloaded}) fleet.add_card("card", &run, 1, "");
-    EXPECT_THAT(rows_of(fleet), ElementsAre("1  ended by an error ", "1  reload failed ", "1  unfinished ",
-                                            "1 B unfinished 1.0.0", "3 A current 1.0.0"));
+    fpd_log::Run off = sample_run({});
+    off.disabled = true;
+    for (const fpd_log::Run &run : {cut, cut, told, failed, not_reloaded, off}) fleet.add_card("card", &run, 1, "");
+    EXPECT_THAT(rows_of(fleet), ElementsAre("1  ended by an error ", "1  reload failed ", "2  unfinished ",
+                                            "1 B unfinished 1.0.0", "1  no regions ", "4 A current 1.0.0"));
 }
 
 TEST(Fleet, ReasonsThatDifferInNumbersAreOneWhicheverCardComesFirst) {
