@@ -145,7 +145,7 @@ TEST_F(BootAccount, EndsWithAVerdictThatKnowsWhetherTheCardIsUp) {
         {one_region({}, "startup = \"true\"\n"), "1 boot: 1 unknown; not current: IoFpga"},
         {one_region("need_upgrade = false\n", "startup = \"exit 3\"\n"), "1 boot: 1 unknown; the card is not up"},
         {"[card]\ngroup = 3\nboard_type = 12568\nhw_version = [1, 7]\nslot = 2\npid = \"SIM-T\"\nstartup = \"true\"\n",
-         "1 boot: no FPD; nothing is left to upgrade"},
+         "1 boot: no regions; nothing is left to upgrade"},
     };
     for (const auto &[card, verdict] : cases) {
         fs::remove_all(state_);
@@ -157,6 +157,17 @@ TEST_F(BootAccount, EndsWithAVerdictThatKnowsWhetherTheCardIsUp) {
 TEST_F(BootAccount, EndsWithItsVerdictInPlaceOfTheTableWhenAnUpgradeIsLeftToDo) {
     describe_text(one_region({}, "startup = \"true\"\n"));
     EXPECT_EQ(lines_of(account({"--strict", "--no-table"}).out).back(), "1 boot: 1 unknown; not current: IoFpga");
+}
+
+TEST_F(BootAccount, AnAnswerThatCannotBeWrittenIsNoSuccess) {
+    describe_text(one_region());
+    for (const std::string command : {"show", "plan", "plan --json", "boot", "boot --json"}) {
+        const std::string line = "\"$0\" " + command + " \"$1\" --state \"$2\" > /dev/full";
+        const Result result = run_program({"/bin/sh", "-c", line, CARDSIM_COMMAND, card_.string(), state_.string()},
+                                          root_, std::chrono::seconds(60));
+        EXPECT_EQ(result.status, 125) << command;
+        EXPECT_THAT(result.err, HasSubstr("standard output: cannot be written: No space left on device")) << command;
+    }
 }
 
 TEST_F(BootAccount, ALaterPowerOnIsAPowerCycle) {

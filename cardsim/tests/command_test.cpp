@@ -173,17 +173,6 @@ TEST_F(CommandTest, TheStateOfAnotherCardIsRefusedAndStaysAsItIs) {
     EXPECT_THAT(names_in(state_ / "scratch"), IsEmpty());
 }
 
-TEST_F(CommandTest, AnAnswerThatCannotBeWrittenIsAFailure) {
-    for (const char *command : {"boot", "plan", "show"}) {
-        fs::create_symlink("/dev/full", root_ / "out");
-        int status = 0;
-        waitpid(start({command, card_.string()}), &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), 125) << command;
-        EXPECT_THAT(read_file(root_ / "err"), EndsWith("cardsim: standard output: No space left on device\n"));
-        fs::remove(root_ / "out");
-    }
-}
-
 TEST_F(CommandTest, ImagesAreTheSameWhereverTheyAreMade) {
     ASSERT_EQ(boot({"--state", (root_ / "one").string()}).status, 0);
     ASSERT_EQ(boot({"--state", (root_ / "two").string()}).status, 0);

@@ -40,14 +40,27 @@ RotatedName rotated_name(std::string_view path) {
     const char *const end = path.data() + path.size();
     std::uint64_t number = 0;
     const auto [rest, error] = std::from_chars(path.data() + dot + 1, end, number);
-    if (error != std::errc() || rest != end) return {path, 0};
+    // Other names end in numbers, too: 192.168.7.2 is a card of its own.
+    if (error != std::errc() || rest != end || !path.substr(0, dot).ends_with(".log")) return {path, 0};
     return {path.substr(0, dot), number};
+}
+
+/// Standard input as it is: opened by its name a file would begin anew, and a socket cannot be opened at all.
+int open_log(const std::string &path) {
+    if (path == standard_input) return fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+/// What zlib says of a stream, without the name that it made up for it: "<fd:3>: unexpected end of file".
+const char *without_name(const char *reason) {
+    const char *const end = std::strncmp(reason, "<fd:", 4) == 0 ? std::strstr(reason, ">: ") : nullptr;
+    return end == nullptr ? reason : end + 3;
 }
 
 }  // namespace
 
 int read_log_file(const std::string &path, const std::function<void(std::string_view)> &take, std::string *error) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open_log(path);
     if (fd < 0) return failed(errno, path, std::strerror(errno), error);
     const Gzip file(gzdopen(fd, "rb"));
     if (!file) {
@@ -66,7 +79,7 @@ int read_log_file(const std::string &path, const std::function<void(std::string_
         const char *const reason = gzerror(file.get(), &code);
         if (code == Z_ERRNO || (count < 0 && errno != 0))
             return failed(errno ? errno : EIO, path, std::strerror(errno), error);
-        if (code != Z_OK && code != Z_STREAM_END) return failed(EIO, path, reason, error);
+        if (code != Z_OK && code != Z_STREAM_END) return failed(EIO, path, without_name(reason), error);
         if (count <= 0) return 0;
     }
 }
@@ -75,7 +88,7 @@ void sort_rotated(std::vector<std::string> *paths) {
     std::sort(paths->begin(), paths->end(), [](const std::string &a, const std::string &b) {
         const RotatedName first = rotated_name(a);
         const RotatedName second = rotated_name(b);
-        return std::tie(first.log, second.number, a) < std::tie(second.log, first.number, b);
+        return std::tie(first.log, second.number, b) < std::tie(second.log, first.number, a);
     });
 }
 

@@ -530,8 +530,19 @@ void take_early_transition(OpenRun &open, std::string_view name, const Record &r
     take_transition({open, record, captures, open.run.regions[index], open.notes[index]});
 }
 
+namespace {
+
+/// Whether lines are to come even where each region is decided: more regions and their plan, or the end of the upgrade.
+bool is_cut_short(const OpenRun &open) {
+    if (!open.run.failure.empty()) return false;
+    const bool discovers = open.phase == Phase::discovery && (open.discovered_here > 0 || open.found_nameless);
+    return discovers || open.phase == Phase::upgrading;
+}
+
+}  // namespace
+
 void settle(OpenRun &open) {
-    open.run.finished = true;
+    open.run.finished = !is_cut_short(open);
     for (std::size_t i = 0; i < open.run.regions.size(); ++i) {
         Region &region = open.run.regions[i];
         RegionNotes &notes = open.notes[i];

@@ -53,6 +53,7 @@ struct OpenRun {
     std::unordered_map<std::string, std::size_t, TextHash, std::equal_to<>> by_name;
     std::unordered_map<int, std::size_t> in_hand;  // by thread: the region of its last message with a name
     std::vector<HeldRecord> held;                  // of a region that has no name yet
+    bool found_nameless = false;                   // a region of which nothing says why it got no name
     std::size_t kept_bytes = 0;
     bool clock_known = false, clock_failed = false;
     std::int64_t clock = 0;  // s, the last of the run

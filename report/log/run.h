@@ -110,7 +110,7 @@ struct Run {
     int process = 0;
     Time begin = 0, end = 0;  // of its first and last line
     bool upgrades = false;    // it started to upgrade; otherwise it only looked, or had nothing to do
-    bool finished = false;    // what it began it ended: no region is unfinished
+    bool finished = false;    // it came to its end, be it an error: the log was not cut off before
     bool reload_requested = false;
     bool skipped_by_marker = false;
     bool disabled = false;        // automatic upgrade is switched off on the system

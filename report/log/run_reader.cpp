@@ -131,11 +131,13 @@ struct RunReader::State {
         begin(record);
     }
 
-    void switch_process(const Record &record) {
+    void switch_process(const Record &record, const Message &message) {
         if (suspended && suspended->run.process == record.process) {
             end_hold(Meaning::note, {});
             hand_over(current);
             current = std::exchange(suspended, std::nullopt);
+            // It was cut short, and its number is that of another process by now.
+            if (is_main(record) && is_a_start(*current, message)) begin_after_current(record, false);
         } else {
             begin_after_current(record, true);
         }
@@ -154,7 +156,7 @@ struct RunReader::State {
         if (!current)
             begin(record);
         else if (record.process != current->run.process)
-            switch_process(record);
+            switch_process(record, message);
         else if (is_main(record) && (is_a_start(*current, message)))
             begin_after_current(record, false);
         if (is_main(record) && clocks_go_back(*current, record, message, captures))
@@ -207,6 +209,7 @@ struct RunReader::State {
                 take_early_transition(*current, name, record, captures);
         }
         if (is_its_own) note_discovered(name);
+        current->found_nameless |= by == Meaning::note && lines.back().message->meaning == Meaning::transition;
     }
 
     void note_discovered(std::string_view name) {

@@ -120,6 +120,9 @@ void Fleet::count_run(const std::string &card, const Run &run) {
     if (reload_failed(run)) count(card, whole_run(Oddness::failed, "reload failed", ""));
     const bool is_told = std::any_of(run.regions.begin(), run.regions.end(),
                                      [](const Region &region) { return region.outcome == Outcome::unfinished; });
+    if (run.regions.empty() && run.failure.empty()) {
+        count(card, whole_run(Oddness::unusual, "no regions", run.disabled ? "automatic upgrade is switched off" : ""));
+    }
     if (!run.finished && !is_told && run.failure.empty()) {
         count(card, whole_run(Oddness::not_well, "unfinished", "the log ends before the run does"));
     }

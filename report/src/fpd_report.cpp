@@ -103,9 +103,13 @@ void report_fleet(const Options &options, const std::vector<Card> &cards, Output
 
 int report(const Options &options, Output *output) {
     Findings findings;
-    const Inputs inputs = find_inputs(options.logs);
+    const Inputs inputs = find_inputs(options.logs, options.output);
     findings.errors = inputs.errors;
     const bool is_fleet = options.format == Format::text && (options.fleet || inputs.has_directory);
+    if (!options.flash.empty() && (is_fleet || count_logs(inputs.cards) != 1)) {
+        print_error("--flash goes with one log");
+        return status_error;
+    }
     (is_fleet ? report_fleet : report_runs)(options, inputs.cards, output, &findings);
     const std::string error = output->finish();
     if (!error.empty()) findings.errors.push_back(error);

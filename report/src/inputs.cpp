@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string_view>
 
 #include "log_file.h"
@@ -11,8 +12,6 @@ namespace fs = std::filesystem;
 
 namespace fpd_report {
 namespace {
-
-constexpr const char *standard_input = "/dev/stdin";
 
 using Paths = std::vector<std::string>;
 
@@ -75,7 +74,13 @@ std::string name_below(const fs::path &directory, const std::string &path) {
     return fs::path(path).lexically_relative(directory).string();
 }
 
-void add_directory(const std::string &argument, bool among_others, Inputs *inputs) {
+/// The report itself, of an earlier time, in the directory that it is about.
+bool is_output(const fs::directory_entry &entry, const std::string &output) {
+    std::error_code ignored;
+    return !output.empty() && fs::equivalent(entry.path(), output, ignored);
+}
+
+void add_directory(const std::string &argument, bool among_others, const std::string &output, Inputs *inputs) {
     const fs::path directory(argument);
     const std::string prefix = among_others ? (directory / "").string() : "";
     Paths files;
@@ -84,7 +89,7 @@ void add_directory(const std::string &argument, bool among_others, Inputs *input
             Paths paths;
             find_logs_below(entry.path(), 0, &paths, &inputs->errors);
             inputs->cards.push_back({prefix + entry.path().filename().string(), logs_of(paths)});
-        } else if (is_file(entry)) {
+        } else if (is_file(entry) && !is_output(entry, output)) {
             files.push_back(entry.path().string());
         }
     }
@@ -95,24 +100,39 @@ void add_directory(const std::string &argument, bool among_others, Inputs *input
     inputs->has_directory = true;
 }
 
+/// A file that is named twice, or named and in a directory, is read once.
+void drop_repeated(std::vector<Card> *cards) {
+    std::set<std::string> files, names;
+    std::erase_if(*cards, [&](Card &card) {
+        const bool has_logs = !card.logs.empty();
+        for (Log &log : card.logs) {
+            std::erase_if(log.files, [&](const std::string &file) { return !files.insert(file).second; });
+        }
+        std::erase_if(card.logs, [](const Log &log) { return log.files.empty(); });
+        const bool is_new = names.insert(card.name).second;
+        return card.logs.empty() && (has_logs || !is_new);
+    });
+}
+
 }  // namespace
 
-Inputs find_inputs(const std::vector<std::string> &arguments) {
+Inputs find_inputs(const std::vector<std::string> &arguments, const std::string &output) {
     Inputs inputs;
     Paths files;
     for (const std::string &argument : arguments) {
         std::error_code ignored;
         if (argument != "-" && fs::is_directory(argument, ignored)) {
-            add_directory(argument, arguments.size() > 1, &inputs);
+            add_directory(argument, arguments.size() > 1, output, &inputs);
         } else {
             files.push_back(argument);
         }
     }
     for (Log &log : logs_of(files)) {
-        if (log.name == "-") log = {"standard input", {standard_input}};
+        if (log.name == "-") log = {"standard input", {fpd_log::standard_input}};
         const std::string name = log.name;
         inputs.cards.push_back({name, {std::move(log)}});
     }
+    drop_repeated(&inputs.cards);
     return inputs;
 }
 

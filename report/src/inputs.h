@@ -25,9 +25,9 @@ struct Inputs {
 };
 
 /// "-" is standard input. Files of a rotated set that are all named belong together. In a directory each subdirectory
-/// is a card, with the files named *.log below it, rotated ones included, and each file is one. Hidden entries, and
-/// what is neither a file nor a directory, are passed over.
-Inputs find_inputs(const std::vector<std::string> &arguments);
+/// is a card, with the files named *.log below it, rotated ones included, and each file is one. Hidden entries, what is
+/// neither a file nor a directory, and the file `output` are passed over there. A path that comes again is read once.
+Inputs find_inputs(const std::vector<std::string> &arguments, const std::string &output);
 
 }  // namespace fpd_report
 

@@ -23,6 +23,7 @@ enum Metric : std::size_t {
     run_finished,
     run_reload_requested,
     run_skipped,
+    run_disabled,
     run_regions,
     run_unknown_lines,
     run_watchdog_punches,
@@ -45,6 +46,7 @@ constexpr Description descriptions[] = {
     {"fpd_run_finished", "1: the last run came to its end."},
     {"fpd_run_reload_requested", "1: the last run asked for a reload of the card."},
     {"fpd_run_skipped_by_marker", "1: the last run was skipped, as it would have repeated the one before."},
+    {"fpd_run_disabled", "1: the last run did nothing, as automatic upgrade is switched off."},
     {"fpd_run_regions", "Regions of the last run by outcome."},
     {"fpd_run_unknown_lines", "Lines of the last run that the reader does not know."},
     {"fpd_run_watchdog_punches", "How often the last run told the watchdog to wait."},
@@ -88,6 +90,7 @@ void Metrics::add(const std::string &log, const fpd_log::Run &run) {
     put(run_finished, {{"log", log}}, flag_text(run.finished));
     put(run_reload_requested, {{"log", log}}, flag_text(run.reload_requested));
     put(run_skipped, {{"log", log}}, flag_text(run.skipped_by_marker));
+    put(run_disabled, {{"log", log}}, flag_text(run.disabled));
     put(run_unknown_lines, {{"log", log}}, std::to_string(run.unknown_lines));
     put(run_watchdog_punches, {{"log", log}}, std::to_string(run.watchdog_punches));
     for (const OutcomeCount &count : count_outcomes(run)) {

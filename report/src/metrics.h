@@ -18,7 +18,7 @@ class Metrics {
     std::string text() const;
 
   private:
-    static constexpr std::size_t metric_count = 14;
+    static constexpr std::size_t metric_count = 15;
     std::array<std::string, metric_count> samples_;
 };
 

@@ -54,7 +54,6 @@ std::string contradiction(const Options &options, bool format_is_given) {
     }
     if (options.fleet && options.format != Format::text)
         return "a fleet's table is text: --fleet goes with no other form";
-    if (!options.flash.empty() && options.logs.size() != 1) return "--flash goes with one log";
     return {};
 }
 

@@ -16,6 +16,12 @@ bool is_special(const std::string &path) {
     return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
 }
 
+/// Hidden: whoever looks for files in the directory meanwhile, as this program does, passes it over.
+std::string temporary_name(const std::string &path) {
+    const std::size_t name = path.rfind('/') + 1;  // npos + 1 is 0
+    return path.substr(0, name) + "." + path.substr(name) + ".XXXXXX";
+}
+
 /// What a new file may be read by, as the umask has it; mkstemp gives the owner alone.
 void allow_reading(int descriptor) {
     const mode_t mask = umask(0);
@@ -32,7 +38,7 @@ Output::Output(const std::string &path) : path_(path) {
     if (is_special(path)) {
         descriptor = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
     } else {
-        temporary_ = path + ".XXXXXX";
+        temporary_ = temporary_name(path);
         descriptor = mkostemp(temporary_.data(), O_CLOEXEC);
         if (descriptor < 0) temporary_.clear();
     }

@@ -9,8 +9,8 @@
 
 namespace fpd_report {
 
-/// A file is written under a temporary name in its directory and renamed by `finish`; without that it is removed. Used
-/// by one thread.
+/// A file is written under a temporary, hidden name in its directory and renamed by `finish`; without that it is
+/// removed. Used by one thread.
 class Output {
   public:
     /// Standard output.

@@ -23,10 +23,6 @@ constexpr std::size_t reader_threads = 2;
 constexpr std::size_t flash_events_kept = 100'000, longest_flash_line = 65'536;
 constexpr fpd_log::Time second = 1'000'000;
 
-bool is_understood(const Run &run) {
-    return run.lines > run.unknown_lines;
-}
-
 /// What the threads of a fleet share.
 struct FleetWork {
     explicit FleetWork(const std::vector<Card> &all) : cards(all) {}
@@ -92,9 +88,7 @@ void show_progress_until_done(FleetWork *work) {
 }  // namespace
 
 void read_log(const Log &log, const std::function<void(Run &&)> &take, std::vector<std::string> *errors) {
-    fpd_log::RunReader reader([&take](Run &&run) {
-        if (is_understood(run)) take(std::move(run));
-    });
+    fpd_log::RunReader reader(take);
     reader.begin_source(log.name);
     for (const std::string &file : log.files) {
         std::string error;

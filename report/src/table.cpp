@@ -11,12 +11,13 @@ namespace {
 constexpr std::size_t least_paragraph_width = 20, least_column_width = 8;
 constexpr std::size_t gap = 2;
 
-std::vector<std::size_t> column_widths(const std::vector<Row> &rows) {
+std::vector<std::size_t> column_widths(const std::vector<Row> &rows, const Style &style) {
     std::vector<std::size_t> widths;
     for (const Row &row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
         for (std::size_t column = 0; column < row.size(); ++column) {
-            const std::size_t width = std::min(columns(shown(row[column].text)), table_cell_width);
+            std::size_t width = columns(shown(row[column].text));
+            if (style.width != 0) width = std::min(width, table_cell_width);
             widths[column] = std::max(widths[column], width);
         }
     }
@@ -54,7 +55,7 @@ std::string row_line(const Row &row, const std::vector<std::size_t> &widths, std
 }  // namespace
 
 std::vector<std::string> table_lines(const std::vector<Row> &rows, std::size_t indent, const Style &style) {
-    std::vector<std::size_t> widths = column_widths(rows);
+    std::vector<std::size_t> widths = column_widths(rows, style);
     narrow(&widths, indent, style);
     std::vector<std::string> lines;
     lines.reserve(rows.size());

@@ -18,8 +18,8 @@ struct Cell {
 using Row = std::vector<Cell>;
 
 /// One line per row, without line breaks, each beginning with `indent` blanks; columns stand below each other, two
-/// blanks apart. Texts are shown, and cut where they are longer than `table_cell_width` or the lines would be wider
-/// than the style.
+/// blanks apart. Texts are shown; for a style with a width, cut where they are longer than `table_cell_width` or the
+/// lines would be wider.
 std::vector<std::string> table_lines(const std::vector<Row> &rows, std::size_t indent, const Style &style);
 
 inline constexpr std::size_t table_cell_width = 32;

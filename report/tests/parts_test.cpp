@@ -49,6 +49,8 @@ TEST(ShownText, EscapesWhatATerminalObeysAndWhatIsNoUtf8) {
         {"\xff\xfe", "\\xff\\xfe"},
         {"\xc0\xaf", "\\xc0\\xaf"},
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+        {"\xf3\xa0\x81\x81", "\\u{e0041}"},
         {"cut \xe6\xbc", "cut \\xe6\\xbc"},
         {std::string("\0", 1), "\\x00"},
     };
@@ -62,6 +64,7 @@ TEST(ShownText, ValidUtf8ReplacesEachByteThatIsPartOfNoCharacter) {
 
 TEST(ShownText, FitsAndWrapsByColumns) {
     EXPECT_EQ(columns("a漢e\xcc\x81"), 4U);
+    EXPECT_EQ(columns("\xef\xbf\xbe"), 1U) << "no character, but a terminal shows something";
     EXPECT_EQ(fitted("abcdef", 6), "abcdef");
     EXPECT_EQ(fitted("abcdefg", 6), "abcde…");
     EXPECT_EQ(fitted("漢漢漢", 5), "漢漢…");
@@ -188,15 +191,25 @@ TEST(RunText, TellsErrorsOfNoRegionUnknownLinesAndTheFlashLog) {
     fpd_log::Run run = sample_run({});
     run.errors = {{3, sample_begin, 3, 3, fpd_log::Level::error, "FPD", "Tag", "f:1", "mount failed"}};
     run.unknown_lines = 2;
-    run.unknown = {"what"};
+    run.unknown = {"what" + std::string(196, '.') + "more"};
     run.left_out = 4;
     const std::string text = run_text(
         run, std::vector<fpd_log::FlashEvent>{{sample_begin, fpd_log::FlashEventKind::failed, "", "", "", "", "no"}},
         {});
     EXPECT_THAT(text, AllOf(HasSubstr("  errors of no region:\n    06:02:13.015791 ERROR Tag: mount failed\n"),
-                            HasSubstr("  2 of 10 lines are not known to this program, the first: what\n"),
+                            HasSubstr("  2 of 10 lines are not known to this program, the first: what" +
+                                      std::string(196, '.') + "\n"),
                             HasSubstr("  4 more regions, events and errors are left out\n"),
                             HasSubstr("  the flash log:\n    2026-11-22 06:02:13 no\n")));
+}
+
+TEST(RunText, HasNamesWholeWhereThereIsNoTerminal) {
+    const std::string name(102, 'n');
+    const fpd_log::Run run = sample_run({sample_region(name, Outcome::current)});
+    TextOptions options;
+    EXPECT_THAT(run_text(run, std::nullopt, options), HasSubstr("  " + name + "  1.0.0"));
+    options.style.width = 200;
+    EXPECT_THAT(run_text(run, std::nullopt, options), HasSubstr("  " + std::string(31, 'n') + "…  1.0.0"));
 }
 
 TEST(RunText, FitsATerminalAndHasColoursThereOnly) {
@@ -229,6 +242,7 @@ TEST(RunText, NothingOfALogIsObeyed) {
 TEST(Metrics, HaveHelpTypeAndTheLastRun) {
     fpd_log::Run run = sample_run({sample_region("A", Outcome::failed, "x"), sample_region("B", Outcome::current)});
     run.number = 3;
+    run.disabled = true;
     Metrics metrics;
     metrics.add("c1/fpd.log", run);
     metrics.add("c2/fpd.log", run);
@@ -236,6 +250,7 @@ TEST(Metrics, HaveHelpTypeAndTheLastRun) {
     EXPECT_THAT(text, HasSubstr("# TYPE fpd_run_number gauge\nfpd_run_number{log=\"c1/fpd.log\"} 3\n"
                                 "fpd_run_number{log=\"c2/fpd.log\"} 3\n"));
     EXPECT_THAT(text, HasSubstr("fpd_run_begin_timestamp_seconds{log=\"c1/fpd.log\"} 1795327333.015791\n"));
+    EXPECT_THAT(text, HasSubstr("fpd_run_disabled{log=\"c1/fpd.log\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("fpd_run_regions{log=\"c1/fpd.log\",outcome=\"failed\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("fpd_region_well{log=\"c1/fpd.log\",region=\"A\"} 0\n"));
     EXPECT_THAT(text,
@@ -243,6 +258,14 @@ TEST(Metrics, HaveHelpTypeAndTheLastRun) {
                           "programmed=\"1.0.0\",packaged=\"2.0.0\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("fpd_region_upgrade_duration_seconds{log=\"c1/fpd.log\",region=\"A\"} 90.000000\n"));
     EXPECT_THAT(text, Not(HasSubstr("fpd_region_upgrade_duration_seconds{log=\"c1/fpd.log\",region=\"B\"}")));
+}
+
+TEST(Metrics, HaveNoTimesThatTheLogDoesNotTell) {
+    fpd_log::Run run = sample_run({sample_region("A", Outcome::upgraded)});
+    run.begin = run.regions[0].attempts[0].begin = 0;
+    Metrics metrics;
+    metrics.add("fpd.log", run);
+    EXPECT_THAT(metrics.text(), AllOf(Not(HasSubstr("begin")), Not(HasSubstr("duration"))));
 }
 
 TEST(Metrics, NothingOfALogBecomesASampleOfItsOwn) {
@@ -317,9 +340,11 @@ TEST(Fleet, AVersionThatManyHaveIsNotUnusual) {
     Fleet fleet;
     fpd_log::Region other = sample_region("A", Outcome::current);
     other.programmed = "0.9.0";
-    add_cards(&fleet, "new", 10, sample_run({sample_region("A", Outcome::current)}));
+    add_cards(&fleet, "new", 11, sample_run({sample_region("A", Outcome::current)}));
     add_cards(&fleet, "old", 3, sample_run({other}));
     for (const FleetGroup &group : fleet.summary().groups) EXPECT_EQ(group.oddness, Oddness::none);
+    add_cards(&fleet, "one more new", 1, sample_run({sample_region("A", Outcome::current)}));
+    EXPECT_EQ(fleet.summary().groups.front().oddness, Oddness::unusual) << "a quarter as many";
 }
 
 TEST(Fleet, ACardWithoutARunOrWithARunThatFailedIsAmongTheFailed) {
@@ -330,6 +355,32 @@ TEST(Fleet, ACardWithoutARunOrWithARunThatFailedIsAmongTheFailed) {
     fleet.add_card("failing", &failed, 1, "");
     EXPECT_THAT(rows_of(fleet), ElementsAre("1  ended by an error ", "1  no run "));
     EXPECT_EQ(fleet.summary().well, 0U);
+}
+
+TEST(Fleet, TellsTheVersionThatIsThereAfterTheRun) {
+    Fleet fleet;
+    fpd_log::Region unread = sample_region("C", Outcome::refused);
+    unread.programmed = "";
+    add_cards(&fleet, "card", 1,
+              sample_run({sample_region("A", Outcome::upgraded), sample_region("B", Outcome::current), unread}));
+    EXPECT_THAT(rows_of(fleet), ElementsAre("1 C refused 1.0.0", "1 A upgraded 2.0.0", "1 B current 1.0.0"));
+}
+
+TEST(Fleet, TellsWhatIsWrongWithARunOnce) {
+    fpd_log::Run cut = sample_run({sample_region("A", Outcome::current)});
+    cut.finished = false;
+    fpd_log::Run told = sample_run({sample_region("B", Outcome::unfinished)});
+    told.finished = false;
+    fpd_log::Run failed = cut;
+    failed.failure = "no queue";
+    fpd_log::Run not_reloaded = sample_run({sample_region("A", Outcome::current)});
+    not_reloaded.events = {{0, fpd_log::EventKind::activation_failed, ""}};
+    Fleet fleet;
+    fpd_log::Run off = sample_run({});
+    off.disabled = true;
+    for (const fpd_log::Run &run : {cut, cut, told, failed, not_reloaded, off}) fleet.add_card("card", &run, 1, "");
+    EXPECT_THAT(rows_of(fleet), ElementsAre("1  ended by an error ", "1  reload failed ", "2  unfinished ",
+                                            "1 B unfinished 1.0.0", "1  no regions ", "4 A current 1.0.0"));
 }
 
 TEST(Fleet, ReasonsThatDifferInNumbersAreOneWhicheverCardComesFirst) {
@@ -370,6 +421,10 @@ TEST(Durations, AreShort) {
     EXPECT_EQ(duration_text(812'000), "0.8 s");
     EXPECT_EQ(duration_text(3'018'000'000), "50m18s");
     EXPECT_EQ(duration_text(7'500'000'000), "2h05m");
+    fpd_log::Region region = sample_region("A", Outcome::upgraded);
+    EXPECT_EQ(upgrade_time(region), 12'000'000);
+    region.attempts[0].end = region.attempts[0].begin - 1;
+    EXPECT_EQ(upgrade_time(region), std::nullopt) << "the clock was set back";
 }
 
 }  // namespace

@@ -102,6 +102,7 @@ class FpdReport : public testing::Test {
 
 TEST_F(FpdReport, ExitStatusTellsWhetherAllIsWell) {
     file("well.log", well_log);
+    file("well.log.1", well_log);
     file("bad.log", bad_log);
     file("empty.log", "");
     file("other.log", "Nov 22 06:02:13 host kernel: nothing of ours\n");
@@ -129,6 +130,8 @@ TEST_F(FpdReport, ExitStatusTellsWhetherAllIsWell) {
         {{"--fleet", "--json", path("well.log")}, 2, "--fleet"},
         {{"--flash", path("x"), path("well.log"), path("bad.log")}, 2, "--flash"},
         {{"--flash", path("missing.txt"), path("well.log")}, 2, "missing.txt"},
+        {{"--flash", path("empty.log"), path("well.log"), path("well.log.1")}, 0, ""},
+        {{"--flash", path("empty.log"), files().string()}, 2, "--flash"},
         {{"-o", path("no-directory/report.txt"), path("well.log")}, 2, "no-directory/report.txt: No such file"},
         {{"-o", "/dev/full", "--json", path("well.log")}, 2, "/dev/full: No space left"},
     };
@@ -180,6 +183,20 @@ TEST_F(FpdReport, ReadsStandardInput) {
     EXPECT_EQ(nlohmann::json::parse(result.out)["source"], "standard input");
 }
 
+TEST_F(FpdReport, ReadsStandardInputFromWhereItStands) {
+    const Result result = card_tests::run_program(
+        {"/bin/sh", "-c", "exec < \"$1\"; read -r line; \"$0\" --json-lines -", FPD_REPORT, file("fpd.log", well_log)},
+        files(), std::chrono::seconds(30));
+    EXPECT_EQ(nlohmann::json::parse(result.out)["lines"], lines_of(well_log).size() - 1);
+}
+
+TEST_F(FpdReport, ReadsAFileOnceHoweverOftenItIsNamed) {
+    const std::string log = file("cards/fpd.log", well_log), cards = path("cards");
+    EXPECT_EQ(lines_of(report({"--json-lines", log, cards + "/", log, cards}).out).size(), 1U);
+    fs::create_directory(path("cards/empty"));
+    EXPECT_THAT(report({cards, cards}).out, StartsWith("2 cards, 1 run;"));
+}
+
 TEST_F(FpdReport, FilesOfARotatedSetAreOneLogInTheOrderOfTheirLines) {
     file("fpd.log.1", bad_log);
     file("fpd.log", well_log);
@@ -228,6 +245,7 @@ TEST_F(FpdReport, AnOutputFileAppearsWhenItIsWholeAndItsNameTellsTheForm) {
     const Result result = report({"-o", path("report.json"), log});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
+    EXPECT_EQ(fs::status(path("report.json")).permissions(), fs::status(log).permissions()) << "as the umask has it";
     EXPECT_EQ(nlohmann::json::parse(read_file(path("report.json")))["runs"].size(), 1U);
     EXPECT_EQ(report({"--prometheus", "-o", path("metrics"), log}).status, 1);
     EXPECT_THAT(read_file(path("metrics")), StartsWith("# HELP fpd_"));
@@ -251,6 +269,8 @@ TEST_F(FpdReport, ADirectoryIsAFleetWithTheOddCardsFirst) {
     file("fleet/card3/calls.log", "not of the tool\n");
     file("fleet/cardA/readme", bad_log);
     file("fleet/.hidden", bad_log);
+    file("fleet/.git/fpd.log", bad_log);
+    fs::create_directory_symlink(path("fleet"), path("fleet/loop"));
     const Result result = report({path("fleet")});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err, "");
@@ -269,6 +289,39 @@ TEST_F(FpdReport, ADirectoryIsAFleetWithTheOddCardsFirst) {
               "\n"
               "    9  FanCpld    current    1.12.0   1.12.0\n"
               "    8  IoFpga     current    1.12.0   1.12.0\n");
+}
+
+TEST_F(FpdReport, AFleetHasACardForEachFileWhateverItsNumber) {
+    file("fleet/10.0.0.1", bad_log);
+    file("fleet/10.0.0.2", well_log);
+    EXPECT_THAT(report({path("fleet")}).out, StartsWith("2 cards, 2 runs; after the last run of each 1 is well, 1"));
+}
+
+TEST_F(FpdReport, TheLastRunThatLookedAtItsFpdsTellsOfACard) {
+    const std::string earlier = current_run({3, "06:01:00.1"}, two_current),
+                      later = refused_run({4, "06:09:00.1"}, "X");
+    const std::string off =
+        log_line({5, "06:10:00.1"}, "AutoFpdUpgCfgNotEna", "init:9", "Auto FPD Upgrade is not enabled on the system");
+    const struct {
+        std::vector<std::string> logs;  // of the card, in the order of their names
+        int status;
+    } cases[] = {
+        {{later, earlier}, 1}, {{earlier, later}, 1}, {{later + earlier}, 0},
+        {{later + off}, 1},    {{later, off}, 1},     {{off}, 0},
+    };
+    for (const auto &[logs, status] : cases) {
+        fs::remove_all(path("fleet"));
+        for (const std::string &log : logs) file("fleet/card/" + std::to_string(&log - &logs[0]) + ".log", log);
+        EXPECT_EQ(report({path("fleet")}).status, status) << testing::PrintToString(logs);
+        if (logs.size() > 1) continue;
+        EXPECT_EQ(report({"--last", path("fleet/card/0.log")}).status, status) << testing::PrintToString(logs);
+    }
+}
+
+TEST_F(FpdReport, AReportInTheDirectoryThatItIsAboutIsNoCard) {
+    file("fleet/a.log", well_log);
+    for (int time = 0; time < 2; ++time) EXPECT_EQ(report({"-o", path("fleet/report.txt"), path("fleet")}).status, 0);
+    EXPECT_THAT(read_file(path("fleet/report.txt")), StartsWith("1 card, 1 run;"));
 }
 
 TEST_F(FpdReport, FleetTakesLogsThatAreNamedThemselves) {

@@ -78,12 +78,19 @@ void add_power(CLI::App &command, cardsim::Power &power) {
     command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
+/// Writes an answer to standard output. Throws Error: whoever asked must not take a lost answer for an empty one.
+void answer(const std::string &text) {
+    if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+        throw cardsim::system_error("standard output: cannot be written", errno);
+    }
+}
+
 int show(const Options &options) {
     const cardsim::CardPlace place = cardsim::find_card(options.card, options.state);
     const cardsim::CardState state = cardsim::has_state(place)
                                          ? cardsim::load_state(cardsim::StateDirectory(place.state), place.description)
                                          : cardsim::initial_state(place.description);
-    std::fputs(cardsim::card_table(place.description, state, cardsim::columns_of(STDOUT_FILENO)).c_str(), stdout);
+    answer(cardsim::card_table(place.description, state, cardsim::columns_of(STDOUT_FILENO)));
     return 0;
 }
 
@@ -112,11 +119,10 @@ int boot(const Options &options) {
     cardsim::Life life = cardsim::boot_card(place, power, options.max_boots);
     const bool is_left_due = options.strict && life.status == cardsim::boot_is_up && cardsim::is_anything_due(life);
     if (is_left_due) life.status = cardsim::boot_left_due;
-    const std::size_t columns = cardsim::columns_of(STDOUT_FILENO);
     if (!options.no_table) {
-        std::fputs(cardsim::life_text(life, columns).c_str(), stdout);
-    } else if (is_left_due) {
-        std::fputs((cardsim::verdict(life) + "\n").c_str(), stdout);
+        answer(cardsim::life_text(life, cardsim::columns_of(STDOUT_FILENO)));
+    } else {
+        answer(is_left_due ? cardsim::verdict(life) + "\n" : "");
     }
     if (output) output->write(cardsim::life_json(life));
     return life.status;
@@ -127,7 +133,7 @@ int plan(const Options &options) {
     const cardsim::Plan plan = cardsim::plan_boot(place, options.power, options.rehearse);
     const std::string text =
         options.json ? cardsim::plan_json(plan) : cardsim::plan_text(plan, cardsim::columns_of(STDOUT_FILENO));
-    std::fputs(text.c_str(), stdout);
+    answer(text);
     const bool is_interrupted = plan.status > 128 && plan.status <= 128 + SIGRTMAX;
     return plan.status == 0 ? 0 : is_interrupted ? plan.status : 1;
 }
@@ -145,7 +151,7 @@ int compare(const Options &options) {
     try {
         const std::string text =
             cardsim::differences(options.compared[0], options.compared[1], cardsim::columns_of(STDOUT_FILENO));
-        std::fputs(text.c_str(), stdout);
+        answer(text);
         return text.empty() ? 0 : 1;
     } catch (const std::exception &reason) {
         complain(reason);
@@ -167,14 +173,10 @@ int make_card(const Options &options) {
     return 0;
 }
 
-/// The status of a command whose answer was written: an answer that is lost on a full disk is none.
-int written(int status) {
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) throw cardsim::system_error("standard output", errno);
-    return status;
-}
-
 int check_libraries(const Options &options) {
-    return cardsim::check_libraries(options.libraries);
+    const int status = cardsim::check_libraries(options.libraries);
+    answer("");
+    return status;
 }
 
 void add_boot(CLI::App &app, Options &options) {
@@ -260,7 +262,7 @@ int main(int argc, char **argv) {
     add_check_libraries(app, options);
     CLI11_PARSE(app, argc, argv);
     try {
-        return written(options.run(options));
+        return options.run(options);
     } catch (const std::exception &reason) {
         return complain(reason);
     }

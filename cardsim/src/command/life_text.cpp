@@ -82,9 +82,10 @@ std::string verdict(const Life &life) {
     std::vector<std::string> parts;
     parts.reserve(order.size());
     for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
+    if (parts.empty()) parts.emplace_back("no regions");
     const std::size_t boots = life.boots.size();
     const bool is_up = life.status == boot_is_up || life.status == boot_left_due;
-    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + (parts.empty() ? "no FPD" : joined(parts)) +
+    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
            (is_up ? "" : "; the card is not up") +
            (!due.empty() ? "; not current: " + joined(due)
             : is_up      ? "; nothing is left to upgrade"

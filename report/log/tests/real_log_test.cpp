@@ -140,16 +140,20 @@ TEST(LogFile, TellsWhyItCannotBeReadAndHandsOverWhatCould) {
     const std::string packed = gzipped(text);
     card_tests::write_file(directory.path() / "cut", packed.substr(0, packed.size() / 2));
     EXPECT_EQ(fpd_log::read_log_file(directory.path() / "cut", take, &error), -EIO);
+    EXPECT_EQ(error, directory.path() / "cut: unexpected end of file");
     EXPECT_FALSE(read.empty());
     EXPECT_TRUE(text.starts_with(read));
 }
 
 TEST(LogFile, OfARotatedSetIsSortedOldestFirst) {
-    std::vector<std::string> paths = {"b/fpd.log", "a/fpd.log.1", "a/fpd.log", "a/fpd.log.10.gz", "a/fpd.log.2.gz"};
+    std::vector<std::string> paths = {"b/fpd.log",       "a/fpd.log.1",    "a/fpd.log",
+                                      "a/fpd.log.10.gz", "a/fpd.log.2.gz", "a/fpd.log.gz"};
     fpd_log::sort_rotated(&paths);
-    EXPECT_THAT(paths, ElementsAre("a/fpd.log.10.gz", "a/fpd.log.2.gz", "a/fpd.log.1", "a/fpd.log", "b/fpd.log"));
+    EXPECT_THAT(paths, ElementsAre("a/fpd.log.10.gz", "a/fpd.log.2.gz", "a/fpd.log.1", "a/fpd.log.gz", "a/fpd.log",
+                                   "b/fpd.log"));
     EXPECT_EQ(fpd_log::log_of("card7/fpd.log.2.gz"), "card7/fpd.log");
     EXPECT_EQ(fpd_log::log_of("card7/fpd.log"), "card7/fpd.log");
+    EXPECT_EQ(fpd_log::log_of("192.168.0.7"), "192.168.0.7") << "a card of its own";
 }
 
 TEST(LogFile, OfARotatedSetGoesOnWhereTheLastEnded) {
@@ -186,6 +190,8 @@ TEST(FlashLog, HasItsEventsTakenApart) {
     EXPECT_EQ(kind_of("FPD 'A' Canceling the upgrade to version 2 since worked not started within stipulated time"),
               "failed A 2");
     EXPECT_EQ(kind_of("FPD 'A' Upgraded to version 1' Upgraded to version 2"), "upgraded A' Upgraded to version 1 2");
+    EXPECT_EQ(kind_of("FPD 'A' Failed to upgrade version 1' Upgraded to version 2"),
+              "upgraded A' Failed to upgrade version 1 2");
     EXPECT_EQ(kind_of("something else"), "other  ");
     EXPECT_FALSE(fpd_log::parse_flash_line("FPD 'A' Upgraded to version 2"));
     EXPECT_FALSE(fpd_log::parse_flash_line("2026-13-22 06:00:00 UTC [Bootup FPD] FPD 'A' Upgraded to version 2"));

@@ -291,6 +291,31 @@ TEST(Attempts, ThatAreToComeAreUnfinishedWhereTheLogEnds) {
               "the log ends while it waited for its second attempt; the first attempt failed: one");
 }
 
+TEST(Attempts, OfARunThatWasCutOffAreNotItsEnd) {
+    const auto births = [] {
+        return LogText().transition("", "Unknown state 0", "FPD Created").transition("", "FPD Created", "FPD INIT");
+    };
+    const auto skipped = [] {
+        return LogText().discover("X", true).say("InitFpdSkipAutoFpdUpgNotBootUp",
+                                                 "FPD X Bootup Auto upgrade is not supported");
+    };
+    const struct {
+        const char *name;
+        LogText log;
+        bool finished;
+    } cases[] = {
+        {"a region without its name", births(), false},
+        {"a region without a name, as the error says",
+         births().fail("InitFpdGetNameFail", "Failed to get FPD name for group id 1 fpd obj id 2 region 0"), true},
+        {"no region", LogText().say("LoadFpdsNoFpds", "No FPDs Defined"), true},
+        {"decided in the discovery", skipped(), false},
+        {"planned after it", skipped().judge("X"), true},
+        {"upgraded", planned().upgrade("X", 101), false},
+        {"the end of all upgrades", planned().upgrade("X", 101).end(), true},
+    };
+    for (const auto &[name, log, finished] : cases) EXPECT_EQ(run_of(log.text).finished, finished) << name;
+}
+
 // What happened to the card -------------------------------------------------------------------------------------------
 
 std::vector<std::string> events_of(const ToolRun &run) {
@@ -394,7 +419,8 @@ TEST(Boundary, IsAWallClockThatGoesBackByHoursButNotByOne) {
     LogText log = planned();
     log.time -= fpd_log::Time{3600} * 1'000'000;
     log.upgrade("X", 101);
-    EXPECT_THAT(runs_of(log.text), SizeIs(1));
+    ASSERT_THAT(runs_of(log.text), SizeIs(1));
+    EXPECT_GT(run_of(log.text).end, run_of(log.text).begin);
     log.time -= fpd_log::Time{3} * 3600 * 1'000'000;
     log.end();
     EXPECT_THAT(runs_of(log.text), SizeIs(2));
@@ -410,6 +436,12 @@ TEST(Boundary, IsTheFirstLineOfAProcessThatOnlyAnswersAboutTheConfiguration) {
     EXPECT_TRUE(runs[1].disabled);
     EXPECT_TRUE(runs[1].finished);
     EXPECT_EQ(runs[2].number, 3U);
+}
+
+TEST(Boundary, IsTheFirstLineAfterAStartThatFailed) {
+    LogText log;
+    for (int boot = 0; boot < 2; ++boot) log.fail("InitLocalCardBrdIntfInitFail", "BRD init failed rc -1");
+    EXPECT_THAT(runs_of(log.text), SizeIs(2));
 }
 
 TEST(Boundary, IsNotTheStageThatIsPlannedTwiceForWantOfAnythingToDo) {
@@ -463,6 +495,18 @@ TEST(Boundary, IsTheDiscoveryOfAnotherProcessAfterARunThatWasCutShort) {
     ASSERT_THAT(runs, SizeIs(2));
     EXPECT_EQ(runs[0].process, 100);
     EXPECT_FALSE(runs[0].finished);
+}
+
+TEST(Boundary, IsTheFirstLineOfAProcessWithTheNumberOfARunThatWasCutShort) {
+    LogText log = planned();
+    log.begin_attempt("X", 1000);
+    for (const int process : {200, 100}) {
+        log.process = process;
+        log.say("AutoFpdUpgCfgNotEna", "Auto FPD Upgrade is not enabled on the system");
+    }
+    const std::vector<ToolRun> runs = runs_of(log.text);
+    ASSERT_THAT(runs, SizeIs(3));
+    for (const ToolRun &run : runs) EXPECT_EQ(run.disabled, run.regions.empty());
 }
 
 TEST(Boundary, IsAnotherSourceAndNumbersBeginAnew) {
