@@ -461,12 +461,20 @@ TEST_F(RoomForAText, IsFilledAsPrintfDoes) {
     expect_as_of_printf("%s %ls", "a", L"wide");
 }
 
-TEST_F(RoomForAText, IsTheFirstBufferWithoutMemory) {
-    take_all_memory();
-    text.add("%s", std::string(3000, 'x').c_str());
-    EXPECT_EQ(text.view(), fits);
-    text.add("y");
-    EXPECT_EQ(text.view(), fits);
+TEST_F(RoomForAText, IsTakenOrCutForEveryConversion) {
+    const std::string long_text(3000, 'x');
+    for (const char *format : {"%s", "%-1s"}) {
+        TextBuilder whole;
+        whole.add(format, long_text.c_str());
+        EXPECT_EQ(whole.view(), long_text);
+        take_all_memory();
+        TextBuilder cut;
+        cut.add(format, long_text.c_str());
+        EXPECT_EQ(cut.view(), fits);
+        cut.add("y");
+        EXPECT_EQ(cut.view(), fits);
+        interpose::reset();
+    }
 }
 
 TEST_F(RoomForAText, IsThereForOneThatPrintfRefuses) {
