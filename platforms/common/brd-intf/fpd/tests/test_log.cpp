@@ -458,6 +458,7 @@ TEST_F(RoomForAText, IsFilledAsPrintfDoes) {
     expect_as_of_printf("%s %5d", "a", 3);
     expect_as_of_printf("%-3s|%s", "a", "b");
     expect_as_of_printf("%d %lx", 1, 255L);
+    expect_as_of_printf("%.0s", "a");
     expect_as_of_printf("%s %ls", "a", L"wide");
 }
 
