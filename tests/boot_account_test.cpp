@@ -156,7 +156,9 @@ TEST_F(BootAccount, EndsWithAVerdictThatKnowsWhetherTheCardIsUp) {
 
 TEST_F(BootAccount, EndsWithItsVerdictInPlaceOfTheTableWhenAnUpgradeIsLeftToDo) {
     describe_text(one_region({}, "startup = \"true\"\n"));
-    EXPECT_EQ(lines_of(account({"--strict", "--no-table"}).out).back(), "1 boot: 1 unknown; not current: IoFpga");
+    const std::string out = account({"--strict", "--no-table"}).out;
+    EXPECT_EQ(lines_of(out).back(), "1 boot: 1 unknown; not current: IoFpga");
+    EXPECT_THAT(out, Not(HasSubstr("OUTCOME")));
 }
 
 TEST_F(BootAccount, AnAnswerThatCannotBeWrittenIsNoSuccess) {
@@ -383,6 +385,17 @@ TEST_F(Comparison, WhatIsNoStateIsUnreadable) {
         EXPECT_EQ(result.status, 2) << other;
         EXPECT_THAT(lines_of(result.err), testing::SizeIs(1));
     }
+    const std::string nowhere = root_ / "nowhere";
+    EXPECT_EQ(run({"compare", nowhere, state}).err, nowhere + ": no directory\n");
+}
+
+TEST_F(Comparison, AnAnswerThatCannotBeWrittenIsNone) {
+    const std::string a = booted("a", one_region()), b = booted("b", one_region("need_upgrade = false\n"));
+    EXPECT_EQ(run({"compare", a, b}).status, 1);
+    EXPECT_EQ(run_program({"/bin/sh", "-c", "\"$0\" compare \"$1\" \"$2\" > /dev/full", CARDSIM_COMMAND, a, b}, root_,
+                          std::chrono::seconds(60))
+                  .status,
+              2);
 }
 
 }  // namespace

@@ -173,6 +173,15 @@ TEST_F(CommandTest, TheStateOfAnotherCardIsRefusedAndStaysAsItIs) {
     EXPECT_THAT(names_in(state_ / "scratch"), IsEmpty());
 }
 
+TEST_F(CommandTest, NoStateIsMadeAmongWhatIsInstalled) {
+    const fs::path state = "/usr/share/cardsim-test-" + std::to_string(getpid());
+    const Result result = run({"boot", card_.string(), "--state", state.string()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, state.string() + ": among what is installed; name another directory by --state\n");
+    EXPECT_EQ(run({"show", card_.string(), "--state", state.string()}).status, 0) << "makes none";
+    EXPECT_EQ(fs::remove_all(state), 0U);
+}
+
 TEST_F(CommandTest, ImagesAreTheSameWhereverTheyAreMade) {
     ASSERT_EQ(boot({"--state", (root_ / "one").string()}).status, 0);
     ASSERT_EQ(boot({"--state", (root_ / "two").string()}).status, 0);
@@ -797,6 +806,7 @@ TEST_F(CommandTest, UsageErrorsAreRefused) {
                                                       {"boot"},
                                                       {"exec", card_.string()},
                                                       {"boot", card_.string(), "--speed", "0"},
+                                                      {"boot", card_.string(), "--speed", "1000001"},
                                                       {"boot", card_.string(), "--max-boots", "0"},
                                                       {"destroy", card_.string()}}) {
         EXPECT_GE(run(arguments).status, 100);

@@ -78,7 +78,8 @@ void add_power(CLI::App &command, cardsim::Power &power) {
     command.add_flag("--network", power.host_network, "gives the card the host's network and its /run");
 }
 
-/// Writes an answer to standard output. Throws Error: whoever asked must not take a lost answer for an empty one.
+/// Writes an answer to standard output, after what was printed before. Throws Error: whoever asked must not take a lost
+/// answer for an empty one.
 void answer(const std::string &text) {
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         throw cardsim::system_error("standard output: cannot be written", errno);
@@ -175,7 +176,7 @@ int make_card(const Options &options) {
 
 int check_libraries(const Options &options) {
     const int status = cardsim::check_libraries(options.libraries);
-    answer("");
+    answer("");  // the tables are printed
     return status;
 }
 

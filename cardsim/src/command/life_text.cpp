@@ -84,12 +84,11 @@ std::string verdict(const Life &life) {
     for (const std::string &outcome : order) parts.push_back(std::to_string(counts[outcome]) + " " + outcome);
     if (parts.empty()) parts.emplace_back("no regions");
     const std::size_t boots = life.boots.size();
+    std::string text = std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts);
     const bool is_up = life.status == boot_is_up || life.status == boot_left_due;
-    return std::to_string(boots) + (boots == 1 ? " boot: " : " boots: ") + joined(parts) +
-           (is_up ? "" : "; the card is not up") +
-           (!due.empty() ? "; not current: " + joined(due)
-            : is_up      ? "; nothing is left to upgrade"
-                         : "");
+    if (!is_up) text += "; the card is not up";
+    if (!due.empty()) return text + "; not current: " + joined(due);
+    return is_up ? text + "; nothing is left to upgrade" : text;
 }
 
 std::string life_text(const Life &life, std::size_t width) {

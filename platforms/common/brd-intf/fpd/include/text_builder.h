@@ -38,6 +38,7 @@ class TextBuilder {
     const char *text() const { return text_; }
 
   private:
+    /// Of a format in which all conversions are "%s", "%d" or "%ld".
     void add_plain_list(const char *format, std::va_list arguments);
     char *end() { return text_ + length_; }
     /// Bytes for more characters and their NUL.

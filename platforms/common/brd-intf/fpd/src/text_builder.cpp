@@ -29,7 +29,7 @@ void TextBuilder::add(const char *format, ...) {
     va_end(arguments);
 }
 
-// A third of the time of vsnprintf, which is what a log line costs beside its system calls.
+// Half of a log line's instructions were those of vsnprintf; this takes less than half as many.
 void TextBuilder::add_plain_list(const char *format, std::va_list arguments) {
     while (const char *const conversion = std::strchr(format, '%')) {
         add_text({format, static_cast<std::size_t>(conversion - format)});
