@@ -1,6 +1,7 @@
 /* A card whose libraries answer at once: nothing but the tool's own work is left to measure.
  *
- * BENCH_REGIONS in the environment is the number of its FPD regions, four of them an FPD; all are current. */
+ * BENCH_REGIONS in the environment is the number of its FPD regions, four of them an FPD; all are current unless
+ * BENCH_OLD is set. Nothing can be upgraded: what needs it can only be listed. */
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,10 +17,16 @@
 #define HANDLE 1U
 
 static uint32_t region_count = 24;
+static int is_old;
 
 __attribute__((constructor)) static void read_environment(void) {
     const char *const text = getenv("BENCH_REGIONS");
     if (text) region_count = (uint32_t)strtoul(text, NULL, 10);
+    is_old = getenv("BENCH_OLD") != NULL;
+}
+
+static uint32_t fpd_count(void) {
+    return (region_count + REGIONS_OF_AN_FPD - 1) / REGIONS_OF_AN_FPD;
 }
 
 /* "Fpd0007": seven characters, as such names go, and of one length so that every region costs the same. */
@@ -40,17 +47,18 @@ int brd_local_card_group_id_get(uint32_t *group_id) {
 }
 
 int brd_group_fpd_num_fpds_get(uint32_t group_id, uint32_t *count) {
-    *count = region_count / REGIONS_OF_AN_FPD;
+    *count = fpd_count();
     return 0;
 }
 
 int brd_group_fpd_obj_id_list_get(uint32_t group_id, uint32_t *ids) {
-    for (uint32_t i = 0; i < region_count / REGIONS_OF_AN_FPD; ++i) ids[i] = i;
+    for (uint32_t i = 0; i < fpd_count(); ++i) ids[i] = i;
     return 0;
 }
 
 int brd_fpd_num_regions_get(uint32_t group_id, uint32_t obj_id, uint8_t *num_regions) {
-    *num_regions = REGIONS_OF_AN_FPD;
+    const uint32_t left = region_count - obj_id * REGIONS_OF_AN_FPD; /* the last FPD may have less */
+    *num_regions = left < REGIONS_OF_AN_FPD ? (uint8_t)left : REGIONS_OF_AN_FPD;
     return 0;
 }
 
@@ -70,7 +78,7 @@ int brd_fpd_info_get(uint32_t group_id, uint32_t obj_id, uint8_t region, BrdFpdI
 }
 
 int brd_fpd_upgrade(uint32_t group_id, uint32_t obj_id, BrdFpdUpgradeRequest *request, char *err_msg, size_t err_len) {
-    abort(); /* everything is current */
+    abort(); /* nothing is upgraded */
 }
 
 int brd_group_led_init(uint32_t group_id) {
@@ -130,7 +138,9 @@ int check_and_get_upgrade_image(FpdDescRequest *request, FpdDesc *result, char *
     memcpy(result->image, "firmware.img", sizeof "firmware.img");
     memcpy(result->md5, "eda5b582607664a036cf43ca522b2d05", sizeof "eda5b582607664a036cf43ca522b2d05");
     result->packaged_version = request->programmed_version;
-    result->status_msg = "no upgrade needed";
+    result->packaged_version.minor += is_old;
+    result->need_upgrade = is_old;
+    result->status_msg = is_old ? "upgrade needed" : "no upgrade needed";
     return 0;
 }
 
@@ -138,7 +148,7 @@ int check_and_get_upgrade_image(FpdDescRequest *request, FpdDesc *result, char *
 
 int exec_shell_command(char *output, size_t output_size, size_t *output_len, char *err_msg, size_t err_len,
                        const char *format, ...) {
-    abort(); /* everything is current */
+    abort(); /* nothing is upgraded */
 }
 
 int brd_intf_fpd_image_md5_validate(const char *directory, const char *image, const char *md5, char *err_msg,

@@ -260,16 +260,16 @@ int __wrap_nanosleep(const timespec *time, timespec *left) {
 }
 
 /// What queues and records that are in order never have logged.
-void __wrap__Z9log_error7LogSitePKcz(LogSite site, const char *format, ...) {
+void __wrap__Z9log_errorRK7LogSitePKcz(const LogSite &site, const char *format, ...) {
     constexpr std::array<std::string_view, 4> impossible = {"FpdUpgProgressCheckInvState", "MoveFpdBetweenQueueRm",
                                                             "MoveFpdBetweenQueueAdd", "RmFpdQueueNotFound"};
-    for (const std::string_view tag : impossible) require(!is_on() || tag != site.tag, site.tag);
+    for (const std::string_view tag : impossible) require(!is_on() || tag != site.tag, tag.data());
     TextBuilder text;
     std::va_list arguments;
     va_start(arguments, format);
     text.add_list(format, arguments);
     va_end(arguments);
-    fpd_log(site.component, "ERROR", site.tag, site.file, site.line, "%s", text.text());
+    pass_on(site, 0, "%s", text.text());
 }
 
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*entry)(void *), void *argument);

@@ -21,7 +21,8 @@ int send_auto_fpd_upgrade_event(int kind, const char *message, char *err_msg, st
 
 /// Raises the event with a formatted message, cut at 255 characters; a failure is logged at `site` and has no other
 /// consequence.
-[[gnu::format(printf, 3, 4)]] void raise_fpd_event(LogSite site, AutoFpdUpgradeEvent kind, const char *format, ...);
+[[gnu::format(printf, 3, 4)]] void raise_fpd_event(const LogSite &site, AutoFpdUpgradeEvent kind, const char *format,
+                                                   ...);
 
 /// One sender per kind. Each returns 0, or the utility library's code with its text in err_msg.
 int send_auto_fpd_upgrade_started_event(const char *message, char *err_msg, std::size_t err_len);

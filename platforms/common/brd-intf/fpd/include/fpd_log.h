@@ -12,24 +12,26 @@
 
 /// A module as its log lines show it: component word and base name of its source file, without the extension.
 struct LogModule {
-    consteval LogModule(const char *component_word, std::string_view path) : component(component_word) {
-        path.remove_prefix(path.rfind('/') + 1);
-        path = path.substr(0, path.rfind('.'));
-        path.copy(file, sizeof file - 1);
+    consteval LogModule(const char *component_word, std::string_view path)
+        : component(component_word), file(path.substr(path.rfind('/') + 1)) {
+        file = file.substr(0, file.rfind('.'));
     }
 
-    const char *component;  // static text
-    char file[64]{};        // NUL-terminated
+    std::string_view component;  // static text, as is that of the file
+    std::string_view file;
 };
 
 /// The place of one log call.
 struct LogSite {
     constexpr LogSite(const LogModule &module, const char *site_tag, int site_line = __builtin_LINE())
         : component(module.component), file(module.file), tag(site_tag), line(site_line) {}
+    /// A field without an address is left out of the line.
+    LogSite(std::string_view its_component, std::string_view its_file, std::string_view its_tag, int its_line)
+        : component(its_component), file(its_file), tag(its_tag), line(its_line) {}
 
-    const char *component;
-    const char *file;
-    const char *tag;  // CamelCase, static text
+    std::string_view component;
+    std::string_view file;
+    std::string_view tag;  // CamelCase, static text
     int line;
 };
 
@@ -42,19 +44,19 @@ struct LogSite {
 void fpd_log_timestamp(char *buffer, std::size_t size);
 
 /// A failure.
-[[gnu::format(printf, 2, 3)]] void log_error(LogSite site, const char *format, ...);
+[[gnu::format(printf, 2, 3)]] void log_error(const LogSite &site, const char *format, ...);
 /// A milestone or a decision.
-[[gnu::format(printf, 2, 3)]] void log_info(LogSite site, const char *format, ...);
+[[gnu::format(printf, 2, 3)]] void log_info(const LogSite &site, const char *format, ...);
 /// Detail.
-[[gnu::format(printf, 2, 3)]] void log_debug(LogSite site, const char *format, ...);
+[[gnu::format(printf, 2, 3)]] void log_debug(const LogSite &site, const char *format, ...);
 
 /// Logs a failure as ERROR, writes the same text into err_msg and returns `rc`. The arguments may point into
 /// err_msg. A null err_msg takes no text.
-[[gnu::format(printf, 5, 6)]] int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *format,
-                                       ...);
+[[gnu::format(printf, 5, 6)]] int fail(const LogSite &site, int rc, char *err_msg, std::size_t err_len,
+                                       const char *format, ...);
 /// Logs as ERROR that a callee failed which was handed err_msg and left its reason there, and returns `rc`. The text
 /// stays as it is: a caller sees the innermost reason, once.
-[[gnu::format(printf, 3, 4)]] int pass_on(LogSite site, int rc, const char *format, ...);
+[[gnu::format(printf, 3, 4)]] int pass_on(const LogSite &site, int rc, const char *format, ...);
 /// As fail(), without a log line: the caller that logs is told by err_msg.
 [[gnu::format(printf, 4, 5)]] int fail_unlogged(int rc, char *err_msg, std::size_t err_len, const char *format, ...);
 /// Empties err_msg, so that a callee that writes nothing leaves nothing of an earlier call there. Null is allowed.

@@ -44,6 +44,6 @@ static_assert(std::is_trivial_v<LocalCard>, "taken with calloc");
 /// it is the result, and leaves it unplanned.
 int enter_sequence_queue(LocalCard &card, Fpd &fpd, unsigned seq, char *err_msg, std::size_t err_len);
 /// Moves a planned record from its sequence queue to the tail of fpd_queue; a failure is logged at `site`.
-void leave_sequence_queue(LocalCard &card, Fpd &fpd, LogSite site);
+void leave_sequence_queue(LocalCard &card, Fpd &fpd, const LogSite &site);
 
 #endif

@@ -24,11 +24,13 @@ class TextBuilder {
     TextBuilder &operator=(const TextBuilder &) = delete;
 
     [[gnu::format(printf, 2, 3)]] void add(const char *format, ...);
-    /// A format that printf refuses is added as it stands.
+    /// A conversion that printf refuses is added as it stands, with what follows it.
     [[gnu::format(printf, 2, 0)]] void add_list(const char *format, std::va_list arguments);
     void add_text(std::string_view text) {
-        if (text.size() >= room()) make_room(text.size());
-        append(text.substr(0, room() - 1));
+        if (text.size() < room())
+            append(text);
+        else
+            add_long_text(text);
     }
     void add_number(long number);
     /// Adds the last characters of a line, which replace those before them when the text had to be cut.
@@ -38,8 +40,10 @@ class TextBuilder {
     const char *text() const { return text_; }
 
   private:
-    /// Of a format in which all conversions are "%s", "%d" or "%ld".
-    void add_plain_list(const char *format, std::va_list arguments);
+    void add_hexadecimal(unsigned long number);
+    void add_address(const void *address);
+    void add_long_text(std::string_view text);
+    [[gnu::format(printf, 2, 0)]] void add_list_of_printf(const char *format, std::va_list arguments);
     char *end() { return text_ + length_; }
     /// Bytes for more characters and their NUL.
     std::size_t room() const { return capacity_ - length_; }

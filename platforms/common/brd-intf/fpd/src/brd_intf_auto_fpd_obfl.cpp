@@ -51,7 +51,7 @@ struct LogFileRegex {
 };
 
 /// Moves what was logged so far to the flash; from then on lines go there.
-void take_flash_into_use(LogSite failure_site) {
+void take_flash_into_use(const LogSite &failure_site) {
     char err_msg[error_size] = "";
     if (obfl_move_temp_log(err_msg, sizeof err_msg) == 0)
         context.flash_ready = true;

@@ -33,7 +33,7 @@ int contains(const Table &table, std::uint32_t board_type) {
 }
 
 /// Logs a failed read of the card's identity and passes its code on.
-int read_failed(LogSite site, const char *format, int rc) {
+int read_failed(const LogSite &site, const char *format, int rc) {
     log_error(site, format, rc);
     return rc;
 }

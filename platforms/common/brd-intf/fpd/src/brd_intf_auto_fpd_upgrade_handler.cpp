@@ -112,7 +112,7 @@ void handle_progressing(Fpd &fpd, std::uint32_t progress) {
               state_name(fpd.state), static_cast<int>(progress));
 }
 
-void queue_for_retry(Fpd &fpd, LogSite site) {
+void queue_for_retry(Fpd &fpd, const LogSite &site) {
     ++fpd.retries;
     transition(fpd, FpdState::queued_for_upgrade);
     log_info(site, "FPD %s would be queued to upgrade upg_retry %d", fpd.info.name, fpd.retries);

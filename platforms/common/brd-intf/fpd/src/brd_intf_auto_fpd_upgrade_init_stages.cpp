@@ -31,7 +31,7 @@ int clean_stage(Planning &planning) {
     return 0;
 }
 
-int build_golden_stage(Planning &planning, UpgradeStage stage, LogSite failure_site) {
+int build_golden_stage(Planning &planning, UpgradeStage stage, const LogSite &failure_site) {
     const int rc = build_stage(planning, stage);
     if (rc != 0)
         return pass_on(failure_site, rc, "FPD Upgrade stage %s check failed to build fpd upgrade, error %s",

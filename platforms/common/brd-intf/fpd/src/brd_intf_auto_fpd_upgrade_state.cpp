@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "fpd_log.h"
+#include "text_builder.h"
 
 namespace {
 
@@ -88,14 +89,14 @@ char *fpd_version_to_text(const FpdVersion &version, char *buffer, std::size_t s
         if (size > 0) buffer[0] = '\0';
         return buffer;
     }
-    char text[sizeof "255.65535.255"];
+    TextBuilder text;
     if (version.kind >= FPD_VERSION_UNKNOWN)
-        std::snprintf(text, sizeof text, "Unknown");
+        text.add_text("Unknown");
     else if (version.kind == FPD_VERSION_NO_DEBUG)
-        std::snprintf(text, sizeof text, "%d.%d", version.major, version.minor);
+        text.add("%d.%d", version.major, version.minor);
     else
-        std::snprintf(text, sizeof text, "%d.%d.%d", version.major, version.minor, version.debug);
-    buffer[std::string_view(text).copy(buffer, limit)] = '\0';
+        text.add("%d.%d.%d", version.major, version.minor, version.debug);
+    buffer[text.view().copy(buffer, limit)] = '\0';
     return buffer;
 }
 

@@ -102,7 +102,7 @@ int send_report(FpdWorkerCtx &worker, FpdState state, std::uint32_t progress) {
     return uninterrupted(send) == 0 ? 0 : -errno;
 }
 
-void report_state(FpdWorkerCtx &worker, FpdState state, std::uint32_t progress, LogSite failure_site) {
+void report_state(FpdWorkerCtx &worker, FpdState state, std::uint32_t progress, const LogSite &failure_site) {
     const int rc = send_report(worker, state, progress);
     if (rc != 0)
         log_error(failure_site, "Sending worker thread FPD %s upgrade state failed error %s", worker.name,

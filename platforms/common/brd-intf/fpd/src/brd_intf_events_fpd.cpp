@@ -57,7 +57,7 @@ int send_auto_fpd_upgrade_event(int kind, const char *message, char *err_msg, st
     return send_event(static_cast<AutoFpdUpgradeEvent>(kind), message, err_msg, err_len);
 }
 
-void raise_fpd_event(LogSite site, AutoFpdUpgradeEvent kind, const char *format, ...) {
+void raise_fpd_event(const LogSite &site, AutoFpdUpgradeEvent kind, const char *format, ...) {
     char message[256];
     std::va_list arguments;
     va_start(arguments, format);

@@ -34,25 +34,29 @@ struct VaListEnd {
     std::va_list &arguments;
 };
 
-void add_field(TextBuilder &line, const char *field) {
-    if (!field) return;
-    line.add_text(" [");
-    line.add_text(field);
-    line.add_text("]");
+/// What a caller left out has no address.
+std::string_view view_of(const char *text) {
+    return text ? std::string_view(text) : std::string_view();
 }
 
-/// "[PROCESS:THREAD]". Asked for once a thread: each line would cost two system calls more.
+void add_field(TextBuilder &line, std::string_view field) {
+    if (!field.data()) return;
+    line.add_text("] [");
+    line.add_text(field);
+}
+
+/// "PROCESS:THREAD". Asked for once a thread: each line would cost two system calls more.
 const char *ids_of_this_thread() {
     // Of the executable's own: no call into the dynamic loader.
     [[gnu::tls_model("initial-exec")]] thread_local char ids[32];
-    if (!*ids) std::snprintf(ids, sizeof ids, "[%d:%d]", getpid(), static_cast<int>(syscall(SYS_gettid)));
+    if (!*ids) std::snprintf(ids, sizeof ids, "%d:%d", getpid(), static_cast<int>(syscall(SYS_gettid)));
     return ids;
 }
 
 /// What all lines of one second have in common. To work it out costs more than the rest of a line.
 struct SecondText {
     std::time_t second;
-    char date_and_time[24];  // local
+    char date_and_time[25];  // local, with a point after it
     char zone[11];           // with a blank before it; empty: too long for any line
 };
 
@@ -60,7 +64,7 @@ SecondText text_of(std::time_t second) {
     std::tm local{};
     localtime_r(&second, &local);
     SecondText text{.second = second, .date_and_time = "", .zone = ""};
-    std::strftime(text.date_and_time, sizeof text.date_and_time, "%F %T", &local);
+    std::strftime(text.date_and_time, sizeof text.date_and_time, "%F %T.", &local);
     if (!fits(std::snprintf(text.zone, sizeof text.zone, " %s", local.tm_zone), sizeof text.zone)) text.zone[0] = '\0';
     return text;
 }
@@ -69,7 +73,6 @@ void add_timestamp(TextBuilder &line, const SecondText &text, suseconds_t micros
     const std::size_t before = line.view().size();
     line.add_text(text.date_and_time);
     // The fraction is without leading zeros: readers of existing logs depend on it.
-    line.add_text(".");
     line.add_number(microseconds);
     // A time without its zone tells more than one with a part of its name.
     const std::string_view zone = text.zone;
@@ -84,32 +87,25 @@ void add_time_of_now(TextBuilder &line) {
     add_timestamp(line, text, now.tv_usec);
 }
 
-[[gnu::format(printf, 6, 0)]] void log_line(const char *component, const char *level, const char *tag, const char *file,
-                                            int line_number, const char *format, std::va_list arguments) {
+[[gnu::format(printf, 3, 0)]] void log_at(const LogSite &site, std::string_view level, const char *format,
+                                          std::va_list arguments) {
     const ErrnoKeeper keeper;
     TextBuilder line;
     line.add_text("[");
     add_time_of_now(line);
-    line.add_text("] ");
-    line.add_text(ids_of_this_thread());
-    add_field(line, component);
+    add_field(line, ids_of_this_thread());
+    add_field(line, site.component);
     add_field(line, level);
-    add_field(line, tag);
-    if (file) {
-        line.add_text(" [");
-        line.add_text(file);
+    add_field(line, site.tag);
+    add_field(line, site.file);
+    if (site.file.data()) {
         line.add_text(":");
-        line.add_number(line_number);
-        line.add_text("]");
+        line.add_number(site.line);
     }
-    line.add_text(" [");
+    line.add_text("] [");
     line.add_list(format, arguments);
     line.end_with("]\n");
     append_to_file(diagnostic_log, line.view());
-}
-
-[[gnu::format(printf, 3, 0)]] void log_at(LogSite site, const char *level, const char *format, std::va_list arguments) {
-    log_line(site.component, level, site.tag, site.file, site.line, format, arguments);
 }
 
 }  // namespace
@@ -128,24 +124,24 @@ void fpd_log(const char *component, const char *level, const char *tag, const ch
     std::va_list arguments;
     va_start(arguments, format);
     VaListEnd end(arguments);
-    log_line(component, level, tag, file, line, format, arguments);
+    log_at({view_of(component), view_of(file), view_of(tag), line}, view_of(level), format, arguments);
 }
 
-void log_error(LogSite site, const char *format, ...) {
+void log_error(const LogSite &site, const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
     VaListEnd end(arguments);
     log_at(site, "ERROR", format, arguments);
 }
 
-void log_info(LogSite site, const char *format, ...) {
+void log_info(const LogSite &site, const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
     VaListEnd end(arguments);
     log_at(site, "INFO", format, arguments);
 }
 
-void log_debug(LogSite site, const char *format, ...) {
+void log_debug(const LogSite &site, const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
     VaListEnd end(arguments);
@@ -160,7 +156,7 @@ void copy_error(char *err_msg, std::size_t err_len, const TextBuilder &text) {
 
 }  // namespace
 
-int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *format, ...) {
+int fail(const LogSite &site, int rc, char *err_msg, std::size_t err_len, const char *format, ...) {
     // Built aside first: the arguments may point into err_msg.
     TextBuilder text;
     std::va_list arguments;
@@ -172,7 +168,7 @@ int fail(LogSite site, int rc, char *err_msg, std::size_t err_len, const char *f
     return rc;
 }
 
-int pass_on(LogSite site, int rc, const char *format, ...) {
+int pass_on(const LogSite &site, int rc, const char *format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
     VaListEnd end(arguments);

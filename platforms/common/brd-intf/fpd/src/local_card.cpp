@@ -6,7 +6,7 @@ int enter_sequence_queue(LocalCard &card, Fpd &fpd, unsigned seq, char *err_msg,
     return rc;
 }
 
-void leave_sequence_queue(LocalCard &card, Fpd &fpd, LogSite site) {
+void leave_sequence_queue(LocalCard &card, Fpd &fpd, const LogSite &site) {
     char err_msg[256] = "";
     if (move_fpd_between_queue(&card.queues.seq_queues[fpd.seq], &card.queues.fpd_queue, &fpd, err_msg,
                                sizeof err_msg) != 0)
