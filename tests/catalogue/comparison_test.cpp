@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <regex>
 
 #include "comparison_record.h"
 #include "files.h"
@@ -34,7 +35,9 @@ Entries record_of(const std::string &program, const std::string &filter) {
     const card_tests::Result result = card_tests::run_program({program, "--gtest_brief=1", "--gtest_filter=" + filter},
                                                               directory.path(), std::chrono::seconds(540));
     unsetenv(record_variable);
-    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    // CTest would take this test for a skipped one for the sake of any that it shows.
+    EXPECT_EQ(result.status, 0) << std::regex_replace(result.out, std::regex("\\[  SKIPPED \\]"), "skipped:")
+                                << result.err;
     return read_record(record);
 }
 

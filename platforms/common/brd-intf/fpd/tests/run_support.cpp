@@ -197,6 +197,11 @@ void await_end(FpdWorkerCtx &worker) {
     EXPECT_TRUE(eventually([&] { return has_ended(worker); })) << worker.name;
 }
 
+void await_thread(const FpdWorkerCtx &worker) {
+    clockid_t clock;
+    EXPECT_TRUE(eventually([&] { return pthread_getcpuclockid(worker.thread, &clock) == ESRCH; })) << worker.name;
+}
+
 std::vector<std::string> events() {
     constexpr std::string_view script = "/usr/local/etc/send_fpd_doorbell_event.sh  -e ";
     std::vector<std::string> found;

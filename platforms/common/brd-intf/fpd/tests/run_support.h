@@ -96,6 +96,9 @@ std::vector<std::string> event_log_texts(const char *path = flash_log_path);
 
 /// Expects that the worker's thread comes to its end.
 void await_end(FpdWorkerCtx &worker);
+/// Expects that the worker's thread, which has not been joined or detached yet, can be joined at once. That it is
+/// through with its context is not yet its end.
+void await_thread(const FpdWorkerCtx &worker);
 
 /// Names of the records of a queue, in its order.
 std::vector<std::string> names(const Fpd *queue);

@@ -707,7 +707,7 @@ TEST_F(Supervision, EndsAWorkerWithoutAQueueAndReleasesItOnce) {
     interpose::fail(Call::mq_open, EMFILE);
     supervise();
     FpdWorkerCtx *const first = fpd.worker;
-    await_end(*first);
+    await_thread(*first);
     drain_worker_messages(card);
     interpose::advance_clock(3'000'000);
     supervise();
@@ -716,7 +716,7 @@ TEST_F(Supervision, EndsAWorkerWithoutAQueueAndReleasesItOnce) {
     supervise();
     ASSERT_NE(fpd.worker, nullptr);
     EXPECT_NE(fpd.worker, first);
-    await_end(*fpd.worker);
+    await_thread(*fpd.worker);
     drain_worker_messages(card);
     EXPECT_EQ(fpd.state, FpdState::upgrade_done);
     const unsigned joins = interpose::calls(Call::pthread_tryjoin_np);
@@ -806,7 +806,7 @@ TEST_F(LateWorker, IsNotCreditedToItsSuccessor) {
     EXPECT_EQ(card.planned_count, 1U);
 
     second.open();
-    await_end(successor);
+    for (const FpdWorkerCtx *const each : {&worker, &successor}) await_thread(*each);
     drain_worker_messages(card);
     EXPECT_EQ(fpd.state, FpdState::upgrade_done);
     EXPECT_EQ(card.planned_count, 0U);

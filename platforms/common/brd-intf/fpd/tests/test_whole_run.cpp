@@ -30,7 +30,7 @@ struct WholeRun : CardTest {
     void await_threads() const {
         for (Fpd *const queue : card->queues.seq_queues)
             for (const Fpd *fpd = queue; fpd; fpd = fpd->next)
-                EXPECT_TRUE(!fpd->worker || eventually([fpd] { return has_ended(*fpd->worker); }));
+                if (fpd->worker) await_thread(*fpd->worker);
         EXPECT_TRUE(eventually(obfl_mount_is_over));
     }
 

@@ -55,10 +55,7 @@ struct Worker : RunTest {
     FpdWorkerCtx &run_to_its_end() {
         EXPECT_EQ(start(), 0) << err_msg;
         FpdWorkerCtx &worker = *fpd.worker;
-        await_end(worker);
-        // What it reports last is not yet the end of its thread.
-        clockid_t clock;
-        EXPECT_TRUE(eventually([&] { return pthread_getcpuclockid(worker.thread, &clock) == ESRCH; }));
+        await_thread(worker);
         return worker;
     }
 
@@ -518,7 +515,7 @@ struct EndingWorker : Worker {
     }
     void let_end(FpdWorkerCtx &worker) {
         gate.open();
-        await_end(worker);
+        await_thread(worker);
     }
 
     const Gate gate{};
