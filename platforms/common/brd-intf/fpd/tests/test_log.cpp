@@ -468,7 +468,7 @@ TEST_F(RoomForAText, IsFilledAsPrintfDoes) {
     expect_as_of_printf("%qd", -1LL);
     expect_as_of_printf("%le", 1.5);
     expect_as_of_printf("%lxd", 255L);
-    expect_as_of_printf("%md");
+    expect_as_of_printf("%md", 1);
     expect_as_of_printf("%y", 255U);
 }
 
