@@ -155,6 +155,8 @@ def add_repository(root: pathlib.Path, builds: list[str], commands: list[str]):
     names = [name for name in files.split("\0") if (source / name).is_file()] + [f"build/{build}" for build in builds]
     run("cp", "-a", "--parents", *names, repository, cwd=source)
     run("chroot", root, "chown", "-R", "developer:developer", source)
+    # At its boot Debian clears /tmp, where the repository may lie.
+    (root / "etc/tmpfiles.d/tmp.conf").symlink_to("/dev/null")
     (root / "etc/repository").write_text(f"{source}\n")
     (root / "etc/commands").write_text("".join(f"{command}\n" for command in commands))
 
