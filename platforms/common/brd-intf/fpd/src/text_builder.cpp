@@ -16,7 +16,7 @@ void TextBuilder::add(const char *format, ...) {
     va_end(arguments);
 }
 
-// The log's conversions are made here: a line takes 1,800 instructions so, and 3,200 by vsnprintf.
+// The log's conversions are made here: a line takes 1,800 instructions so, and 2,900 by vsnprintf.
 void TextBuilder::add_list(const char *format, std::va_list arguments) {
     while (const char *const conversion = std::strchr(format, '%')) {
         add_text({format, static_cast<std::size_t>(conversion - format)});
